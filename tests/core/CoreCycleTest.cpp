@@ -1,0 +1,100 @@
+// The periodic cycle's four timers: due at exactly their interval, on absolute differences,
+// and gated by the upgrade and power-down flags. Time is whatever `now` the test passes.
+#include "CoreTestSupport.h"
+
+namespace {
+
+using Keys = std::vector<std::pair<uint32_t, uint32_t>>;
+
+class CycleTest : public CoreTest {
+  protected:
+    void SetUp() override {
+        CoreTest::SetUp();
+        CreateWithCtrl();
+    }
+    // Runs one cycle at `now` and returns what it queued.
+    Keys CycleAt(long long now) {
+        CSerialDevOBDTestPeer(m_obj).ClearQueue();
+        EXPECT_EQ(m_obj->PeripheralThreadCycle(now), 0);
+        return QueueKeys(m_obj);
+    }
+};
+
+const Keys kFiveSecondWork = {Get(GDS_GET_VERSION), Get(GDS_GET_ENGINE)};
+const Keys kTenSecondWork = {Cfg(GDS_CFG_START_TS)};
+const Keys kBoth = {Get(GDS_GET_VERSION), Get(GDS_GET_ENGINE), Cfg(GDS_CFG_START_TS)};
+
+TEST_F(CycleTest, FirstCycleBelowOneSecondRunsNothing) {
+    EXPECT_EQ(CycleAt(999), Keys{});
+    EXPECT_EQ(m_obj->InfoPending(GDS_GET_ALARM_THRESHOLD), 1);
+}
+
+TEST_F(CycleTest, FirstCycleAtTenSecondsRunsEveryTimer) {
+    EXPECT_EQ(CycleAt(10000), kBoth);
+    // The 5 s work also hands the thresholds to the store.
+    EXPECT_EQ(m_obj->InfoPending(GDS_GET_ALARM_THRESHOLD), 0);
+    // Right after, nothing is due.
+    EXPECT_EQ(CycleAt(10100), Keys{});
+}
+
+TEST_F(CycleTest, TenSecondTimerIsDueAtExactlyItsInterval) {
+    ASSERT_EQ(CycleAt(7000), kFiveSecondWork);  // moves the 5 s timer out of the way
+    EXPECT_EQ(CycleAt(9999), Keys{});
+    EXPECT_EQ(CycleAt(10000), kTenSecondWork);
+}
+
+TEST_F(CycleTest, FiveSecondTimerRunsAgainAtExactlyFiveThousandAfterItsLastRun) {
+    ASSERT_EQ(CycleAt(5000), kFiveSecondWork);
+    EXPECT_EQ(CycleAt(9999), Keys{});
+    EXPECT_EQ(CycleAt(10000), kBoth);
+    EXPECT_EQ(CycleAt(14999), Keys{});
+    EXPECT_EQ(CycleAt(15000), kFiveSecondWork);
+}
+
+TEST_F(CycleTest, ClockJumpingBackwardsMakesTimersDueByAbsoluteDifference) {
+    ASSERT_EQ(CycleAt(20000), kBoth);
+    EXPECT_EQ(CycleAt(15001), Keys{});           // 4999 back: nothing
+    EXPECT_EQ(CycleAt(15000), kFiveSecondWork);  // exactly 5000 back from 20000
+    EXPECT_EQ(CycleAt(10000), kBoth);            // 10000 back from 20000, 5000 from 15000
+    EXPECT_EQ(CycleAt(0), kBoth);                // and back to the origin
+}
+
+TEST_F(CycleTest, PowerDownEndsTheCycleInWhichTheOneSecondTimerFalls) {
+    CSerialDevOBDTestPeer(m_obj).SetPowerDown(1);
+    EXPECT_EQ(CycleAt(10000), Keys{});
+    // The 1 s timer stored 10000: next cycle runs the 2 s, 5 s and 10 s work that is due.
+    EXPECT_EQ(CycleAt(10100), kBoth);
+    EXPECT_EQ(CycleAt(11000), Keys{});
+}
+
+TEST_F(CycleTest, UpgradeTakesTheOneSecondTimerOutOfTheCycle) {
+    CSerialDevOBDTestPeer peer(m_obj);
+    peer.SetPowerDown(1);  // makes the 1 s timer visible: when it falls, the cycle ends early
+    peer.SetUpgrading(1);
+    // The 1 s timer is not looked at, so the cycle goes on; the 5 s work refuses to ask the box
+    // anything while upgrading, the 10 s work still queues its restart.
+    EXPECT_EQ(CycleAt(10000), kTenSecondWork);
+    EXPECT_EQ(fakehost::CountLogs("S38_OBD: Upgrading......, so not request anything\n", 3), 1);
+    peer.SetUpgrading(0);
+    EXPECT_EQ(CycleAt(20000), Keys{});
+}
+
+TEST_F(CycleTest, CanBoxModeChecksSilenceInsteadOfRequestingDeviceInformation) {
+    PeripheralRelease(m_obj);
+    m_obj = nullptr;
+    fakehost::Reset();
+    ObdCycleTimersReset();
+    CreateWithCtrl(72);
+    EXPECT_EQ(CycleAt(10000), kTenSecondWork);
+    EXPECT_EQ(m_obj->InfoPending(GDS_GET_ALARM_THRESHOLD), 1);
+}
+
+TEST_F(CycleTest, CycleWithoutLinkControllerQueuesNothing) {
+    PeripheralRelease(m_obj);
+    m_obj = nullptr;
+    Create();
+    EXPECT_EQ(m_obj->PeripheralThreadCycle(10000), 0);
+    EXPECT_EQ(m_obj->QueuedTaskCount(), 0u);
+}
+
+}  // namespace

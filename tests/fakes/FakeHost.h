@@ -1,0 +1,100 @@
+// A fake of the recorder's host framework for unit tests of the plug-in.
+//
+// It implements the same host-interface declarations as the Linux host layer, but records every
+// call instead of touching a tty or a bus thread, so a test can assert on the exact bytes the
+// plug-in wrote, the messages it sent and the order of lifecycle calls. All state is
+// process-wide (one peripheral per test) and guarded by one mutex; Reset() starts a test clean.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "CSerialBase.h"
+#include "HostCommon.h"
+
+namespace fakehost {
+
+struct LogLine {
+    int level;
+    std::string file;
+    std::string func;
+    int line;
+    std::string text;
+};
+
+struct BusSend {
+    int dest;
+    int id;
+    int flags;
+    std::vector<unsigned char> payload;
+    int moduleId;
+};
+
+struct BusResponse {
+    Common::SMessageHead head;
+    std::vector<unsigned char> payload;
+};
+
+struct Registration {
+    int moduleId;
+    int msgId;
+    const CPeripheralBase* object;
+    PeripheralMsgHandler handler;
+};
+
+struct Dump {
+    std::string label;
+    std::vector<unsigned char> bytes;
+    int level;
+};
+
+constexpr unsigned int kModuleId = 0x38;
+
+// Configuration.
+void Reset();
+void SetProductType(int type);
+void FailThreadCreation(bool fail);
+// Threads created while held wait before running their entry until ReleaseThreads().
+void HoldThreads(bool hold);
+void ReleaseThreads();
+// Blocks until every thread started through CreateNormalThread has returned from its entry.
+bool WaitThreadsExited(int timeoutMs);
+int ThreadsStarted();
+// A sleep of `us` host microseconds takes us / divisor real microseconds (default 1000).
+void SetSleepDivisor(unsigned int divisor);
+uint64_t SleepCalls();
+uint64_t SleptUs();
+void SetMicroSeconds(uint64_t us);
+void SetShareTime(const Common::_datetime_& dt);
+
+// Serial port: each queued chunk is handed over by one GetSerialBufferData call.
+void QueueSerialInput(const std::vector<unsigned char>& chunk);
+std::vector<std::vector<unsigned char>> SerialWrites();
+int ClearCalls();
+std::vector<int> ConfigStatuses();
+unsigned int MaxBufferSize();
+unsigned int CircleTime();
+bool PeripheralStatus();
+int StopThreadCalls();
+
+// Bus.
+std::vector<BusSend> Sends();
+std::vector<BusResponse> Responses();
+std::vector<Registration> Registrations();
+std::vector<int> Unregistrations();
+// Calls the handler registered for `msgId` with a host head and `payload`, on the caller's
+// thread. Returns the handler's result, or -1000 when nothing is registered for the id.
+int Deliver(int msgId, const std::vector<unsigned char>& payload);
+// Calls the handler with exactly these message bytes (tests of short and lying messages).
+int DeliverRaw(int msgId, const char* msg, int len);
+
+// Logging.
+std::vector<LogLine> Logs();
+int CountLogs(const std::string& substring, int level = -1);
+std::vector<Dump> Dumps();
+
+// Lifecycle calls in order ("StopPeripheralThread", "SetSerialConfigStatus:6", "~CSerialBase").
+std::vector<std::string> Events();
+
+}  // namespace fakehost
