@@ -9,6 +9,8 @@ using gds::SampleValue;
 
 namespace {
 
+constexpr size_t kProofreadValues = size_t{GDS_PROOFREAD_SAMPLES} * 6;
+
 struct Sensitivity {
     int lateralLow;
     int lateralHigh;
@@ -68,15 +70,15 @@ int ProofreadSixAxisData(const tagSixAxisOrgData* sample, tagGds6AxisProofread* 
     if (pr->count == 0 || pr->buffer == nullptr) {
         // Reuse a buffer left by an interrupted calibration rather than leaking it.
         if (pr->buffer == nullptr) {
-            pr->buffer = static_cast<int16_t*>(std::calloc(GDS_PROOFREAD_SAMPLES * 6, 2));
+            pr->buffer = static_cast<int16_t*>(std::calloc(kProofreadValues, sizeof(int16_t)));
             if (pr->buffer == nullptr) return -1;
         } else {
-            std::memset(pr->buffer, 0, GDS_PROOFREAD_SAMPLES * 6 * 2);
+            std::memset(pr->buffer, 0, kProofreadValues * sizeof(int16_t));
         }
         pr->count = 0;
     }
     if (pr->count < GDS_PROOFREAD_SAMPLES) {
-        int16_t* slot = pr->buffer + pr->count * 6;
+        int16_t* slot = pr->buffer + size_t{pr->count} * 6;
         for (int i = 0; i < 6; ++i) slot[i] = SampleValue(sample, 2 * i);
         ++pr->count;
         return 0;
