@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# The whole CI pipeline: installs what is missing, then builds and tests natively, under
+# ASan+UBSan, for armhf under qemu and under ThreadSanitizer, each in its own build directory.
+# Every stage runs even after an earlier one failed, so one run shows every broken pipeline;
+# the script fails if any stage did. Meant to be what .ci/run calls: `exec bash scripts/ci.sh`.
+#
+# Environment: JOBS (default 2, never more than 2), STAGES (default "native asan armhf tsan").
+set -uo pipefail
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+JOBS=${JOBS:-2}
+if ((JOBS > 2)); then JOBS=2; fi  # two cores, shared with other work
+export JOBS
+
+native() {
+    cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug &&
+        cmake --build build -j"$JOBS" &&
+        (cd build && ctest --output-on-failure -j"$JOBS" --no-tests=error --timeout 120)
+}
+asan() {
+    cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DOBD_SANITIZE=ON &&
+        cmake --build build-asan -j"$JOBS" &&
+        (cd build-asan && ctest --output-on-failure -j"$JOBS" --no-tests=error --timeout 120)
+}
+armhf() { bash scripts/test-armhf.sh; }
+tsan() { bash scripts/test-tsan.sh; }
+
+bash scripts/ci-deps.sh || exit 1
+
+failed=()
+report=()
+for stage in ${STAGES:-native asan armhf tsan}; do
+    echo "=== ci: $stage"
+    t0=$SECONDS
+    if "$stage"; then status=ok; else status=FAILED; failed+=("$stage"); fi
+    report+=("$(printf '%-8s %-6s %4d s' "$stage" "$status" $((SECONDS - t0)))")
+done
+
+echo "=== ci: summary (total ${SECONDS} s)"
+printf '  %s\n' "${report[@]}"
+if ((${#failed[@]})); then
+    echo "ci: failed stages: ${failed[*]}"
+    exit 1
+fi
