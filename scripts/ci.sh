@@ -7,7 +7,7 @@
 # Environment: JOBS (default 2, never more than 2), STAGES (default "native asan armhf tsan").
 set -uo pipefail
 
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 JOBS=${JOBS:-2}
 if ((JOBS > 2)); then JOBS=2; fi  # two cores, shared with other work
 export JOBS
