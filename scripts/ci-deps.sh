@@ -7,11 +7,13 @@ set -euo pipefail
 PACKAGES=(
     cmake
     g++
+    make
     googletest               # sources in /usr/src/googletest, built for armhf by the cross build
     libgtest-dev
     libgmock-dev
     libcli11-dev             # header-only, used by the simulator for both targets
     nlohmann-json3-dev       # header-only, likewise
+    libssl-dev               # libcrypto: independent reference for the MD5 tests (host only)
     g++-arm-linux-gnueabihf  # brings the armhf libc/libstdc++ under /usr/arm-linux-gnueabihf
     qemu-user                # qemu-arm runs the armhf test binaries
 )

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The whole CI pipeline: installs what is missing, then builds and tests natively, under
-# ASan+UBSan, for armhf under qemu and under ThreadSanitizer, each in its own build directory.
+# The whole CI pipeline: installs what is missing, then builds and tests natively and under
+# ASan+UBSan (scripts/test.sh), for armhf under qemu and under ThreadSanitizer, each in its own
+# build directory.
 # Every stage runs even after an earlier one failed, so one run shows every broken pipeline;
 # the script fails if any stage did. Meant to be what .ci/run calls: `exec bash scripts/ci.sh`.
 #
@@ -12,16 +13,8 @@ JOBS=${JOBS:-2}
 if ((JOBS > 2)); then JOBS=2; fi  # two cores, shared with other work
 export JOBS
 
-native() {
-    cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug &&
-        cmake --build build -j"$JOBS" &&
-        (cd build && ctest --output-on-failure -j"$JOBS" --no-tests=error --timeout 120)
-}
-asan() {
-    cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DOBD_SANITIZE=ON &&
-        cmake --build build-asan -j"$JOBS" &&
-        (cd build-asan && ctest --output-on-failure -j"$JOBS" --no-tests=error --timeout 120)
-}
+native() { bash scripts/test.sh --native; }
+asan() { bash scripts/test.sh --asan; }
 armhf() { bash scripts/test-armhf.sh; }
 tsan() { bash scripts/test-tsan.sh; }
 
