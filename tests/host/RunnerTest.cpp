@@ -128,8 +128,8 @@ TEST_F(RunnerTest, JsonReportsBusAndWireAndInjectsAtHostTimes) {
         "\n"
         "100 0a0B\n";
     std::ofstream(dir + "/script") << script;
-    const RunResult r = Execute({"--plugin", kTestPlugin, "--json", "--duration", "1", "--time-scale",
-                           "20", "--inject", dir + "/script"});
+    const RunResult r = Execute({"--plugin", kTestPlugin, "--json", "--duration", "4",
+                                 "--time-scale", "20", "--inject", dir + "/script"});
     unlink((dir + "/script").c_str());
     EXPECT_EQ(r.exitCode, 0) << r.err;
     const auto out = Lines(r.out);

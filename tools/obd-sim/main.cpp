@@ -272,11 +272,6 @@ int main(int argc, char** argv) {
     hostsim::SetLogLevel(logLevel);
     hostsim::SetDumpLevel(dumpLevel);
     hostsim::SetProductType(productType);
-    if (timeScale == 1.0) {
-        hostsim::ClockUseReal(0);
-    } else {
-        hostsim::ClockUseScaled(timeScale, 0);
-    }
 
     if (!serial.empty()) {
         std::string error;
@@ -328,6 +323,12 @@ int main(int argc, char** argv) {
     {
         hostsim::PluginHost host;
         host.SetSerial(serial, baud);
+        // Host time 0 is the plug-in's creation, so --duration and t_ms count from there.
+        if (timeScale == 1.0) {
+            hostsim::ClockUseReal(0);
+        } else {
+            hostsim::ClockUseScaled(timeScale, 0);
+        }
         if (!host.Load(plugin)) {
             status = Fail("cannot load plug-in: " + host.LastError(), 1);
         } else if (!host.SerialOpenError().empty()) {
