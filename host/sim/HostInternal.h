@@ -13,38 +13,41 @@
 #include "CThread.h"
 
 namespace hostsim {
-namespace detail __attribute__((visibility("hidden"))) {
+// Internal to libobdhost: not exported.
+#pragma GCC visibility push(hidden)
+namespace detail {
 
-    // ---- Clock ----
-    // Forward-only host time in microseconds: what deadlines are measured in. Moves with the clock
-    // except on a jump backwards, which changes only the reported time.
-    uint64_t ClockMonoUs();
-    // Reported host time in microseconds.
-    long long ClockNowUs();
-    // Bumped on every change of the clock other than its own running (advance, set, mode change).
-    uint64_t ClockGeneration();
-    // Real milliseconds a poll should wait for the forward-only time to reach `deadlineUs`; 0 when
-    // it has, -1 (forever) in the stepped mode.
-    int ClockRealTimeoutMs(uint64_t deadlineUs);
-    // eventfds written whenever the clock is changed, so poll loops recompute their timeout.
-    void ClockAddWaker(int fd);
-    void ClockRemoveWaker(int fd);
-    bool ClockIsStepped();
+// ---- Clock ----
+// Forward-only host time in microseconds: what deadlines are measured in. Moves with the clock
+// except on a jump backwards, which changes only the reported time.
+uint64_t ClockMonoUs();
+// Reported host time in microseconds.
+long long ClockNowUs();
+// Bumped on every change of the clock other than its own running (advance, set, mode change).
+uint64_t ClockGeneration();
+// Real milliseconds a poll should wait for the forward-only time to reach `deadlineUs`; 0 when
+// it has, -1 (forever) in the stepped mode.
+int ClockRealTimeoutMs(uint64_t deadlineUs);
+// eventfds written whenever the clock is changed, so poll loops recompute their timeout.
+void ClockAddWaker(int fd);
+void ClockRemoveWaker(int fd);
+bool ClockIsStepped();
 
-    // ---- Log ----
-    void EmitLine(int level, const std::string& line);
-    // The host's own lines, printf-style, through the same filter as the plug-in's.
-    void HostLog(int level, const char* func, const char* fmt, ...)
-        __attribute__((format(printf, 3, 4)));
+// ---- Log ----
+void EmitLine(int level, const std::string& line);
+// The host's own lines, printf-style, through the same filter as the plug-in's.
+void HostLog(int level, const char* func, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
 
-    // ---- Threads started through CreateNormalThread that have not yet returned ----
-    int LiveWorkerThreads();
-    void ResetPlatform();
-    void ResetLog();
-    void ResetBus();
-    void BusDropModule(unsigned int moduleId);
+// ---- Threads started through CreateNormalThread that have not yet returned ----
+int LiveWorkerThreads();
+void ResetPlatform();
+void ResetLog();
+void ResetBus();
+void BusDropModule(unsigned int moduleId);
 
-}  // namespace )
+}  // namespace detail
+#pragma GCC visibility pop
 }  // namespace hostsim
 
 #define HOST_LOG(level, ...) ::hostsim::detail::HostLog((level), __func__, __VA_ARGS__)
@@ -87,16 +90,19 @@ struct CPeripheralBase::PeripheralState {
 };
 
 namespace hostsim {
-namespace detail __attribute__((visibility("hidden"))) {
-    // Reaches the host-private parts of the base classes (protected members).
-    struct BaseAccess : CPeripheralBase {
-        static PeripheralState* State(const CPeripheralBase* p) {
-            return p->*(&BaseAccess::m_pPeripheralState);
-        }
-        static Common::CThread::ThreadState* Thread(const Common::CThread* t) {
-            return t->*(&BaseAccess::m_pThreadState);
-        }
-    };
-    bool StartPeripheralThread(CPeripheralBase * object);
-}  // namespace )
+// Internal to libobdhost: not exported.
+#pragma GCC visibility push(hidden)
+namespace detail {
+// Reaches the host-private parts of the base classes (protected members).
+struct BaseAccess : CPeripheralBase {
+    static PeripheralState* State(const CPeripheralBase* p) {
+        return p->*(&BaseAccess::m_pPeripheralState);
+    }
+    static Common::CThread::ThreadState* Thread(const Common::CThread* t) {
+        return t->*(&BaseAccess::m_pThreadState);
+    }
+};
+bool StartPeripheralThread(CPeripheralBase* object);
+}  // namespace detail
+#pragma GCC visibility pop
 }  // namespace hostsim
