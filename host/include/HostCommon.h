@@ -35,6 +35,8 @@ struct SMessageHead {
     uint32_t lenFlags;   // bits 0-22 payload length, bits 23-31 host flags
 };
 static_assert(sizeof(SMessageHead) == 16, "bus head is 16 bytes");
+static_assert(offsetof(SMessageHead, srcModule) == 4, "bus head layout");
+static_assert(offsetof(SMessageHead, seq) == 8, "bus head layout");
 static_assert(offsetof(SMessageHead, lenFlags) == 12, "payload length word sits at offset 12");
 constexpr uint32_t MSG_HEAD_LEN_MASK = 0x007FFFFFu;
 
@@ -50,6 +52,7 @@ struct _datetime_ {
 };
 static_assert(sizeof(_datetime_) == 8, "date-time record is 8 bytes");
 static_assert(offsetof(_datetime_, second) == 5, "the six date-time bytes lead the record");
+static_assert(offsetof(_datetime_, millisecond) == 6, "date-time record");
 
 // Fills `dt` from the host clock. Any thread. Returns 0, -1 for a null pointer.
 int P4X_TMGetShareTime(_datetime_* dt);

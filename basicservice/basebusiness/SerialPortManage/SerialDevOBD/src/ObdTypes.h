@@ -116,9 +116,12 @@ struct _OBD_DataStreamLevel_t {
 };
 static_assert(sizeof(_OBD_DataStreamLevelItem_t) == 40, "data-scan entry");
 static_assert(sizeof(_OBD_DataStreamLevel_t) == 124, "data-scan record");
+static_assert(offsetof(_OBD_DataStreamLevel_t, item) == 4, "data-scan record");
+static_assert(offsetof(_OBD_DataStreamLevelItem_t, len) == 4, "data-scan entry");
 static_assert(offsetof(_OBD_DataStreamLevelItem_t, data) == 8, "data-scan entry");
 
-// Fault-code report handed to UpdateDevInfo; `data` points into the received frame.
+// Fault-code report handed to UpdateDevInfo; `data` points into the received frame. In memory
+// only: its size follows the pointer width, so it never goes into a bus payload.
 struct _OBD_FaultCode_t {
     int32_t result;
     int32_t size;
@@ -132,6 +135,7 @@ struct UpgradeProgress_t {
     int32_t percent;
 };
 static_assert(sizeof(UpgradeProgress_t) == 8, "upgrade progress");
+static_assert(offsetof(UpgradeProgress_t, percent) == 4, "upgrade progress");
 
 // Upgrade state record of the bus (20 bytes).
 struct UpgradeResult_t {
