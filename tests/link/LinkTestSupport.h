@@ -100,6 +100,7 @@ class ScriptedBox {
         size_t seen = 0;
         while (!m_stop) {
             const auto writes = fakehost::SerialWrites();
+            if (writes.size() < seen) seen = 0;  // the test reset the fake host
             for (; seen < writes.size(); ++seen) {
                 for (Bytes answer : m_respond(Decode(writes[seen]))) {
                     m_ctrl->ReceiveData(answer.data(), static_cast<int>(answer.size()));
