@@ -36,7 +36,7 @@ TEST_F(LinkTest, StartStreamFrameCarriesItsFiveBytePayload) {
 }
 
 TEST_F(LinkTest, FrameBuildingRefusesWhatDoesNotFit) {
-    char out[16] = {};
+    char out[32] = {};
     char payload[7] = {};
     _OBD_PkgInData_t in{7, payload};
     EXPECT_EQ(m_ctrl->OBD_GenerateObdPackage(OBD_CMD_START_TS, &in, nullptr, 16, 0), -1);
