@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite twice: a plain debug build, then the same suite under
+# AddressSanitizer + UndefinedBehaviorSanitizer (no recovery: the first finding fails the run).
+#   bash scripts/test.sh            both builds
+#   bash scripts/test.sh --native   plain build only
+#   bash scripts/test.sh --asan     sanitizer build only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=${JOBS:-2}
+mode=${1:-all}
+
+run_suite() { # build-dir, extra cmake args...
+    local dir=$1
+    shift
+    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug "$@" >/dev/null
+    cmake --build "$dir" -j"$jobs"
+    (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 120)
+}
+
+if [[ $mode == all || $mode == --native ]]; then
+    echo "== native suite (build/) =="
+    run_suite build
+fi
+if [[ $mode == all || $mode == --asan ]]; then
+    echo "== ASan+UBSan suite (build-asan/) =="
+    export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+    export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+    run_suite build-asan -DOBD_SANITIZE=ON
+fi
