@@ -81,6 +81,13 @@ TEST_F(CoreTest, ReleaseWaitsForRunningSendThreadToAcknowledge) {
     EXPECT_EQ(fakehost::CountLogs("is destruct!!!", 0), 1);
 }
 
+TEST_F(CoreTest, ReleaseDuringSixAxisCalibrationFreesItsBuffer) {
+    // The sanitizer build's leak check is what fails here if the buffer outlives the object.
+    CSerialDevOBD* obj = Create();
+    ASSERT_EQ(obj->PeripheralInitialize(), 0);
+    ASSERT_EQ(CSerialDevOBDTestPeer(obj).StartCalibration(), 0);
+}
+
 TEST_F(CoreTest, ReleaseWhileSendThreadIsBusyWithQueuedWork) {
     CSerialDevOBD* obj = Create();
     ASSERT_EQ(obj->PeripheralInitialize(), 0);

@@ -24,6 +24,12 @@ class CSerialDevOBDTestPeer {
     }
     void SetPowerDown(int v) { m_obj->m_bPowerDown = v; }
     void SetUpgrading(unsigned char v) { m_obj->m_bUpgrading = v; }
+    // Starts a six-axis calibration and feeds it its first sample, which allocates its buffer.
+    int StartCalibration() {
+        if (Gds_IF_StartSixAxisProofread(&m_obj->m_gdsParam) != 0) return -1;
+        unsigned char sample[12] = {0x01, 0x00, 0x00, 0x20, 0x10, 0x00};
+        return Gds_IF_UpdateCollectData(COLLECT_SIX_AXIS_DATA, sample, &m_obj->m_gdsParam);
+    }
     void ClearQueue() {
         pthread_mutex_lock(&m_obj->m_taskMutex);
         m_obj->m_sendTaskQueue.clear();

@@ -54,4 +54,4 @@ TEST(VtableLayout, ObjectIsItsPeripheralBaseAtTheSameAddress) {
     EXPECT_EQ(PeripheralRelease(raw), 1);
 }
 
-} // namespace
+}  // namespace

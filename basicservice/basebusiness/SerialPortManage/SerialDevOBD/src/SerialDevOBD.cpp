@@ -119,6 +119,8 @@ CSerialDevOBD::~CSerialDevOBD() {
     if (m_bSendThreadStarted) {
         while (m_bTaskThreadRun.load() == 0) Common::P4X_TMSleepMicroSecond(20000);
     }
+    // A calibration still collecting owns a buffer; nobody feeds it once we are gone.
+    Gds_IF_ReleaseLogicAnalyser(&m_gdsParam);
     delete m_pObdCtrl;
     m_pObdCtrl = nullptr;
     std::free(m_pFaultCode);

@@ -1,0 +1,182 @@
+// Control API of the project's host layer (libobdhost).
+//
+// The host layer makes the recorder's host interface (host/include) real on Linux: a tty opened
+// with termios, a peripheral thread, a process-wide message bus with its own delivery thread, one
+// host clock and a log. This header is how the runner (tools/obd-sim) and the tests drive it.
+//
+// Threads: every function here may be called from any thread unless stated otherwise. The bus
+// delivers on its own thread; a bus listener or a log sink must not block for long.
+//
+// Host time. Everything time-based in the host and in the plug-in reads one host clock:
+// the cycle's `now`, P4X_TMGetSystemMicroSecond, P4X_TMGetShareTime and P4X_TMSleepMicroSecond.
+//  - Real:    host time runs with the machine's monotonic clock.
+//  - Scaled:  host time runs `factor` times faster; host sleeps last 1/factor as long.
+//  - Stepped: host time moves only through ClockAdvance / ClockSet; a sleeper wakes exactly when
+//             host time reaches its deadline, and not before.
+// Setting the clock backwards (ClockSet below the current time) moves the reported time back but
+// does not count as time passing: a sleep or a pending cycle still needs the host time it had
+// left at the jump, measured from the new time. So a jump backwards never hangs a sleeper and
+// never fires one early.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+class CPeripheralBase;
+class CPeripheralManage;
+class CMsgClientManage;
+
+namespace hostsim {
+
+// ---- Global state -----------------------------------------------------------------------------
+
+// Puts every global setting back to its default: real clock at host time 0, product type 0, log
+// level 1, dump level 0, log sink stderr, no pending thread-creation failures, bus without
+// registrations, listeners or queued messages. Call between tests, with no PluginHost alive.
+void Reset();
+
+// ---- Clock ------------------------------------------------------------------------------------
+
+enum class ClockMode { Real, Scaled, Stepped };
+
+// Each selects the mode and sets host time to `startMs`. The wall clock of P4X_TMGetShareTime is
+// re-anchored to the machine's current date and time at that instant (see ClockSetWallStart).
+void ClockUseReal(long long startMs = 0);
+// `factor` > 0 (e.g. 20: one real second is 20 host seconds). Returns false for a bad factor.
+bool ClockUseScaled(double factor, long long startMs = 0);
+void ClockUseStepped(long long startMs = 0);
+ClockMode ClockGetMode();
+
+// Moves host time forward by `ms` (>= 0) in any mode and wakes everything waiting on it. In the
+// stepped mode this is the only way, with ClockSet, for time to pass. Returns false for ms < 0.
+bool ClockAdvance(long long ms);
+// Sets host time to `ms` (>= 0), forwards or backwards (see the header comment for backwards).
+bool ClockSet(long long ms);
+long long ClockNowMs();
+
+// Anchors P4X_TMGetShareTime: the current host time corresponds to `epochMs` (milliseconds since
+// 1970-01-01 00:00:00 UTC); the date then runs with host time. The date is broken down in UTC so
+// that runs and tests give the same result whatever the machine's time zone.
+void ClockSetWallStart(long long epochMs);
+
+// ---- Platform ---------------------------------------------------------------------------------
+
+// What P4X_GetProductType reports (72 = CAN-box mode).
+void SetProductType(int type);
+int ProductType();
+// Makes the next `count` calls of CreateNormalThread fail (negative result), to test the
+// plug-in's failure path.
+void FailNextThreadCreates(int count);
+
+// ---- Log --------------------------------------------------------------------------------------
+
+// Log lines look like "[L1 SerialDevOBD:PeripheralInitialize:142] S38_OBD: ..." (level, source
+// file's last path component, function, line); dumps like "[D2] obd data: 7E 01 ..".
+// gclDebugPrintf prints when level <= log level; hex_dump when its level <= dump level.
+void SetLogLevel(int level);
+int LogLevel();
+void SetDumpLevel(int level);
+int DumpLevel();
+// Receives every printed line (without its newline) instead of stderr; lines from several
+// threads are handed over one at a time. An empty function restores stderr. The sink must not
+// log itself.
+using LogSink = std::function<void(int level, const std::string& line)>;
+void SetLogSink(LogSink sink);
+
+// ---- Bus --------------------------------------------------------------------------------------
+
+// One outbound bus message as a listener sees it.
+struct BusMessage {
+    long long tMs = 0;      // host time when the plug-in sent it
+    bool response = false;  // true: MSGResponseMessage
+    int id = 0;             // message id; for a response the id of the message it answers
+    std::vector<unsigned char> payload;
+    // For a response: the sequence number of the answered message (what BusInject returned).
+    // For a send: the bus's own running number.
+    unsigned int seq = 0;
+};
+using BusListener = std::function<void(const BusMessage&)>;
+
+// Every message the plug-in sends or answers reaches every listener, in order, on the bus
+// thread. Returns a token (> 0).
+int BusSubscribe(BusListener listener);
+// Returns once the listener is not running (at once when called on the bus thread itself).
+void BusUnsubscribe(int token);
+// Delivers an inbound message to every handler registered for `id`, on the bus thread: 16-byte
+// head (id, sender module 1, sequence number, payload length) followed by the payload. Returns
+// the message's sequence number (> 0), or -1 for a bad argument (negative id, payload longer
+// than 0x7FFFFF bytes).
+int BusInject(int id, const std::vector<unsigned char>& payload);
+// Returns when everything injected or sent before the call has been delivered (at once when
+// called on the bus thread).
+void BusDrain();
+
+// ---- One plug-in ------------------------------------------------------------------------------
+
+// Owns the manager, the bus client and the peripheral thread of one plug-in, and drives the
+// object as the recorder does. Use from one thread. Typical order: SetSerial, Load (or Adopt),
+// Initialize, RegisterHandlers, Start, ... , Release.
+class PluginHost {
+  public:
+    PluginHost();
+    // Releases a still loaded plug-in.
+    ~PluginHost();
+
+    // The tty the peripheral's serial base opens and its speed. Before Load/Adopt.
+    void SetSerial(const std::string& path, int baud = 115200);
+
+    // dlopen's the plug-in, looks up PeripheralCreate and PeripheralRelease and creates the object
+    // with PeripheralCreate(manager, nullptr, 0, 0). False (see LastError) when the library or a
+    // symbol is missing or the object is not created. A serial port that fails to open does not
+    // make Load fail: check SerialOpenError().
+    bool Load(const std::string& soPath);
+    // Drives an object the caller built with Manager() (a test peripheral); Release() then stops
+    // it and deletes it through its virtual destructor.
+    bool Adopt(CPeripheralBase* object);
+
+    // The recorder's calls, in its order. Each returns the plug-in's result, -1 without object.
+    int Initialize();        // PeripheralInitialize
+    int RegisterHandlers();  // MessageRegister
+    // Starts the peripheral thread: PeripheralThreadCycle(host ms) at once and then every circle
+    // time, ProcessPeripheralData when the tty has bytes. A jump of host time longer than a
+    // period gives one call, not a burst. False without object or when already running.
+    bool Start();
+    // MessageUnRegister, drop any registration the plug-in left, PeripheralRelease (which stops
+    // the peripheral thread), wait for the threads the plug-in started through
+    // CreateNormalThread to end, dlclose. In the stepped mode host time is moved forward in
+    // 10 ms steps while this waits, since the plug-in's shutdown handshake sleeps on host time.
+    // Returns PeripheralRelease's result (1), 0 when nothing was loaded.
+    int Release();
+
+    // True once the peripheral thread has done everything due at the current host time and
+    // waits (no cycle due, no tty bytes it has seen pending). Bytes written to a pseudo-terminal
+    // master reach the slave asynchronously: after writing, wait for the effect instead.
+    bool WaitPeripheralIdle(int realTimeoutMs = 2000);
+
+    CPeripheralManage* Manager() const;
+    CMsgClientManage* Client() const;
+    unsigned int ModuleId() const;
+    CPeripheralBase* Object() const;
+    // Last SetSerialConfigStatus status (-1 before any) and how many calls were made.
+    int LastSerialConfigStatus() const;
+    int SerialConfigStatusCount() const;
+    // Empty when the tty is open; else a one-line reason ("/dev/x: No such file or directory").
+    std::string SerialOpenError() const;
+    // What the plug-in last passed to SetCurPeripheralStatus (true before any call).
+    bool PeripheralStatusOk() const;
+    // PeripheralThreadCycle calls made by the peripheral thread so far.
+    long long CycleCount() const;
+    const std::string& LastError() const;
+
+    PluginHost(const PluginHost&) = delete;
+    PluginHost& operator=(const PluginHost&) = delete;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace hostsim

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# The whole CI pipeline: installs what is missing, then builds and tests natively and under
+# ASan+UBSan (scripts/test.sh), for armhf under qemu and under ThreadSanitizer, each in its own
+# build directory.
+# Every stage runs even after an earlier one failed, so one run shows every broken pipeline;
+# the script fails if any stage did. Meant to be what .ci/run calls: `exec bash scripts/ci.sh`.
+#
+# Environment: JOBS (default 2, never more than 2), STAGES (default "native asan armhf tsan").
+set -uo pipefail
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+JOBS=${JOBS:-2}
+if ((JOBS > 2)); then JOBS=2; fi  # two cores, shared with other work
+export JOBS
+
+native() { bash scripts/test.sh --native; }
+asan() { bash scripts/test.sh --asan; }
+armhf() { bash scripts/test-armhf.sh; }
+tsan() { bash scripts/test-tsan.sh; }
+
+bash scripts/ci-deps.sh || exit 1
+
+failed=()
+report=()
+for stage in ${STAGES:-native asan armhf tsan}; do
+    echo "=== ci: $stage"
+    t0=$SECONDS
+    if "$stage"; then status=ok; else status=FAILED; failed+=("$stage"); fi
+    report+=("$(printf '%-8s %-6s %4d s' "$stage" "$status" $((SECONDS - t0)))")
+done
+
+echo "=== ci: summary (total ${SECONDS} s)"
+printf '  %s\n' "${report[@]}"
+if ((${#failed[@]})); then
+    echo "ci: failed stages: ${failed[*]}"
+    exit 1
+fi
