@@ -9,28 +9,10 @@
 #include <vector>
 
 #include "COBDCtrl.h"
+#include "COBDCtrlTestPeer.h"
 #include "CoreTestSupport.h"
 
 using Bytes = std::vector<unsigned char>;
-
-class COBDCtrlTestPeer {
-  public:
-    explicit COBDCtrlTestPeer(COBDCtrl* c) : m_c(c) {}
-    void SetWaitCmd(obdcmd_t v) { m_c->m_waitCmd = v; }
-    void SetSeqNo(uint32_t v) { m_c->m_seqNo = v; }
-    void SetBoxAlive(int v) { m_c->m_bBoxAlive = v; }
-    void SetNoDataCount(int v) { m_c->m_noDataCount = v; }
-    int BoxAlive() const { return m_c->m_bBoxAlive.load(); }
-    int RecvLen() const { return m_c->m_recvLen; }
-    int DemarcateResult() const { return m_c->m_demarcateResult; }
-    const _OBD_Version_t& Version() const { return m_c->m_version; }
-    const _OBD_Engine_t& Engine() const { return m_c->m_engine; }
-    const _OBD_ScanTimeLevel_t& ScanTimeLevel() const { return m_c->m_scanTimeLevel; }
-    const _OBD_DataStreamLevel_t& DataScanLevel() const { return m_c->m_dataScanLevel; }
-
-  private:
-    COBDCtrl* m_c;
-};
 
 inline unsigned char Xor(const Bytes& b, size_t from, size_t to) {
     unsigned char x = 0;

@@ -416,6 +416,9 @@ void BoxEmulator::Answer(const ReceivedFrame& req, BoxOptions& o, std::vector<By
     auto answer = [&](uint16_t code, const ByteVec& body) {
         out.push_back(Encode(code, body, req.seq, o));
     };
+    for (uint16_t code : o.unanswered) {
+        if (code == req.code) return;
+    }
     switch (req.code) {
         case 0x2103:
             PutTexts(payload, o.hwTexts);

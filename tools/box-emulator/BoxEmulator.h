@@ -73,7 +73,8 @@ struct BoxOptions {
     int splitGapUs = 3000;     // pause between chunks, so that the reader sees separate reads
     bool badChecksum = false;  // every frame sent carries a wrong checksum
     bool stopAckAlt = false;   // acknowledge a stop of the stream with 0x2301 instead of 0x6C04
-    unsigned int seed = 1;     // for garbage and chunk sizes
+    std::vector<uint16_t> unanswered;  // request codes the box ignores (recorded all the same)
+    unsigned int seed = 1;             // for garbage and chunk sizes
 
     // What the box reports.
     std::vector<std::string> hwTexts{"EMU-OBD-BOX", "SN000001", "HW1.0", "2024-05-01", "T1"};

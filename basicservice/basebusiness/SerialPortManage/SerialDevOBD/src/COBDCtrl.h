@@ -128,7 +128,7 @@ class COBDCtrl : public COBDParser {
     _OBD_Engine_t m_engine;
     int32_t m_demarcateResult;
     std::atomic<uint32_t> m_seqNo;
-    // Written by the send thread (after each send) and the receiving thread (answers), polled by
+    // Written by the send thread (before each send) and the receiving thread (answers), polled by
     // the send thread.
     std::atomic<obdcmd_t> m_waitCmd;
     std::atomic<int> m_bBoxAlive;

@@ -78,10 +78,11 @@ int COBDCtrl::OBD_ExecuteCmd(obdcmd_t cmd, _OBD_PkgInData_t* in, int retry) {
         std::free(buf);
         return 0;
     }
-    const int r = OBD_SendData(buf, frameLen);
-    // Stored only after the send: an answer handled before this store releases nobody, and
-    // the wait then repeats the request.
+    // Stored before the frame leaves: a box that answers faster than this thread returns from
+    // the write must still find its command awaited, or the answer would release nobody and the
+    // request would be repeated after a full timeout.
     m_waitCmd = cmd;
+    const int r = OBD_SendData(buf, frameLen);
     std::free(buf);
     return r;
 }
