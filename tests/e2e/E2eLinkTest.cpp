@@ -1,6 +1,7 @@
 // End to end: the plug-in loaded as the recorder loads it (dlopen through the host layer), on a
 // real pseudo-terminal, against the box emulator. Host time is stepped by the test, so command
 // timeouts of seconds pass in milliseconds; the box answers in real time.
+// E2E_VERBOSE=1 prints the host log and the serial dumps while the tests run.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -264,3 +264,28 @@ TEST_F(LinkTest, FrameSplitAfterItsHeadWaitsForTheRest) {
 }
 
 }  // namespace
+
+namespace {
+
+// Serial reads (peripheral thread) and relayed box bytes (bus thread) feed one receiver: each
+// read is handled whole, so whole frames from both sides are all dispatched, none mixed.
+TEST_F(LinkTest, TwoFeedersAtOnceLoseNoFrame) {
+    constexpr int kReads = 300;
+    auto feeder = [this](unsigned char id) {
+        for (int i = 0; i < kReads; ++i) {
+            Bytes f = DataFrame(id, static_cast<float>(i));
+            m_ctrl->ReceiveData(f.data(), static_cast<int>(f.size()));
+        }
+    };
+    std::thread serial(feeder, 1);
+    std::thread bus(feeder, 2);
+    serial.join();
+    bus.join();
+    EXPECT_EQ(Dispatched().size(), 2u * kReads);
+    EXPECT_EQ(fakehost::CountLogs("crc error"), 0);
+    const auto t = m_ctrl->DataTable();
+    EXPECT_EQ(t.item[0].value, kReads - 1.0f);
+    EXPECT_EQ(t.item[1].value, kReads - 1.0f);
+}
+
+}  // namespace
