@@ -2,6 +2,7 @@
 // real pseudo-terminal, against the box emulator. Host time is stepped by the test, so command
 // timeouts of seconds pass in milliseconds; the box answers in real time.
 // E2E_VERBOSE=1 prints the host log and the serial dumps while the tests run.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -312,6 +313,24 @@ TEST_P(E2eFaultTest, E2eSurvivesTheFaultAndRecognisesTheNextGoodFrame) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, E2eFaultTest, ::testing::Range(0, 8));
+
+// The command table leaves the library as data under its plain name.
+TEST(E2eExports, E2eCommandTableIsExportedAsData) {
+    void* lib = dlopen(OBD_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(lib, nullptr) << dlerror();
+    const auto* table = static_cast<const uint16_t*>(dlsym(lib, "ObdCmdArray"));
+    ASSERT_NE(table, nullptr);
+    Dl_info info{};
+    ASSERT_NE(dladdr(table, &info), 0);
+    EXPECT_STREQ(info.dli_sname, "ObdCmdArray");
+    EXPECT_EQ(table[0], 0x0000);
+    EXPECT_EQ(table[3], 0x2105);
+    EXPECT_EQ(table[4], 0x6105);
+    EXPECT_EQ(table[19], 0x0000);  // OBD_CMD_FAIL: a state, never sent
+    EXPECT_EQ(table[33], table[34]);
+    EXPECT_EQ(table[40], 0x6CF1);
+    dlclose(lib);
+}
 
 // CAN-box mode: the box is behind another service. Only the software-version read and the
 // start of the stream leave, as bus messages carrying the frame; the serial line stays silent.
