@@ -1,6 +1,7 @@
 // Payload parsers of the box's answers. See COBDParser.h for the rule on what does not fit.
 #include "COBDParser.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -81,7 +82,7 @@ int COBDParser::OBD_ParserScanTimeLevel(char* payload, int len, _OBD_ScanTimeLev
     if (n > (len - 1) / kEntry) n = (len - 1) / kEntry;
     out->num = n;
     for (int k = 0; k < n; ++k) {
-        const unsigned char* e = p + 1 + k * kEntry;
+        const unsigned char* e = p + 1 + static_cast<ptrdiff_t>(k) * kEntry;
         out->item[k].level = e[0];
         out->item[k].time = U32Be(e + 1);
     }
