@@ -69,6 +69,8 @@ class CSerialDevOBD : public CSerialBase {
 
     // Read-only views for the host side and tests.
     COBDCtrl* ObdCtrl() const { return m_pObdCtrl; }
+    // The host's manager, for the link controller's frame dumps.
+    CPeripheralManage* PeripheralManage() const { return m_pPeripheralManage; }
     bool IsCanBoxMode() const { return m_bCanBoxMode != 0; }
     bool IsUpgrading() const { return m_bUpgrading.load() != 0; }
     bool IsPowerDown() const { return m_bPowerDown.load() != 0; }

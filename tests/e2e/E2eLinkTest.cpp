@@ -1,0 +1,360 @@
+// End to end: the plug-in loaded as the recorder loads it (dlopen through the host layer), on a
+// real pseudo-terminal, against the box emulator. Host time is stepped by the test, so command
+// timeouts of seconds pass in milliseconds; the box answers in real time.
+// E2E_VERBOSE=1 prints the host log and the serial dumps while the tests run.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "BoxEmulator.h"
+#include "COBDCtrlTestPeer.h"
+#include "HostSim.h"
+#include "SerialDevOBD.h"
+
+namespace {
+
+using obdbox::BoxEmulator;
+using obdbox::BoxOptions;
+using obdbox::ByteVec;
+using obdbox::ReceivedFrame;
+
+std::vector<uint16_t> Codes(const std::vector<ReceivedFrame>& rx) {
+    std::vector<uint16_t> c;
+    for (const auto& f : rx) c.push_back(f.code);
+    return c;
+}
+
+class E2eTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        hostsim::Reset();
+        if (getenv("E2E_VERBOSE")) hostsim::SetDumpLevel(3);
+        hostsim::SetLogSink([this](int, const std::string& line) {
+            if (getenv("E2E_VERBOSE"))
+                fprintf(stderr, "%lld %s\n", hostsim::ClockNowMs(), line.c_str());
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_logs.push_back(line);
+        });
+        m_token = hostsim::BusSubscribe([this](const hostsim::BusMessage& m) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_bus.push_back(m);
+        });
+        hostsim::ClockUseStepped(0);
+    }
+    void TearDown() override {
+        if (m_host) {
+            // Before the shutdown handshake the send thread must come to rest: a healthy box
+            // that does not answer link requests (a link task is never released and would keep
+            // the destructor waiting for its 11 attempts), and host time to finish what runs.
+            if (m_box) {
+                m_box->Update([](BoxOptions& o) {
+                    o = Answering(o);
+                    o.linkPeriodMs = 0;
+                    o.unanswered = {0x2C10};
+                });
+            }
+            Step(30000, 200);
+            // The destructor waits for the send thread's current command, which sleeps on host
+            // time: keep time moving faster than the host layer's own 10 ms steps meanwhile.
+            std::atomic<bool> done{false};
+            int released = 0;
+            std::thread release([&] {
+                released = m_host->Release();
+                done = true;
+            });
+            while (!done) {
+                hostsim::ClockAdvance(200);
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            release.join();
+            EXPECT_EQ(released, 1);
+        }
+        m_host.reset();
+        if (m_box) m_box->Stop();
+        hostsim::BusUnsubscribe(m_token);
+        hostsim::Reset();
+    }
+    // The box without any fault (its rates and contents unchanged).
+    static BoxOptions Answering(BoxOptions o) {
+        o.silent = o.refuse = o.badChecksum = o.escape = false;
+        o.dropEveryNth = o.garbageBytes = o.splitMaxChunk = 0;
+        o.unanswered.clear();
+        return o;
+    }
+
+    void Launch(BoxOptions o = {}, int productType = 0) {
+        hostsim::SetProductType(productType);
+        m_box = std::make_unique<BoxEmulator>(o);
+        ASSERT_TRUE(m_box->Start()) << m_box->LastError();
+        m_host = std::make_unique<hostsim::PluginHost>();
+        m_host->SetSerial(m_box->SlavePath());
+        ASSERT_TRUE(m_host->Load(OBD_PLUGIN_PATH)) << m_host->LastError();
+        ASSERT_EQ(m_host->SerialOpenError(), "");
+        ASSERT_EQ(m_host->Initialize(), 0);
+        ASSERT_EQ(m_host->RegisterHandlers(), 0);
+        ASSERT_TRUE(m_host->Start());
+    }
+
+    // Moves host time on in `step` ms steps, giving the plug-in's threads and the box a moment
+    // of real time after each, until `done` holds or `hostMs` have passed.
+    bool StepUntil(const std::function<bool()>& done, long long hostMs, int step = 50) {
+        const long long end = hostsim::ClockNowMs() + hostMs;
+        while (!done()) {
+            if (hostsim::ClockNowMs() >= end) return false;
+            hostsim::ClockAdvance(step);
+            std::this_thread::sleep_for(std::chrono::microseconds(1000));
+        }
+        return true;
+    }
+    void Step(long long hostMs, int step = 50) {
+        StepUntil([] { return false; }, hostMs, step);
+    }
+    bool StepUntilFrames(size_t n, long long hostMs) {
+        return StepUntil([&] { return m_box->Received().size() >= n; }, hostMs);
+    }
+
+    COBDCtrl* Ctrl() const { return static_cast<CSerialDevOBD*>(m_host->Object())->ObdCtrl(); }
+    _OBD_DataTable_t Table() const { return COBDCtrlTestPeer(Ctrl()).DataTable(); }
+    std::vector<hostsim::BusMessage> Bus() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_bus;
+    }
+
+    std::unique_ptr<BoxEmulator> m_box;
+    std::unique_ptr<hostsim::PluginHost> m_host;
+    std::mutex m_mutex;
+    std::vector<std::string> m_logs;
+    std::vector<hostsim::BusMessage> m_bus;
+    int m_token = 0;
+};
+
+// After start the plug-in stops the box's data stream and starts it again: exact bytes.
+TEST_F(E2eTest, E2eStartStopsThenStartsTheStreamWithExactFrames) {
+    Launch();
+    ASSERT_TRUE(StepUntilFrames(2, 1000));
+    const auto rx = m_box->Received();
+    // F0^F8^00^03^01^2C^04 = 0x22; F0^F8^00^08^02^2C^01^FF = 0xD0.
+    EXPECT_EQ(rx[0].raw, (ByteVec{0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x03, 0x01, 0x2C, 0x04, 0x22}));
+    EXPECT_EQ(rx[1].raw, (ByteVec{0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x08, 0x02, 0x2C, 0x01, 0xFF, 0x00,
+                                  0x00, 0x00, 0x00, 0xD0}));
+    // Both answered: nothing is repeated before the 5 s work.
+    Step(4000);
+    EXPECT_EQ(m_box->Received().size(), 2u);
+    EXPECT_TRUE(m_box->Streaming());
+}
+
+// An answered command is over within a poll period and the next follows; an unanswered one is
+// sent retries + 1 times under one sequence number, then the task ends and the stream restarts.
+TEST_F(E2eTest, E2eAnsweredCommandsFollowPromptlyUnansweredOnesAreRetried) {
+    BoxOptions o;
+    o.unanswered = {0x2103};  // the hardware-version read
+    Launch(o);
+    ASSERT_TRUE(StepUntil([&] { return m_box->Received().size() >= 1; }, 1000, 10));
+    const long long firstAt = hostsim::ClockNowMs();
+    ASSERT_TRUE(StepUntil([&] { return m_box->Received().size() >= 2; }, 1000, 10));
+    EXPECT_LE(hostsim::ClockNowMs() - firstAt, 100);  // the first 50 ms poll sees the answer
+
+    // The 5 s work asks for the versions: stop, 11 reads, start again.
+    ASSERT_TRUE(StepUntilFrames(15, 40000));
+    const auto rx = m_box->Received();
+    const auto codes = Codes(rx);
+    const std::vector<uint16_t> expected = {0x2C04, 0x2C01, 0x2C04, 0x2103, 0x2103,
+                                            0x2103, 0x2103, 0x2103, 0x2103, 0x2103,
+                                            0x2103, 0x2103, 0x2103, 0x2103, 0x2C01};
+    EXPECT_EQ(std::vector<uint16_t>(codes.begin(), codes.begin() + 15), expected);
+    for (int i = 3; i < 14; ++i) {
+        EXPECT_EQ(rx[i].seq, 4) << i;
+        EXPECT_EQ(rx[i].raw, rx[3].raw) << i;
+    }
+    EXPECT_EQ(rx[14].seq, 5);
+    // About 2050 ms of host time lie between two attempts; the box saw them in real time.
+    EXPECT_GT(rx[13].tMs, rx[3].tMs);
+}
+
+TEST_F(E2eTest, E2eLinkFrameLeadsToLinkTasksOnTheTenSecondTimer) {
+    Launch();
+    auto links = [&] {
+        int n = 0;
+        for (const auto& f : m_box->Received()) n += f.code == 0x2C10;
+        return n;
+    };
+    // Without a link frame from the box the 10 s work only restarts the stream.
+    Step(10500);
+    EXPECT_EQ(links(), 0);
+    EXPECT_EQ(m_box->Received().back().code, 0x2C01);
+
+    m_box->SendLink();
+    ASSERT_TRUE(StepUntil([&] { return COBDCtrlTestPeer(Ctrl()).BoxAlive() == 1; }, 1000));
+    EXPECT_EQ(links(), 0);  // not before the timer
+    const size_t before = m_box->Received().size();
+    ASSERT_TRUE(StepUntil([&] { return links() >= 1; }, 10000));
+    EXPECT_GE(hostsim::ClockNowMs(), 20000);
+    // The timer first restarts the stream (stop, start), then the link task stops it and links.
+    const auto rx = m_box->Received();
+    const auto codes = Codes(rx);
+    const std::vector<uint16_t> tail(codes.begin() + static_cast<long>(before), codes.end());
+    ASSERT_GE(tail.size(), 4u);
+    EXPECT_EQ(std::vector<uint16_t>(tail.end() - 4, tail.end()),
+              (std::vector<uint16_t>{0x2C04, 0x2C01, 0x2C04, 0x2C10}));
+    // Never released (the box's link answer is no engine answer): 11 attempts, then the stream
+    // is started again.
+    ASSERT_TRUE(
+        StepUntil([&] { return links() >= 11 && m_box->Received().back().code == 0x2C01; }, 30000));
+    EXPECT_EQ(links(), 11);
+}
+
+TEST_F(E2eTest, E2eDataStreamLandsInTheTableThroughEscapesSplitsAndGarbage) {
+    // One value carries 0x7E, which the box escapes.
+    const float escaped = [] {
+        const unsigned char b[4] = {0x00, 0x7E, 0x20, 0x41};
+        float f;
+        std::memcpy(&f, b, 4);
+        return f;
+    }();
+    BoxOptions o;
+    o.streamPeriodMs = 15;
+    o.values = [escaped] { return obdbox::DataItems{{9, escaped}, {1, 850.0f}, {3, 88.0f}}; };
+    Launch(o);
+    ASSERT_TRUE(StepUntilFrames(2, 1000));  // the stream is started
+    // Escaped, cut into reads of 1 to 8 bytes, garbage before each frame. A frame cut inside
+    // its four head bytes is lost (the receiver drops a read without a whole head); the others
+    // are reassembled.
+    m_box->Update([](BoxOptions& opt) {
+        opt.escape = true;
+        opt.garbageBytes = 6;
+        opt.splitMaxChunk = 8;
+        opt.splitGapUs = 1000;
+    });
+    ASSERT_TRUE(StepUntil(
+        [&] {
+            const auto t = Table();
+            return t.item[0].id == 0 && t.item[2].id == 2 && t.item[8].id == 8;
+        },
+        3000, 10));
+    const auto t = Table();
+    EXPECT_EQ(t.item[0].value, 850.0f);
+    EXPECT_EQ(t.item[2].value, 88.0f);
+    EXPECT_EQ(t.item[8].value, escaped);
+    EXPECT_EQ(t.item[1].id, -1);  // never sent
+}
+
+// Every fault of the box, then a good box again: the plug-in survives (the sanitizer build
+// checks every access) and recognises the next good frame.
+class E2eFaultTest : public E2eTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(E2eFaultTest, E2eSurvivesTheFaultAndRecognisesTheNextGoodFrame) {
+    BoxOptions o;
+    o.streamPeriodMs = 10;
+    o.linkPeriodMs = 700;
+    o.seed = static_cast<unsigned>(GetParam() + 1);
+    switch (GetParam()) {
+        case 0:
+            o.silent = true;
+            break;
+        case 1:
+            o.refuse = true;
+            break;
+        case 2:
+            o.dropEveryNth = 2;
+            break;
+        case 3:
+            o.garbageBytes = 40;
+            break;
+        case 4:
+            o.splitMaxChunk = 3;
+            o.splitGapUs = 500;
+            break;
+        case 5:
+            o.badChecksum = true;
+            break;
+        case 6:
+            o.escape = true;
+            o.escapeCountsInLength = true;
+            break;
+        case 7:
+            o.stopAckAlt = true;
+            o.escape = true;
+            break;
+    }
+    int tick = 0;
+    o.values = [&tick] {
+        ++tick;
+        return obdbox::DataItems{
+            {static_cast<uint8_t>(1 + tick % 59), 125.0f + float(tick)}, {0x7E, 1.0f}, {2, -3.5f}};
+    };
+    Launch(o);
+    m_box->SendRaw(ByteVec{0x55, 0xAA, 0xF8, 0xF0, 0x03, 0xF0, 0x00});  // a lying head
+    Step(12000, 100);
+    // The faults stop; one good frame must be enough.
+    m_box->Update([](BoxOptions& opt) {
+        opt = Answering(opt);
+        opt.garbageBytes = 0;
+        opt.splitMaxChunk = 0;
+        opt.escape = false;
+        opt.streamPeriodMs = 0;
+        opt.linkPeriodMs = 0;
+        opt.values = [] { return obdbox::DataItems{{59, 4321.0f}}; };
+    });
+    // Flushes a pending lying head at once; were it read in pieces, the head would still hold
+    // the receiver for at most its L + 7 <= 1023 bytes, which the frames below provide.
+    m_box->SendRaw(ByteVec(1000, 0x00));
+    ASSERT_TRUE(StepUntil(
+        [&] {
+            m_box->SendDataStream();
+            return Table().item[58].value == 4321.0f;
+        },
+        6000, 50));
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, E2eFaultTest, ::testing::Range(0, 8));
+
+// The command table leaves the library as data under its plain name.
+TEST(E2eExports, E2eCommandTableIsExportedAsData) {
+    void* lib = dlopen(OBD_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(lib, nullptr) << dlerror();
+    const auto* table = static_cast<const uint16_t*>(dlsym(lib, "ObdCmdArray"));
+    ASSERT_NE(table, nullptr);
+    Dl_info info{};
+    ASSERT_NE(dladdr(table, &info), 0);
+    EXPECT_STREQ(info.dli_sname, "ObdCmdArray");
+    EXPECT_EQ(table[0], 0x0000);
+    EXPECT_EQ(table[3], 0x2105);
+    EXPECT_EQ(table[4], 0x6105);
+    EXPECT_EQ(table[19], 0x0000);  // OBD_CMD_FAIL: a state, never sent
+    EXPECT_EQ(table[33], table[34]);
+    EXPECT_EQ(table[40], 0x6CF1);
+    dlclose(lib);
+}
+
+// CAN-box mode: the box is behind another service. Only the software-version read and the
+// start of the stream leave, as bus messages carrying the frame; the serial line stays silent.
+TEST_F(E2eTest, E2eCanBoxModeForwardsOnlyTheStartAsBusMessages) {
+    Launch({}, 72);
+    auto outs = [&] {
+        std::vector<hostsim::BusMessage> v;
+        for (const auto& m : Bus()) {
+            if (!m.response && m.id == 6899) v.push_back(m);
+        }
+        return v;
+    };
+    ASSERT_TRUE(StepUntil([&] { return outs().size() >= 1; }, 1000));
+    // No stop in CAN-box mode: the first frame is the start, sequence number 1.
+    // F0^F8^00^08^01^2C^01^FF = 0xD3.
+    const ByteVec start = {0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x08, 0x01, 0x2C,
+                           0x01, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xD3};
+    ByteVec expected = {15, 0, 0, 0};
+    expected.insert(expected.end(), start.begin(), start.end());
+    EXPECT_EQ(outs()[0].payload, expected);
+    // Nothing relays an answer back yet: the start is repeated under the same number.
+    ASSERT_TRUE(StepUntil([&] { return outs().size() >= 11; }, 25000));
+    for (const auto& m : outs()) EXPECT_EQ(m.payload, expected);
+    EXPECT_TRUE(m_box->Received().empty());
+}
+
+}  // namespace

@@ -1,0 +1,162 @@
+// OBD box emulator: the box's side of the serial protocol, on a pseudo-terminal or a real tty.
+//
+// What it does:
+//  - answers every request of the plug-in (versions, engine, scan-time and data-scan levels read
+//    and configure, fault codes, configure engine, start/stop data stream, link, upgrade steps;
+//    restart and jump are, like on the real box, not answered), echoing the request's sequence
+//    number;
+//  - sends data-stream frames while the stream is started and link frames, each at its own rate,
+//    and any frame or raw bytes on request;
+//  - records every frame it receives (time, sequence number, code, payload, raw bytes) so a test
+//    can assert on the exact bytes the plug-in sent.
+// Fault options make it silent, refuse, drop answers, put garbage between frames, split frames
+// into chunks, corrupt checksums and escape bytes.
+//
+// Frame: 55 AA, direction (F0 F8 towards the box, F8 F0 from it), length L (MSB first) =
+// payload + 3, sequence number, code (MSB first), payload, XOR of bytes 2.. end of payload.
+//
+// Use: fill BoxOptions, construct, Start(), point the plug-in at SlavePath(), ..., Stop() (or
+// destroy). One thread of its own reads the line, answers and sends periodic frames; every
+// public function may be called from any thread. Times are real (steady clock) milliseconds.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace obdbox {
+
+using ByteVec = std::vector<uint8_t>;
+
+// One frame received from the plug-in.
+struct ReceivedFrame {
+    double tMs = 0;  // since Start()
+    uint8_t seq = 0;
+    uint16_t code = 0;
+    ByteVec payload;
+    ByteVec raw;  // the whole frame as it came off the line
+    bool checksumOk = false;
+};
+
+// Data-stream items: id (1..59) and value, asked for once per data-stream frame.
+using DataItems = std::vector<std::pair<uint8_t, float>>;
+using ValueSource = std::function<DataItems()>;
+
+struct BoxOptions {
+    std::string ttyPath;  // empty: create a pseudo-terminal; else open this tty
+    int baud = 115200;    // for a given tty
+
+    int streamPeriodMs = 0;  // data-stream frame period while the stream is started; 0: none
+    int linkPeriodMs = 0;    // link frame period (always, like the box's keep-alive); 0: none
+    ValueSource values;      // empty: a small built-in table
+
+    // Escaping of the frames it sends: 7E -> 7D 01, 7F -> 7D 02, 7D -> 7D 03 (never the first or
+    // last byte). Whether L counts the escape pairs is not fixed by the protocol: by default it
+    // counts the unescaped bytes.
+    bool escape = false;
+    bool escapeCountsInLength = false;
+
+    // Faults.
+    bool silent = false;       // says nothing at all (records what it receives)
+    bool refuse = false;       // upgrade steps answer status 2, configure engine status 1
+    int dropEveryNth = 0;      // the Nth, 2Nth, ... answer is not sent; 0: none dropped
+    int garbageBytes = 0;      // random bytes (never a whole head) before each frame sent
+    int splitMaxChunk = 0;     // write frames in random chunks of 1..N bytes; 0: whole
+    int splitGapUs = 3000;     // pause between chunks, so that the reader sees separate reads
+    bool badChecksum = false;  // every frame sent carries a wrong checksum
+    bool stopAckAlt = false;   // acknowledge a stop of the stream with 0x2301 instead of 0x6C04
+    std::vector<uint16_t> unanswered;  // request codes the box ignores (recorded all the same)
+    unsigned int seed = 1;             // for garbage and chunk sizes
+
+    // What the box reports.
+    std::vector<std::string> hwTexts{"EMU-OBD-BOX", "SN000001", "HW1.0", "2024-05-01", "T1"};
+    std::vector<std::string> swTexts{"BOOT1.0", "DL1.0", "DIAG1.0"};
+    uint16_t engineId = 0x0001;
+    std::vector<std::pair<uint8_t, uint32_t>> scanTimeLevels{{1, 1000}, {2, 5000}};
+    std::vector<std::pair<uint8_t, ByteVec>> dataScanLevels{{1, {0x0C, 0x0D}}};
+    ByteVec faultCodes{0x01, 0x33, 0x00};
+    uint8_t upgradeStatus = 4;  // 4: accepted
+
+    // Receives one line per frame received or sent (decoded) and per fault applied.
+    std::function<void(const std::string&)> log;
+};
+
+class BoxEmulator {
+  public:
+    explicit BoxEmulator(BoxOptions options = {});
+    ~BoxEmulator();
+    BoxEmulator(const BoxEmulator&) = delete;
+    BoxEmulator& operator=(const BoxEmulator&) = delete;
+
+    // Opens the line and starts the thread. False (see LastError) when the line cannot be had.
+    bool Start();
+    // Stops the thread and closes the line. Safe to call twice.
+    void Stop();
+    const std::string& SlavePath() const { return m_slavePath; }
+    const std::string& LastError() const { return m_error; }
+
+    // Frames received so far, in order.
+    std::vector<ReceivedFrame> Received() const;
+    void ClearReceived();
+    // Waits (real time) until `pred` holds for the received frames.
+    bool WaitFor(const std::function<bool(const std::vector<ReceivedFrame>&)>& pred,
+                 int timeoutMs) const;
+    bool WaitForFrames(size_t count, int timeoutMs) const;
+
+    // Changes options while running (faults, rates, contents). Not ttyPath/baud.
+    void Update(const std::function<void(BoxOptions&)>& change);
+    bool Streaming() const { return m_streaming.load(); }
+
+    // Sends now, through the fault options (escape, garbage, split, checksum).
+    void SendFrame(uint16_t code, const ByteVec& payload, uint8_t seq = 0);
+    void SendLink();
+    void SendDataStream();
+    // Sends bytes exactly as given.
+    void SendRaw(const ByteVec& bytes);
+
+    // A frame from the box (F8 F0), escaped as asked. Exposed for tests and tools.
+    static ByteVec EncodeFrame(uint16_t code, const ByteVec& payload, uint8_t seq, bool escape,
+                               bool escapeCountsInLength, bool badChecksum);
+    static std::string Describe(const ReceivedFrame& f);
+
+  private:
+    void Run();
+    void OnBytes(const uint8_t* data, size_t n);
+    void OnFrame(ReceivedFrame f);
+    void Answer(const ReceivedFrame& req, BoxOptions& o, std::vector<ByteVec>& out);
+    ByteVec Encode(uint16_t code, const ByteVec& payload, uint8_t seq, const BoxOptions& o);
+    void Transmit(const ByteVec& frame, const BoxOptions& o);
+    void WriteAll(const uint8_t* data, size_t n);
+    void Log(const std::string& line);
+    BoxOptions Snapshot() const;
+
+    mutable std::mutex m_optMutex;  // guards m_opt
+    BoxOptions m_opt;
+    mutable std::mutex m_rxMutex;  // guards m_rx
+    mutable std::condition_variable m_rxCv;
+    std::vector<ReceivedFrame> m_rx;
+    std::mutex m_writeMutex;  // one frame's bytes are never interleaved with another's
+    std::mt19937 m_rng;       // under m_writeMutex
+
+    ByteVec m_inBuf;  // box thread only
+    int m_masterFd = -1;
+    int m_slaveHoldFd = -1;
+    std::string m_slavePath;
+    std::string m_error;
+    std::thread m_thread;
+    std::atomic<bool> m_run{false};
+    std::atomic<bool> m_streaming{false};
+    std::atomic<uint8_t> m_boxSeq{0};
+    uint64_t m_answers = 0;  // box thread only
+    std::chrono::steady_clock::time_point m_t0;
+};
+
+}  // namespace obdbox
