@@ -81,7 +81,8 @@ DataItems DefaultValues() {
 
 }  // namespace
 
-BoxEmulator::BoxEmulator(BoxOptions options) : m_opt(std::move(options)), m_rng(m_opt.seed) {}
+BoxEmulator::BoxEmulator(BoxOptions options)
+    : m_opt(std::move(options)), m_rng(m_opt.seed), m_wireTap(m_opt.wireTap) {}
 
 BoxEmulator::~BoxEmulator() {
     Stop();
@@ -240,6 +241,7 @@ ByteVec BoxEmulator::Encode(uint16_t code, const ByteVec& payload, uint8_t seq,
 }
 
 void BoxEmulator::WriteAll(const uint8_t* data, size_t n) {
+    if (m_wireTap && n > 0) m_wireTap(false, data, n);
     size_t done = 0;
     int stalls = 0;
     while (done < n && m_masterFd >= 0) {
@@ -350,6 +352,7 @@ void BoxEmulator::Run() {
 }
 
 void BoxEmulator::OnBytes(const uint8_t* data, size_t n) {
+    if (m_wireTap) m_wireTap(true, data, n);
     m_inBuf.insert(m_inBuf.end(), data, data + n);
     for (;;) {
         size_t head = 0;

@@ -87,6 +87,10 @@ struct BoxOptions {
 
     // Receives one line per frame received or sent (decoded) and per fault applied.
     std::function<void(const std::string&)> log;
+    // Sees every byte on the line as it crosses it: what the box read (toBox) and what it wrote,
+    // garbage and split chunks included. Fixed at construction (Update does not change it); it
+    // runs on the box's thread and must not call back into the emulator.
+    std::function<void(bool toBox, const uint8_t* data, size_t n)> wireTap;
 };
 
 class BoxEmulator {
@@ -145,6 +149,7 @@ class BoxEmulator {
     std::vector<ReceivedFrame> m_rx;
     std::mutex m_writeMutex;  // one frame's bytes are never interleaved with another's
     std::mt19937 m_rng;       // under m_writeMutex
+    const std::function<void(bool, const uint8_t*, size_t)> m_wireTap;
 
     ByteVec m_inBuf;  // box thread only
     int m_masterFd = -1;

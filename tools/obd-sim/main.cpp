@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "BoxEmulator.h"
 #include "BoxSide.h"
 #include "HostCommon.h"
 #include "HostSim.h"
@@ -77,17 +78,23 @@ class Printer {
         Line(line);
     }
 
-    void Wire(long long tMs, const std::vector<unsigned char>& bytes) {
+    void Wire(long long tMs, const std::vector<unsigned char>& bytes, bool toBox = true) {
+        const char* dir = toBox ? "to_box" : "from_box";
         if (m_json) {
             nlohmann::ordered_json j;
             j["t_ms"] = tMs;
             j["kind"] = "wire";
-            j["dir"] = "to_box";
+            j["dir"] = dir;
             j["hex"] = Hex(bytes, bytes.size(), "");
             Line(j.dump());
             return;
         }
-        Line("[" + std::to_string(tMs) + " ms] wire to_box " + Hex(bytes, bytes.size(), " "));
+        Line("[" + std::to_string(tMs) + " ms] wire " + dir + " " + Hex(bytes, bytes.size(), " "));
+    }
+
+    // The built-in box's own account of a frame (readable mode only).
+    void BoxNote(long long tMs, const std::string& text) {
+        if (!m_json) Line("[" + std::to_string(tMs) + " ms] box: " + text);
     }
 
   private:
@@ -237,8 +244,20 @@ int main(int argc, char** argv) {
     int dumpLevel = 0;
     double timeScale = 1.0;
     bool json = false;
+    bool noBox = false;
+    int boxStreamMs = 1000;
+    int boxLinkMs = 5000;
     app.add_option("--serial", serial,
-                   "tty of the box; without it a pseudo-terminal is made and its wire printed");
+                   "tty of the box; without it a built-in box answers on a pseudo-terminal and "
+                   "the wire is printed");
+    app.add_flag("--no-box", noBox,
+                 "without --serial: a bare pseudo-terminal that answers nothing (wire printed)");
+    app.add_option("--box-stream-ms", boxStreamMs,
+                   "built-in box: data-stream frame period in real ms (0: none)")
+        ->check(CLI::Range(0, 60000));
+    app.add_option("--box-link-ms", boxLinkMs,
+                   "built-in box: link frame period in real ms (0: none)")
+        ->check(CLI::Range(0, 60000));
     app.add_option("--baud", baud, "serial speed")
         ->check(CLI::IsMember(
             std::set<int>{9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600}));
@@ -288,8 +307,25 @@ int main(int argc, char** argv) {
     ::dup2(STDERR_FILENO, STDOUT_FILENO);
     Printer printer(json, out);
     std::unique_ptr<obdsim::BoxSide> box;
+    std::unique_ptr<obdbox::BoxEmulator> emulator;
     int slaveFd = -1;
-    if (serial.empty()) {
+    if (serial.empty() && !noBox) {
+        // The default: the box emulator on a pseudo-terminal of its own, every byte of the line
+        // printed with the host time it crossed.
+        obdbox::BoxOptions o;
+        o.streamPeriodMs = boxStreamMs;
+        o.linkPeriodMs = boxLinkMs;
+        o.wireTap = [&printer](bool toBox, const uint8_t* data, size_t n) {
+            printer.Wire(hostsim::ClockNowMs(), std::vector<unsigned char>(data, data + n), toBox);
+        };
+        // The box's decoded view of what it received; what it sends is on the wire lines.
+        o.log = [&printer](const std::string& line) {
+            if (line.rfind("box -> ", 0) != 0) printer.BoxNote(hostsim::ClockNowMs(), line);
+        };
+        emulator = std::make_unique<obdbox::BoxEmulator>(std::move(o));
+        if (!emulator->Start()) return Fail("box emulator: " + emulator->LastError(), 1);
+        serial = emulator->SlavePath();
+    } else if (serial.empty()) {
         int master = -1;
         char name[256] = {};
         if (openpty(&master, &slaveFd, name, nullptr, nullptr) != 0) {
@@ -352,6 +388,7 @@ int main(int argc, char** argv) {
     hostsim::BusDrain();
     hostsim::BusUnsubscribe(token);
     if (box) box->Stop();
+    if (emulator) emulator->Stop();
     if (slaveFd >= 0) ::close(slaveFd);
     std::fclose(out);
     return status;
