@@ -30,6 +30,10 @@ class CSerialDevOBDTestPeer {
         unsigned char sample[12] = {0x01, 0x00, 0x00, 0x20, 0x10, 0x00};
         return Gds_IF_UpdateCollectData(COLLECT_SIX_AXIS_DATA, sample, &m_obj->m_gdsParam);
     }
+    void InitAnalyser() { Gds_IF_InitLogicAnalyser(&m_obj->m_gdsParam); }
+    double TotalMileage() { return m_obj->m_totalMileage; }
+    uint32_t EngineTime() { return m_obj->m_engineTime; }
+    const tagSixAxisOrgData& LastSixAxisSample() { return m_obj->m_gdsParam.collData.sixAxisOrg; }
     void ClearQueue() {
         pthread_mutex_lock(&m_obj->m_taskMutex);
         m_obj->m_sendTaskQueue.clear();

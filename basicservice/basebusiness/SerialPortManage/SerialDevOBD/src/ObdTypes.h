@@ -148,6 +148,44 @@ struct UpgradeResult_t {
 static_assert(sizeof(UpgradeResult_t) == 20, "upgrade state record");
 static_assert(offsetof(UpgradeResult_t, reserved) == 4, "upgrade state record");
 
+// Configuration and status record: the answer to MSG_GET_GDS_CONFIG_INFO and the periodic
+// status report. A field from the store is valid only when its bit is set in `mask`.
+constexpr uint32_t CFG_MASK_VERSION = 0x001;
+constexpr uint32_t CFG_MASK_SCAN_TIME_LEVEL = 0x002;
+constexpr uint32_t CFG_MASK_DATA_SCAN_LEVEL = 0x004;
+constexpr uint32_t CFG_MASK_ENGINE = 0x008;
+constexpr uint32_t CFG_MASK_ALARM_THRESHOLD = 0x040;
+constexpr uint32_t CFG_MASK_MODE = 0x200;
+constexpr uint32_t CFG_MASK_OBD_STATE = 0x400;
+
+struct GdsConfigInfo_t {
+    uint32_t mask;
+    _OBD_Version_t version;
+    _OBD_ScanTimeLevel_t scanTimeLevel;
+    _OBD_DataStreamLevel_t dataScanLevel;
+    _OBD_Engine_t engine;
+    char gdsVersion[32];
+    uint8_t item6;
+    uint8_t reserved1[3];
+    unsigned char alarmThreshold[238];
+    unsigned char sixAxisProofread[12];
+    uint8_t mode;
+    uint8_t obd_state;
+    uint8_t reserved2[40];
+};
+static_assert(sizeof(GdsConfigInfo_t) == 652, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, version) == 4, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, scanTimeLevel) == 120, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, dataScanLevel) == 148, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, engine) == 272, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, gdsVersion) == 324, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, item6) == 356, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, alarmThreshold) == 360, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, sixAxisProofread) == 598, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, mode) == 610, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, obd_state) == 611, "configuration record");
+static_assert(offsetof(GdsConfigInfo_t, reserved2) == 612, "configuration record");
+
 // Bus message ids.
 enum MsgId_Eum {
     MSG_GDS_PARAM_UPDATE = 348,

@@ -54,6 +54,14 @@ class CSerialDevOBD : public CSerialBase {
     void TaskSendRoutine();
     int HandleOBDTask(TaskBody_t* task);
 
+    // Bus handlers (bus thread). Each gets the whole message: 16-byte head, then the payload.
+    int OnUpdateGdsParam(const char* msg, int len);
+    int OnUpdateInertiaSensor(const char* msg, int len);
+    int OnGetGdsConfigInfo(const char* msg, int len);
+    int OnHandlePowerDown(const char* msg, int len);
+    int OnUpdateOBDData(const char* msg, int len);
+    int OnGetTotalMileage(const char* msg, int len);
+
     // Device information store (receiving thread, send thread, peripheral thread).
     int UpdateDevInfo(IDDataType_Eum type, void* data);
     // Sample feed from the data stream (receiving thread).
@@ -81,6 +89,9 @@ class CSerialDevOBD : public CSerialBase {
 
   private:
     friend class CSerialDevOBDTestPeer;
+
+    // Turns the host's inertial-sensor message into an analyser sample (bus thread).
+    void ConvertInertiaSensorData(const char* msg);
 
     COBDCtrl* m_pObdCtrl;
     unsigned char m_infoPending[INFO_PENDING_COUNT];

@@ -1,8 +1,13 @@
 // Library-internal knobs (hidden from the exported interface); unit tests link the static build.
 #pragma once
 
+#include <cstdint>
+
 // The cycle's four last-run times are process-wide. Tests start each scenario from zero.
 void ObdCycleTimersReset();
+
+// One axis of a three-axis accelerometer sample as the analyser takes it.
+uint16_t ObdConvertGSensorAxis(uint16_t v);
 
 constexpr unsigned int OBD_SERIAL_BUFFER_SIZE = 1024;
 constexpr unsigned int OBD_BLACKBOX_BUF_SIZE = 4096;
