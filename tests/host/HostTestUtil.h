@@ -1,12 +1,10 @@
-// Helpers shared by the host-layer tests: a clean host per test, a pseudo-terminal, and a probe
-// peripheral that records every call the host makes into it.
+// Helpers shared by the host-layer tests: a clean host layer, a host and a pseudo-terminal per
+// test, a probe peripheral that records every call the host makes into it, a bus listener.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,8 +23,10 @@ namespace hosttest {
 
 using Bytes = std::vector<unsigned char>;
 
-// Polls `done` in real time; true once it holds, false after `ms`.
-inline bool WaitUntil(const std::function<bool()>& done, int ms = 2000) {
+// Polls `done` in real time; true once it holds, false after `ms`. Generous by default: a
+// loaded machine may be slow, a correct host is never wrong.
+template <typename Done>
+bool WaitUntil(Done done, int ms = 5000) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     while (!done()) {
         if (std::chrono::steady_clock::now() >= limit) return false;
@@ -35,171 +35,144 @@ inline bool WaitUntil(const std::function<bool()>& done, int ms = 2000) {
     return true;
 }
 
-class HostTest : public ::testing::Test {
-  protected:
-    void SetUp() override { hostsim::Reset(); }
-    void TearDown() override { hostsim::Reset(); }
-};
+inline bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
-// A pseudo-terminal pair; the test plays the box on the master side. The test keeps its own
-// slave descriptor open so the line never hangs up under the peripheral.
-class Pty {
-  public:
+// A pseudo-terminal; the test plays the box on the master side. The slave stays in the kernel's
+// cooked default, so only the host's own termios set-up can make the line raw; the test keeps a
+// slave descriptor open so that the line never hangs up under the peripheral.
+struct Pty {
     Pty() {
         char name[256] = {};
         if (openpty(&master, &slave, name, nullptr, nullptr) != 0) return;
         path = name;
-        termios tio{};
-        tcgetattr(slave, &tio);
-        cfmakeraw(&tio);
-        tcsetattr(slave, TCSANOW, &tio);
         fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
     }
     ~Pty() {
         if (master >= 0) close(master);
         if (slave >= 0) close(slave);
     }
-    bool Ok() const { return master >= 0 && slave >= 0; }
-
     void WriteMaster(const Bytes& bytes) {
-        size_t done = 0;
-        while (done < bytes.size()) {
+        for (size_t done = 0; done < bytes.size();) {
             const ssize_t n = write(master, bytes.data() + done, bytes.size() - done);
-            if (n > 0) {
-                done += static_cast<size_t>(n);
-            } else {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
+            if (n > 0) done += static_cast<size_t>(n);
+            if (n <= 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));  // pty full
         }
     }
-
-    // Reads from the master until `count` bytes came or `ms` of real time passed.
-    Bytes ReadMaster(size_t count, int ms = 2000) {
+    // Reads from the master until `count` bytes came or the wait ran out.
+    Bytes ReadMaster(size_t count) {
         Bytes out;
         unsigned char buf[4096];
-        WaitUntil(
-            [&] {
-                const ssize_t n = read(master, buf, sizeof(buf));
-                if (n > 0) out.insert(out.end(), buf, buf + n);
-                return out.size() >= count;
-            },
-            ms);
+        WaitUntil([&] {
+            const ssize_t n = read(master, buf, sizeof(buf));
+            if (n > 0) out.insert(out.end(), buf, buf + n);
+            return out.size() >= count;
+        });
         return out;
     }
-
-    // True once input written on the master is queued on the slave side.
-    bool SlaveReadable(int ms = 1000) {
-        pollfd p{slave, POLLIN, 0};
-        return poll(&p, 1, ms) > 0 && (p.revents & POLLIN);
-    }
-
     int master = -1;
     int slave = -1;
     std::string path;
 };
 
 // Records what the host does with a peripheral: cycles, serial reads, bus messages.
-class ProbePeripheral : public CSerialBase {
+class Probe : public CSerialBase {
   public:
     static constexpr int kMsgId = 42;
-
-    explicit ProbePeripheral(CPeripheralManage* manage) : CSerialBase(manage, nullptr, 7, 0) {}
+    explicit Probe(CPeripheralManage* manage) : CSerialBase(manage, nullptr, 7, 0) {}
 
     int PeripheralThreadCycle(long long now) override {
-        Enter();
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            cycleTimes.push_back(now);
-        }
-        Leave();
+        if (inside++ != 0) overlap = true;
+        std::lock_guard<std::mutex> lock(mutex);
+        cycles.push_back(now);
+        --inside;
         return 0;
     }
-
     int ProcessPeripheralData() override {
-        Enter();
+        if (inside++ != 0) overlap = true;
         char buf[4096];
         unsigned int len = 0;
         const int rc = GetSerialBufferData(buf, len);
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            if (rc == 0 && len > 0) {
-                const auto* b = reinterpret_cast<const unsigned char*>(buf);
-                received.insert(received.end(), b, b + len);
-                if (len > largestRead) largestRead = len;
-            }
-            ++reads;
-        }
-        Leave();
+        std::lock_guard<std::mutex> lock(mutex);
+        if (rc == 0) received.insert(received.end(), buf, buf + len);
+        if (len > largestRead) largestRead = len;
+        --inside;
         return 0;
     }
-
     int MessageRegister() override {
-        return m_pMsgClient->MSGEventRegister(
-            static_cast<int>(m_moduleId), kMsgId, this,
-            static_cast<PeripheralMsgHandler>(&ProbePeripheral::OnMsg));
+        return m_pMsgClient->MSGEventRegister(static_cast<int>(m_moduleId), kMsgId, this,
+                                              static_cast<PeripheralMsgHandler>(&Probe::OnMsg));
     }
     int MessageUnRegister() override {
         return m_pMsgClient->MSGEventUnRegister(static_cast<int>(m_moduleId), kMsgId);
     }
-
     int OnMsg(const char* msg, int len) {
         deliveries.fetch_add(1);
         if (gate) gate();
+        Common::SMessageHead head;
+        std::memcpy(&head, msg, sizeof(head));
+        m_pMsgClient->MSGResponseMessage(&head, "ok", 2);
         std::lock_guard<std::mutex> lock(mutex);
-        messages.emplace_back(reinterpret_cast<const unsigned char*>(msg),
-                              reinterpret_cast<const unsigned char*>(msg) + len);
-        if (answer) {
-            Common::SMessageHead head;
-            std::memcpy(&head, msg, sizeof(head));
-            m_pMsgClient->MSGResponseMessage(&head, "ok", 2);
-        }
+        messages.emplace_back(msg, msg + len);
         return 0;
     }
-
-    std::vector<long long> Cycles() {
+    // A copy of one of the recorded fields below, taken under the lock.
+    template <typename T>
+    T Get(const T& field) {
         std::lock_guard<std::mutex> lock(mutex);
-        return cycleTimes;
+        return field;
     }
-    Bytes Received() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return received;
-    }
-    std::vector<Bytes> Messages() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return messages;
-    }
-
-    int Reads() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return reads;
-    }
-    unsigned int LargestRead() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return largestRead;
-    }
-
-    CMsgClientManage* Client() const { return m_pMsgClient; }
-    unsigned int ModuleId() const { return m_moduleId; }
-    CPeripheralManage* Manager() const { return m_pPeripheralManage; }
 
     std::mutex mutex;
-    std::vector<long long> cycleTimes;
+    std::vector<long long> cycles;
     Bytes received;
     unsigned int largestRead = 0;
-    int reads = 0;
     std::vector<Bytes> messages;
-    std::atomic<bool> overlap{false};
-    bool answer = false;
-    std::function<void()> gate;
-    static inline std::atomic<int> deliveries{
-        0};  // all probes, alive or not  // runs first in the handler (set before registering)
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlap{false};  // a cycle and a read (or two of either) ran at once
+    std::function<void()> gate;        // runs first in the handler (set before registering)
+    static inline std::atomic<int> deliveries{0};  // to all probes, alive or not
+};
 
-  private:
-    void Enter() {
-        if (m_inside.fetch_add(1) != 0) overlap = true;
+// Everything the plug-in side puts on the bus, in order.
+struct BusLog {
+    BusLog() {
+        token = hostsim::BusSubscribe([this](const hostsim::BusMessage& m) {
+            std::lock_guard<std::mutex> lock(mutex);
+            heard.push_back(m);
+        });
     }
-    void Leave() { m_inside.fetch_sub(1); }
-    std::atomic<int> m_inside{0};
+    ~BusLog() { hostsim::BusUnsubscribe(token); }
+    // Drained twice: what handlers answer during a delivery is posted after the first began.
+    std::vector<hostsim::BusMessage> Heard() {
+        hostsim::BusDrain();
+        hostsim::BusDrain();
+        std::lock_guard<std::mutex> lock(mutex);
+        return heard;
+    }
+    int token = 0;
+    std::mutex mutex;
+    std::vector<hostsim::BusMessage> heard;
+};
+
+class HostTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_GE(pty.master, 0); }
+    void TearDown() override { host.Release(); }
+    // A probe on `path` (default: the test's pty), driven by the host but not started.
+    Probe* Attach(int baud = 115200, std::string path = "") {
+        host.SetSerial(path.empty() ? pty.path : path, baud);
+        auto* probe = new Probe(host.Manager());
+        EXPECT_TRUE(host.Adopt(probe));
+        return probe;
+    }
+    bool Idle() { return host.WaitPeripheralIdle(10000); }  // generous: the machine may be busy
+    struct Clean {
+        Clean() { hostsim::Reset(); }
+    } clean;  // first: the members after it (a BusLog too) start on a clean host layer
+    Pty pty;
+    hostsim::PluginHost host;
 };
 
 }  // namespace hosttest

@@ -3,8 +3,11 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "HostTestUtil.h"
 
@@ -12,166 +15,100 @@ extern char** environ;
 
 namespace {
 
+using hosttest::Has;
 using hosttest::WaitUntil;
-
-struct RunResult {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-    double realSeconds = 0;
-};
-
-std::string Slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::stringstream s(text);
-    std::string line;
-    while (std::getline(s, line)) lines.push_back(line);
-    return lines;
-}
 
 class RunnerTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/obdsimXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
+    void SetUp() override { ASSERT_NE(mkdtemp(&dir[0]), nullptr); }
+    void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
+    std::string Slurp(const char* name) {
+        std::stringstream s;
+        s << std::ifstream(dir + name).rdbuf();
+        return s.str();
     }
-    void TearDown() override {
-        for (const char* f : {"/out", "/err", "/in"}) unlink((dir + f).c_str());
-        rmdir(dir.c_str());
-    }
-
-    // Starts obd-sim with `args`; stdin from `input` (empty: /dev/null).
-    pid_t Spawn(const std::vector<std::string>& args, const std::string& input = "") {
+    // Starts obd-sim with `args`, `input` on stdin, stdout and stderr to files; exec keeps the
+    // shell's pid for the runner, so that a signal reaches it.
+    void Spawn(const std::string& args, const std::string& input = "") {
         std::ofstream(dir + "/in") << input;
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 0, (dir + "/in").c_str(), O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&fa, 1, (dir + "/out").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&fa, 2, (dir + "/err").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        std::vector<std::string> all = {OBD_SIM};
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (auto& a : all) argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        pid_t pid = -1;
-        EXPECT_EQ(posix_spawn(&pid, OBD_SIM, &fa, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&fa);
-        return pid;
+        const std::string cmd =
+            "exec " OBD_SIM " " + args + " <" + dir + "/in >" + dir + "/out 2>" + dir + "/err";
+        const char* argv[] = {"sh", "-c", cmd.c_str(), nullptr};
+        ASSERT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ),
+                  0);
     }
-
-    RunResult Finish(pid_t pid, std::chrono::steady_clock::time_point start) {
-        RunResult r;
+    // The exit code; a hung runner fails the test instead of hanging it.
+    int Finish() {
         int status = 0;
-        // A hung runner must fail the test, not hang it.
-        const bool ended = WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 8000);
-        if (!ended) {
+        if (!WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 10000)) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
         }
-        r.exitCode = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        r.realSeconds =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        r.out = Slurp(dir + "/out");
-        r.err = Slurp(dir + "/err");
-        return r;
+        out = Slurp("/out");
+        err = Slurp("/err");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-
-    RunResult Execute(const std::vector<std::string>& args, const std::string& input = "") {
-        const auto start = std::chrono::steady_clock::now();
-        return Finish(Spawn(args, input), start);
-    }
-
-    std::string dir;
+    std::string dir = "/tmp/obdsimXXXXXX", out, err;
+    pid_t pid = -1;
 };
 
-const std::string kTestPlugin = HOST_TEST_PLUGIN;
-
-TEST_F(RunnerTest, MissingTtyGivesOneLineAndFailure) {
-    const RunResult r = Execute({"--serial", "/nonexistent"});
-    EXPECT_NE(r.exitCode, 0);
-    ASSERT_EQ(Lines(r.err).size(), 1u) << r.err;
-    EXPECT_NE(r.err.find("/nonexistent"), std::string::npos);
-    EXPECT_EQ(r.out, "");
-}
-
-TEST_F(RunnerTest, BadArgumentsGiveOneLineAndFailure) {
-    for (const auto& args : std::vector<std::vector<std::string>>{
-             {"--baud", "1234"}, {"--time-scale", "0"}, {"--duration", "-1"}, {"--frobnicate"}}) {
-        const RunResult r = Execute(args);
-        EXPECT_NE(r.exitCode, 0) << args[0];
-        EXPECT_EQ(Lines(r.err).size(), 1u) << r.err;
+TEST_F(RunnerTest, UnusableArgumentsGiveOneLineAndTheirExitCode) {
+    // 1: what was named cannot be used; 2: a bad command line.
+    for (const auto& [args, code, said] : std::vector<std::tuple<std::string, int, std::string>>{
+             {"--serial /nonexistent", 1, "cannot open serial port: /nonexistent: No such"},
+             {"--inject /nonexistent/x", 1, "cannot read inject file /nonexistent/x"},
+             {"--plugin /nonexistent/lib.so", 1, "cannot load plug-in: /nonexistent/lib.so"},
+             {"--plugin " OBD_BIN_DIR "/libobdhost.so", 1, "PeripheralCreate"},
+             {"--baud 1234", 2, "--baud"},
+             {"--time-scale 0", 2, "--time-scale"},
+             {"--duration -1", 2, "--duration"},
+             {"--frobnicate", 2, "--frobnicate"}}) {
+        Spawn(args);
+        EXPECT_EQ(Finish(), code) << args << ": " << err;
+        EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+        EXPECT_TRUE(Has(err, said)) << err;
+        EXPECT_EQ(out, "");
     }
 }
 
 TEST_F(RunnerTest, RealPluginRunsForItsHostDurationAndExitsCleanly) {
-    const RunResult r = Execute({"--duration", "3", "--time-scale", "20"});
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_LT(r.realSeconds, 2.0);  // 3 host seconds at 20x
-    EXPECT_NE(r.err.find("is destruct"), std::string::npos) << r.err;
+    const auto start = std::chrono::steady_clock::now();
+    Spawn("--duration 5 --time-scale 50");
+    EXPECT_EQ(Finish(), 0) << err;
+    // 0.1 s expected, 5 s if the scale were ignored.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2500));
+    EXPECT_TRUE(Has(err, "is destruct")) << err;
 }
 
-TEST_F(RunnerTest, JsonReportsBusAndWireAndInjectsAtHostTimes) {
-    const std::string script =
-        "# inbound messages\n"
-        "@200 100 616263\n"
-        "@x 100\n"
-        "\n"
-        "100 0a0B\n";
-    std::ofstream(dir + "/script") << script;
-    const RunResult r = Execute({"--plugin", kTestPlugin, "--json", "--duration", "4",
-                                 "--time-scale", "20", "--inject", dir + "/script"});
-    unlink((dir + "/script").c_str());
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    const auto out = Lines(r.out);
-    // Only JSON on stdout, one object a line, keys in the documented order.
-    for (const auto& line : out) EXPECT_EQ(line.rfind("{\"t_ms\":", 0), 0u) << line;
-    bool init = false, wire = false, early = false, timed = false;
-    for (const auto& line : out) {
-        if (line.find("\"kind\":\"send\",\"id\":500,\"len\":4,\"hex\":\"696e6974\"}") !=
-            std::string::npos)
-            init = true;
-        if (line.find("\"kind\":\"wire\",\"dir\":\"to_box\",\"hex\":\"48454c4c4f\"}") !=
-            std::string::npos)
-            wire = true;
-        if (line.find("\"kind\":\"response\",\"id\":100,\"len\":2,\"hex\":\"0b0a\"}") !=
-            std::string::npos)
-            early = true;
-        if (line.find("\"kind\":\"response\",\"id\":100,\"len\":3,\"hex\":\"636261\"}") !=
-            std::string::npos) {
-            timed = true;
-            EXPECT_GE(std::stoll(line.substr(8)), 200) << line;
-        }
+TEST_F(RunnerTest, JsonLinesShowBusAndWireAndInjectsRunAtTheirHostTimes) {
+    std::ofstream(dir + "/script") << "# inbound messages\n@200 100 616263\n@x 100\n\n100 0a0B\n";
+    Spawn("--plugin " HOST_TEST_PLUGIN " --json --duration 4 --time-scale 20 --inject " + dir +
+          "/script");
+    EXPECT_EQ(Finish(), 0) << err;
+    std::vector<std::string> bus;  // the objects after their time, in order
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        ASSERT_EQ(line.rfind("{\"t_ms\":", 0), 0u) << line;  // only JSON, keys in order
+        EXPECT_TRUE(!Has(line, "636261") || std::stoll(line.substr(8)) >= 200) << line;  // @200
+        if (!Has(line, "wire")) bus.push_back(line.substr(line.find(',') + 1));
     }
-    EXPECT_TRUE(init) << r.out;
-    EXPECT_TRUE(wire) << r.out;
-    EXPECT_TRUE(timed) << r.out;
-    // Lines run in order: the untimed line waits behind the timed one before it.
-    EXPECT_TRUE(early) << r.out;
-    EXPECT_NE(r.err.find("inject line 3"), std::string::npos) << r.err;
+    EXPECT_TRUE(Has(out, R"(,"kind":"wire","dir":"to_box","hex":"48454c4c4f"})")) << out;
+    // The untimed line waits behind the timed one before it.
+    EXPECT_EQ(bus,
+              std::vector<std::string>({R"("kind":"send","id":500,"len":4,"hex":"696e6974"})",
+                                        R"("kind":"response","id":100,"len":3,"hex":"636261"})",
+                                        R"("kind":"response","id":100,"len":2,"hex":"0b0a"})"}));
+    EXPECT_TRUE(Has(err, "inject line 3")) << err;
 }
 
 TEST_F(RunnerTest, ConversesOverStdinAndStopsCleanlyOnSigterm) {
-    const auto start = std::chrono::steady_clock::now();
-    const pid_t pid = Spawn({"--plugin", kTestPlugin, "--inject", "-"}, "100 0102\n100 zz\n");
-    ASSERT_GT(pid, 0);
-    EXPECT_TRUE(
-        WaitUntil([&] { return Slurp(dir + "/out").find("response") != std::string::npos; }, 3000));
+    Spawn("--plugin " HOST_TEST_PLUGIN " --inject -", "100 0102\n100 zz\n");
+    EXPECT_TRUE(WaitUntil([&] { return Has(Slurp("/out"), "response"); }));
     kill(pid, SIGTERM);
-    const RunResult r = Finish(pid, start);
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_NE(r.out.find("response id=100 len=2 02 01"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("wire to_box 48 45 4c 4c 4f"), std::string::npos) << r.out;
-    EXPECT_NE(r.err.find("inject line 2: bad hex payload"), std::string::npos) << r.err;
+    EXPECT_EQ(Finish(), 0) << err;
+    EXPECT_TRUE(Has(out, "response id=100 len=2 02 01") && Has(out, "wire to_box 48 45 4c 4c 4f"))
+        << out;
+    EXPECT_TRUE(Has(err, "inject line 2: bad hex payload")) << err;
 }
 
 }  // namespace

@@ -1,103 +1,52 @@
-// A minimal peripheral plug-in for the host tests. Like the real one it is created through
-// PeripheralCreate with a null client, starts a worker through CreateNormalThread whose stop
-// handshake sleeps on host time, talks on the bus and on the serial port:
+// A minimal peripheral plug-in for the host tests, created through PeripheralCreate with a null
+// client like the real one, with answers a test can predict:
 //  - PeripheralInitialize sends message 500 "init" and writes "HELLO" to the port;
-//  - message 100 is answered with its payload reversed;
-//  - bytes from the port are echoed back.
-#include <atomic>
+//  - message 100 is answered with its payload reversed.
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "CSerialBase.h"
 
-namespace {
+#define PLUGIN_EXPORT extern "C" __attribute__((visibility("default")))
 
-constexpr int kMsgReverse = 100;
-constexpr int kMsgInit = 500;
+namespace {
 
 class HostTestPeripheral : public CSerialBase {
   public:
-    HostTestPeripheral(CPeripheralManage* manage, unsigned int a, unsigned int b)
-        : CSerialBase(manage, nullptr, a, b) {
-        SetThreadCircleTime(100);
-        SetSerialMaxBufferSize(1024);
-    }
-
-    ~HostTestPeripheral() override {
-        SetSerialConfigStatus(6, 0, 0);
-        m_run = 0;
-        if (m_workerStarted) {
-            while (m_run.load() == 0) Common::P4X_TMSleepMicroSecond(20000);
-        }
-    }
+    explicit HostTestPeripheral(CPeripheralManage* manage) : CSerialBase(manage, nullptr, 0, 0) {}
 
     int PeripheralInitialize() override {
-        if (CreateNormalThread(Worker, this, nullptr) < 0) {
-            SetCurPeripheralStatus(false);
-            return -1;
-        }
-        m_workerStarted = true;
-        m_pMsgClient->MSGSendMessage(0, kMsgInit, 0, "init", 4, static_cast<int>(m_moduleId));
-        SendDataToPeripheral("HELLO", 5);
-        return 0;
+        m_pMsgClient->MSGSendMessage(0, 500, 0, "init", 4, static_cast<int>(m_moduleId));
+        return SendDataToPeripheral("HELLO", 5) == 5 ? 0 : -1;
     }
-
+    // Left registered on purpose: the host drops what a plug-in leaves behind.
     int MessageRegister() override {
         return m_pMsgClient->MSGEventRegister(
-            static_cast<int>(m_moduleId), kMsgReverse, this,
+            static_cast<int>(m_moduleId), 100, this,
             static_cast<PeripheralMsgHandler>(&HostTestPeripheral::OnReverse));
     }
-
-    int MessageUnRegister() override {
-        return m_pMsgClient->MSGEventUnRegister(static_cast<int>(m_moduleId), kMsgReverse);
-    }
-
-    int ProcessPeripheralData() override {
-        char buffer[1024] = {};
-        unsigned int len = 0;
-        if (GetSerialBufferData(buffer, len) == 0 && len > 0 && len <= sizeof(buffer)) {
-            SendDataToPeripheral(buffer, len);
-        }
-        return 0;
-    }
-
     int OnReverse(const char* msg, int len) {
-        if (msg == nullptr || len < static_cast<int>(sizeof(Common::SMessageHead))) return -1;
         Common::SMessageHead head;
+        if (msg == nullptr || len < static_cast<int>(sizeof(head))) return -1;
         std::memcpy(&head, msg, sizeof(head));
-        const size_t n = head.lenFlags & Common::MSG_HEAD_LEN_MASK;
-        if (n > static_cast<size_t>(len) - sizeof(head)) return -1;
-        std::string payload(msg + sizeof(head), n);
-        std::string reversed(payload.rbegin(), payload.rend());
+        const std::string reversed(std::make_reverse_iterator(msg + len),
+                                   std::make_reverse_iterator(msg + sizeof(head)));
         return m_pMsgClient->MSGResponseMessage(&head, reversed.data(),
                                                 static_cast<int>(reversed.size()));
     }
-
-  private:
-    static void* Worker(void* object) {
-        auto* self = static_cast<HostTestPeripheral*>(object);
-        while (self->m_run.load() == 1) Common::P4X_TMSleepMicroSecond(100000);
-        self->m_run = 1;  // handshake: the destructor may go on
-        return nullptr;
-    }
-
-    std::atomic<int> m_run{1};
-    bool m_workerStarted = false;
 };
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) void* PeripheralCreate(CPeripheralManage* manage,
-                                                                         CMsgClientManage*,
-                                                                         unsigned int a,
-                                                                         unsigned int b) {
-    return static_cast<CPeripheralBase*>(new HostTestPeripheral(manage, a, b));
+PLUGIN_EXPORT void* PeripheralCreate(CPeripheralManage* manage, CMsgClientManage*, unsigned int,
+                                     unsigned int) {
+    return static_cast<CPeripheralBase*>(new HostTestPeripheral(manage));
 }
 
-extern "C" __attribute__((visibility("default"))) int PeripheralRelease(void* object) {
-    if (object == nullptr) return 1;
+PLUGIN_EXPORT int PeripheralRelease(void* object) {
     auto* periph = static_cast<CPeripheralBase*>(object);
-    periph->StopPeripheralThread();
+    if (periph != nullptr) periph->StopPeripheralThread();  // before its parts are destroyed
     delete periph;
     return 1;
 }
