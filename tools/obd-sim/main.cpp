@@ -4,6 +4,7 @@
 //
 // Exit status: 0 after a clean release (end of --duration, SIGINT, SIGTERM); 1 when the plug-in
 // or the tty cannot be used; 2 for bad arguments.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -225,6 +226,21 @@ bool CheckTty(const std::string& path, std::string& error) {
     return tty;
 }
 
+// Loads the plug-in once and looks for its two entry points, without creating anything.
+bool CheckPlugin(const std::string& path, std::string& error) {
+    void* lib = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (lib == nullptr) {
+        const char* why = ::dlerror();
+        error = why != nullptr ? why : path;
+        return false;
+    }
+    const bool ok =
+        ::dlsym(lib, "PeripheralCreate") != nullptr && ::dlsym(lib, "PeripheralRelease") != nullptr;
+    ::dlclose(lib);
+    if (!ok) error = path + ": PeripheralCreate or PeripheralRelease missing";
+    return ok;
+}
+
 int Fail(const std::string& message, int code) {
     std::fprintf(stderr, "obd-sim: %s\n", message.c_str());
     return code;
@@ -297,6 +313,19 @@ int main(int argc, char** argv) {
         if (!CheckTty(serial, error)) return Fail("cannot open serial port: " + error, 1);
     }
 
+    // Everything named on the command line is checked before the box starts talking, so that a
+    // wrong name gives its one line and nothing else.
+    {
+        std::string error;
+        if (!CheckPlugin(plugin, error)) return Fail("cannot load plug-in: " + error, 1);
+    }
+    std::unique_ptr<Injector> injector;
+    if (!inject.empty()) {
+        injector = std::make_unique<Injector>(inject);
+        std::string error;
+        if (!injector->Open(error)) return Fail("cannot read inject file " + error, 1);
+    }
+
     // stdout carries only the message lines; the plug-in's own stdout traces join the log on
     // stderr, so a program reading --json sees nothing but JSON.
     FILE* out = nullptr;
@@ -344,13 +373,6 @@ int main(int argc, char** argv) {
                 printer.Wire(t, bytes);
             });
         box->Start();
-    }
-
-    std::unique_ptr<Injector> injector;
-    if (!inject.empty()) {
-        injector = std::make_unique<Injector>(inject);
-        std::string error;
-        if (!injector->Open(error)) return Fail("cannot read inject file " + error, 1);
     }
 
     const int token =
