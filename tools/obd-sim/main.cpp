@@ -250,6 +250,15 @@ int Fail(const std::string& message, int code) {
 
 int main(int argc, char** argv) {
     CLI::App app{"Runs the OBD plug-in under the host layer."};
+    // CLI11's own positive-number check prints its double range in full; say it plainly.
+    const CLI::Validator positive(
+        [](std::string& text) {
+            char* end = nullptr;
+            const double v = std::strtod(text.c_str(), &end);
+            return (end != text.c_str() && *end == '\0' && v > 0.0) ? std::string()
+                                                                    : "must be a number above 0";
+        },
+        "POSITIVE");
     std::string serial;
     std::string plugin = DefaultPluginPath();
     std::string inject;
@@ -278,13 +287,13 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember(
             std::set<int>{9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600}));
     app.add_option("--duration", duration, "stop after this many seconds of host time")
-        ->check(CLI::PositiveNumber);
+        ->check(positive);
     app.add_option("--product-type", productType, "host product type (72 = CAN-box mode)")
         ->check(CLI::Range(0, 255));
     app.add_option("--log-level", logLevel, "print log lines up to this level");
     app.add_option("--dump-level", dumpLevel, "print byte dumps up to this level");
     app.add_option("--time-scale", timeScale, "host time runs this many times faster")
-        ->check(CLI::PositiveNumber);
+        ->check(positive);
     app.add_flag("--json", json, "one JSON object per line on stdout");
     app.add_option("--inject", inject,
                    "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin");
