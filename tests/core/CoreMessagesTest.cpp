@@ -139,7 +139,7 @@ TEST_F(MessagesTest, RelayedBoxBytesReachTheReceiver) {
     EXPECT_NE(m_obj->ObdCtrl()->OBD_CheckObdHeartBeat(), 0);
     const auto dumps = fakehost::Dumps();
     ASSERT_FALSE(dumps.empty());
-    EXPECT_EQ(dumps.front().label, "obd data:"); // the relayed chunk, before the receiver's own
+    EXPECT_EQ(dumps.front().label, "obd data:");  // the relayed chunk, before the receiver's own
     EXPECT_EQ(dumps.front().level, 3);
     EXPECT_EQ(dumps.front().bytes, link);
 }

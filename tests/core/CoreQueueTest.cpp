@@ -8,12 +8,11 @@ namespace {
 
 using Keys = std::vector<std::pair<uint32_t, uint32_t>>;
 
-TaskBody_t MakeTask(uint32_t type, uint32_t cmd, unsigned char fill = 0) {
+TaskBody_t MakeTask(uint32_t type, uint32_t cmd) {
     TaskBody_t t;
     std::memset(&t, 0, sizeof(t));
     t.taskType = type;
     t.cmd = cmd;
-    t.data[0] = fill;
     return t;
 }
 
@@ -57,16 +56,6 @@ TEST_F(QueueTest, SameCommandOfAnotherTypeIsNotATwin) {
     EXPECT_EQ(fakehost::CountLogs("Same cmd"), 0);
 }
 
-TEST_F(QueueTest, OnlyTheFirstTwinIsRemoved) {
-    // Twins can only coexist if inserted behind the queue's back; the rule removes one per insert.
-    m_obj->InsertSendTask(MakeTask(TASK_TYPE_CONFIG, 7));
-    m_obj->InsertSendTask(MakeTask(TASK_TYPE_GET_INFO, 1));
-    m_obj->InsertSendTask(MakeTask(TASK_TYPE_CONFIG, 7, 0xAA));
-    const auto tasks = m_obj->QueuedTasks();
-    ASSERT_EQ(tasks.size(), 2u);
-    EXPECT_EQ(tasks[1].data[0], 0xAA);
-}
-
 TEST_F(QueueTest, InsertionBeyondOneHundredTasksEmptiesTheQueue) {
     for (uint32_t i = 0; i < TASK_QUEUE_LIMIT; ++i) {
         m_obj->InsertSendTask(MakeTask(TASK_TYPE_CONFIG, 1000 + i));
@@ -89,15 +78,11 @@ TEST_F(QueueTest, RequestAndConfigRefuseOutOfRangeTypes) {
     EXPECT_EQ(m_obj->Request(static_cast<GdsGetInfoType_t_>(15)), -1);
     EXPECT_EQ(m_obj->ConfigObd(static_cast<GdsCfgType_t_>(0), nullptr), -1);
     EXPECT_EQ(m_obj->ConfigObd(static_cast<GdsCfgType_t_>(31), nullptr), -1);
+    EXPECT_EQ(m_obj->ConfigObd(GDS_CFG_ENGINE, nullptr), -1);  // nothing to configure
     EXPECT_EQ(m_obj->QueuedTaskCount(), 0u);
     EXPECT_EQ(m_obj->Request(static_cast<GdsGetInfoType_t_>(14)), 0);
     EXPECT_EQ(m_obj->ConfigObd(static_cast<GdsCfgType_t_>(30), nullptr), 0);
     EXPECT_EQ(QueueKeys(m_obj), (Keys{Get(14), Cfg(30)}));
-}
-
-TEST_F(QueueTest, EngineConfigurationWithoutRecordIsRefused) {
-    EXPECT_EQ(m_obj->ConfigObd(GDS_CFG_ENGINE, nullptr), -1);
-    EXPECT_EQ(m_obj->QueuedTaskCount(), 0u);
 }
 
 TEST_F(QueueTest, DeviceFeatureRequestAsksOnlyForWhatIsMissing) {
