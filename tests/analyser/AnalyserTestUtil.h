@@ -1,89 +1,182 @@
-// Scenario helpers: one analyser state per test, process-wide check states reset, and a table
-// builder that marks items present as it sets them.
+// Scenario helpers: a fresh analyser per scenario (process-wide check states reset too), a table
+// builder that marks items present as it sets them, and the per-second scenario table runner.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
+#include <cctype>
+#include <cmath>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "GdsInternal.h"
 #include "GdsLogicAnalyser.h"
 
 namespace analyser_test {
 
-// Counts of allocations seen since the counters were last cleared (see RobustnessTest.cpp).
-long AllocationCount();
-void ResetAllocationCount();
+// Heap allocations of this binary (counted in AnalyserInterfaceTest.cpp); tests clear it.
+extern std::atomic<long> gAllocations;
 
-inline uint64_t Bit(int b) {
+constexpr uint64_t B(int b) {
     return uint64_t{1} << b;
 }
 
-class Obd {
-  public:
+struct Obd {
     Obd() {
-        for (int i = 0; i < OBD_ITEM_COUNT; ++i) {
-            t_.item[i].id = -1;
-            t_.item[i].value = 0.0f;
-        }
+        for (auto& it : t.item) it = {-1, 0.0f};
     }
     Obd& Set(int idx, float v) {
-        t_.item[idx].id = idx;
-        t_.item[idx].value = v;
-        return *this;
-    }
-    Obd& Absent(int idx) {
-        t_.item[idx].id = -1;
-        t_.item[idx].value = 0.0f;
+        t.item[idx] = {idx, v};
         return *this;
     }
     Obd& Speed(float v) { return Set(OBD_IDX_SPEED, v); }
     Obd& Rpm(float v) { return Set(OBD_IDX_ENGINE_SPEED, v); }
-    Obd& Coolant(float v) { return Set(OBD_IDX_COOLANT_TEMP, v); }
-    Obd& Volt(float v) { return Set(OBD_IDX_BATTERY_VOLT, v); }
-    _OBD_DataTable_t& Table() { return t_; }
-
-  private:
-    _OBD_DataTable_t t_;
+    _OBD_DataTable_t t;
 };
 
-inline tagSixAxisOrgData Sample(int16_t ax, int16_t ay, int16_t az, int16_t rx, int16_t ry,
-                                int16_t rz) {
+inline tagSixAxisOrgData Sample(int ax, int ay, int az, int rx, int ry, int rz) {
     tagSixAxisOrgData s{};
-    const int16_t v[6] = {ax, ay, az, rx, ry, rz};
-    for (int i = 0; i < 6; ++i) {
-        const auto u = static_cast<uint16_t>(v[i]);
-        s.data[2 * i] = static_cast<uint8_t>(u >> 8);
-        s.data[2 * i + 1] = static_cast<uint8_t>(u & 0xFF);
-    }
+    const int v[6] = {ax, ay, az, rx, ry, rz};
+    for (int i = 0; i < 12; ++i)  // big-endian s16
+        s.data[i] = static_cast<uint8_t>(static_cast<uint16_t>(v[i / 2]) >> (i % 2 ? 0 : 8));
     return s;
 }
+
+using Observer = std::function<double(const tagGdsParam_t&)>;
+#define FIELD(path) [](const tagGdsParam_t& g) { return double(g.path); }
+
+// The watched bits of event word 1-4.
+inline Observer Word(int w, uint64_t mask) {
+    return [w, mask](const tagGdsParam_t& g) {
+        const Alarm_Info_t& a = g.collData.alarmInfo;
+        const uint64_t words[4] = {a.eventType1Alarms, a.eventType2Alarms, a.eventType3Alarms,
+                                   a.eventType4Alarms};
+        return static_cast<double>(words[w - 1] & mask);
+    };
+}
+
+// A per-second table: rows separated by ';', each "[!][n*] values = wants". The values are those
+// of the listed items ("-" leaves one unsent, "v+d" rises from v by d a second), held for n
+// seconds (default 1); after each of them every observer must read its want ("bN": bit N alone;
+// six-axis state bit names joined by '|'; "-": not checked). '!' starts the row from a new
+// analyser. Besides the values a row may rewrite six-axis rings before its first second:
+// "X6*12/-3" puts 12 into six of the ten longitudinal values and -3 into the rest (0 if not
+// given; Y lateral, Z vertical, L lateral load); "lat1", "turb3" set the sensitivities.
+struct Scenario {
+    using Tweak = void (*)(tagGdsParam_t&);  // thresholds other than the defaults
+    Scenario(std::string n, std::vector<int> i, std::vector<Observer> o, std::string t,
+             Tweak w = nullptr)
+        : name(n), items(i), observe(o), table(t), tweak(w) {}
+    friend void PrintTo(const Scenario& s, std::ostream* os) { *os << s.name; }
+    std::string name;
+    std::vector<int> items;
+    std::vector<Observer> observe;
+    std::string table;
+    Tweak tweak;
+};
 
 class AnalyserTest : public ::testing::Test {
   protected:
     void SetUp() override {
         Gds_TestResetProcessState();
-        if (gds_) Gds_IF_ReleaseLogicAnalyser(gds_.get());  // scenarios may restart mid-test
+        if (gds_) Gds_IF_ReleaseLogicAnalyser(gds_.get());  // scenarios restart mid-test
         gds_ = std::make_unique<tagGdsParam_t>();           // zeroed, as the owner does
         ASSERT_EQ(Gds_IF_InitLogicAnalyser(gds_.get()), 0);
     }
     void TearDown() override { Gds_IF_ReleaseLogicAnalyser(gds_.get()); }
 
+    void Feed(Obd& obd) {
+        ASSERT_EQ(Gds_IF_UpdateCollectData(COLLECT_OBD_DATA, &obd.t, gds_.get()), 0);
+    }
     // One second: the sample arrives, then the once-a-second evaluation runs.
     void Second(Obd& obd) {
-        ASSERT_EQ(Gds_IF_UpdateCollectData(COLLECT_OBD_DATA, &obd.Table(), gds_.get()), 0);
+        Feed(obd);
         Gds_IF_AnalyserData(gds_.get());
     }
-    void Push(const tagSixAxisOrgData& s) {
-        tagSixAxisOrgData copy = s;
-        ASSERT_EQ(Gds_IF_UpdateCollectData(COLLECT_SIX_AXIS_DATA, &copy, gds_.get()), 0);
+    void Push(tagSixAxisOrgData s) {
+        ASSERT_EQ(Gds_IF_UpdateCollectData(COLLECT_SIX_AXIS_DATA, &s, gds_.get()), 0);
+    }
+    // perSecond false: samples only, without the evaluation (per-sample statistics).
+    void Run(const Scenario& s, bool perSecond = true) {
+        std::istringstream rows(s.table);
+        std::string row, tok;
+        for (int r = 1, t = 0; std::getline(rows, row, ';'); ++r) {
+            const size_t bang = row.find('!'), eq = row.find('=');
+            if (r == 1 || bang < eq) SetUp();
+            if ((r == 1 || bang < eq) && s.tweak) s.tweak(*gds_);
+            if (bang < eq) row[bang] = ' ';
+            std::istringstream in(row.substr(0, eq)), out(row.substr(eq + 1));
+            std::vector<double> want;
+            while (out >> tok) want.push_back(Want(tok));
+            Obd obd;
+            std::vector<std::array<float, 3>> rising;  // item, first value, rise per second
+            int n = 1;
+            size_t k = 0;
+            while (in >> tok) {
+                if (std::isdigit(static_cast<unsigned char>(tok[0])) &&
+                    tok.find('*') != std::string::npos) {
+                    n = std::stoi(tok);
+                    tok.erase(0, tok.find('*') + 1);
+                }
+                if (tok.empty()) continue;
+                if (tok.rfind("lat", 0) == 0 || tok.rfind("turb", 0) == 0)
+                    (tok[0] == 'l' ? gds_->alarmThreshold.lateralSensitivity
+                                   : gds_->alarmThreshold.turbulenceSensitivity) =
+                        static_cast<uint8_t>(std::stoi(tok.substr(tok[0] == 'l' ? 3 : 4)));
+                else if (std::string("XYZL").find(tok[0]) != std::string::npos)
+                    FillRing(tok);
+                else if (tok == "-")
+                    ++k;
+                else if (tok.find('+', 1) != std::string::npos)
+                    rising.push_back({float(s.items.at(k++)), std::stof(tok),
+                                      std::stof(tok.substr(tok.find('+', 1) + 1))});
+                else
+                    obd.Set(s.items.at(k++), std::stof(tok));
+            }
+            ASSERT_EQ(k, s.items.size()) << s.name << " row " << r;
+            ASSERT_EQ(want.size(), s.observe.size()) << s.name << " row " << r;
+            for (int i = 0; i < n; ++i, ++t) {
+                for (const auto& u : rising) obd.Set(int(u[0]), u[1] + u[2] * float(i));
+                perSecond ? Second(obd) : Feed(obd);
+                for (size_t o = 0; o < want.size(); ++o) {
+                    if (std::isnan(want[o])) continue;
+                    ASSERT_NEAR(s.observe[o](*gds_), want[o], 1e-3)
+                        << s.name << ": row " << r << " (" << row << "), second " << t + 1
+                        << ", observer " << o + 1;
+                }
+            }
+        }
+    }
+    static double Want(const std::string& tok) {
+        if (tok == "-") return std::nan("");  // not checked in this row
+        if (tok[0] == 'b') return double(B(std::stoi(tok.substr(1))));
+        if (!std::isalpha(static_cast<unsigned char>(tok[0]))) return std::stod(tok);
+        const std::map<std::string, uint32_t> bits = {
+            {"DEC", 0x1},   {"ACC", 0x2},   {"POS", 0x4},    {"NEG", 0x8},
+            {"SP", 0x1000}, {"SN", 0x2000}, {"TURB", 0x4000}};
+        std::istringstream names(tok);
+        std::string name;
+        uint32_t w = 0;
+        while (std::getline(names, name, '|')) w |= bits.at(name);
+        return w;
+    }
+    void FillRing(const std::string& tok) {
+        const size_t star = tok.find('*'), slash = tok.find('/');
+        const int count = std::stoi(tok.substr(1, star - 1));
+        const int v = std::stoi(tok.substr(star + 1, slash - star - 1));
+        const int rest = slash == std::string::npos ? 0 : std::stoi(tok.substr(slash + 1));
+        AxisRing& ring = gds_->collData.axisRing[std::string("XYZL").find(tok[0])];
+        for (int i = 0; i < GDS_AXIS_RING_SIZE; ++i)
+            ring.value[i] = static_cast<int16_t>(i < count ? v : rest);
     }
     const Alarm_Info_t& Alarm() const { return gds_->collData.alarmInfo; }
-    uint64_t E1() const { return Alarm().eventType1Alarms; }
-    uint64_t E2() const { return Alarm().eventType2Alarms; }
-    uint64_t E3() const { return Alarm().eventType3Alarms; }
-    uint64_t E4() const { return Alarm().eventType4Alarms; }
 
     std::unique_ptr<tagGdsParam_t> gds_;
 };

@@ -1,275 +1,154 @@
-// Six-axis calibration, ring filling, the once-a-second evaluation and its two checks.
+// Six-axis intake (scaling, calibration, 16-bit wrap), the once-a-second ring evaluation, its
+// two checks, and the motion checks that combine it with the speed judgement.
 #include "AnalyserTestUtil.h"
 
 namespace analyser_test {
 namespace {
 
+constexpr int X = AXIS_RING_LONGITUDINAL, L = AXIS_RING_LATERAL_LOAD;
+
 class SixAxisTest : public AnalyserTest {
   protected:
     AxisRing& Ring(int r) { return gds_->collData.axisRing[r]; }
     int16_t Last(int r) { return Ring(r).value[Ring(r).writeIndex]; }
-    // Fills the first `count` slots of a ring with v and the rest with `rest`.
-    void Fill(int r, int count, int16_t v, int16_t rest = 0) {
-        for (int i = 0; i < GDS_AXIS_RING_SIZE; ++i) Ring(r).value[i] = i < count ? v : rest;
+    // Rows "rings speed = sixAxisLevel sixAxisState [event word 4 bits]" (see Scenario).
+    void Axis(const std::string& table, uint64_t e4mask = 0) {
+        std::vector<Observer> o = {FIELD(collData.alarmInfo.sixAxisLevel),
+                                   FIELD(collData.sixAxisState)};
+        if (e4mask != 0) o.push_back(Word(4, e4mask));
+        Run(Scenario("six-axis", {OBD_IDX_SPEED}, o, table));
     }
-    void Evaluate(float speed) {
-        Obd obd;
-        obd.Speed(speed);
-        Second(obd);
-    }
-    uint32_t Level() const { return Alarm().sixAxisLevel; }
-    uint32_t State() const { return gds_->collData.sixAxisState; }
 };
 
-TEST_F(SixAxisTest, SampleScalingIntoTheRings) {
+TEST_F(SixAxisTest, SamplesAreScaledIntoTheRingsAndWrapAtSixteenBits) {
     Push(Sample(400, -400, 4096, 0, 0, 0));
-    EXPECT_EQ(Last(AXIS_RING_LONGITUDINAL), 9);
-    EXPECT_EQ(Last(AXIS_RING_LATERAL), -9);
-    EXPECT_EQ(Last(AXIS_RING_VERTICAL), 100);
-    EXPECT_EQ(Ring(AXIS_RING_LONGITUDINAL).writeIndex, 1);
-    EXPECT_EQ(Ring(AXIS_RING_LONGITUDINAL).readIndex, 2);
+    EXPECT_EQ((std::vector<int>{Last(X), Last(AXIS_RING_LATERAL), Last(AXIS_RING_VERTICAL)}),
+              (std::vector<int>{9, -9, 100}));
     EXPECT_EQ(
         std::memcmp(gds_->collData.sixAxisOrg.data, Sample(400, -400, 4096, 0, 0, 0).data, 12), 0);
-}
-
-TEST_F(SixAxisTest, LateralLoadIsYawRateTimesSpeed) {
     Obd obd;
-    obd.Speed(60.9f);
-    ASSERT_EQ(Gds_IF_UpdateCollectData(COLLECT_OBD_DATA, &obd.Table(), gds_.get()), 0);
+    Feed(obd.Speed(60.9f));  // yaw rate times speed: (1640 * 100 / 164) * 60 / 10
     Push(Sample(0, 0, 0, 0, 0, 1640));
-    EXPECT_EQ(Last(AXIS_RING_LATERAL_LOAD), 6000);
+    EXPECT_EQ(Last(L), 6000);
     Push(Sample(0, 0, 0, 0, 0, -1640));
-    EXPECT_EQ(Last(AXIS_RING_LATERAL_LOAD), -6000);
-}
-
-TEST_F(SixAxisTest, RingIndexWrapsAfterTenSamples) {
-    for (int i = 1; i <= 10; ++i) Push(Sample(static_cast<int16_t>(41 * i), 0, 0, 0, 0, 0));
-    EXPECT_EQ(Ring(AXIS_RING_LONGITUDINAL).writeIndex, 0);
-    EXPECT_EQ(Ring(AXIS_RING_LONGITUDINAL).value[0], 10);  // 410 * 100 / 4096
-    EXPECT_EQ(Ring(AXIS_RING_LONGITUDINAL).value[1], 1);
-}
-
-TEST_F(SixAxisTest, CalibrationAveragesTwentySamplesAndIgnoresThe21st) {
-    ASSERT_EQ(Gds_IF_StartSixAxisProofread(gds_.get()), 0);
-    for (int i = 0; i < 20; ++i)  // acc X alternates 100/101, rotation Z sums to -39
-        Push(Sample(static_cast<int16_t>(i % 2 ? 101 : 100), -3, 0, 7, 0,
-                    static_cast<int16_t>(i < 19 ? -2 : -1)));
-    EXPECT_EQ(gds_->proofread.state, 1u);
-    EXPECT_EQ(gds_->proofread.count, 20u);
-    EXPECT_NE(gds_->proofread.buffer, nullptr);
-    Push(Sample(30000, 30000, 30000, 30000, 30000, 30000));
-    EXPECT_EQ(gds_->proofread.state, 0u);
-    EXPECT_EQ(gds_->proofread.buffer, nullptr);
-    EXPECT_EQ(gds_->proofread.offset[0], 100);  // 2010 / 20
-    EXPECT_EQ(gds_->proofread.offset[1], -3);
-    EXPECT_EQ(gds_->proofread.offset[3], 7);
-    EXPECT_EQ(gds_->proofread.offset[5], -1);  // -39 / 20 truncates toward zero
-    Push(Sample(500, 0, 0, 0, 0, 0));
-    EXPECT_EQ(Last(AXIS_RING_LONGITUDINAL), 9);  // (500 - 100) * 100 / 4096
-}
-
-TEST_F(SixAxisTest, CalibrationAllocatesOnlyOnceAndReleaseFreesAPendingBuffer) {
-    ASSERT_EQ(Gds_IF_StartSixAxisProofread(gds_.get()), 0);
-    ResetAllocationCount();
-    for (int i = 0; i < 5; ++i) Push(Sample(1, 2, 3, 4, 5, 6));
-    EXPECT_EQ(AllocationCount(), 1);
-    ASSERT_EQ(Gds_IF_StartSixAxisProofread(gds_.get()), 0);  // restart reuses the buffer
-    Push(Sample(1, 2, 3, 4, 5, 6));
-    EXPECT_EQ(AllocationCount(), 1);
-    EXPECT_EQ(gds_->proofread.count, 1u);
-    EXPECT_EQ(Gds_IF_ReleaseLogicAnalyser(gds_.get()), 0);
-    EXPECT_EQ(gds_->proofread.buffer, nullptr);
-    EXPECT_EQ(gds_->proofread.state, 0u);
-    EXPECT_EQ(Gds_IF_ReleaseLogicAnalyser(gds_.get()), 0);
-    EXPECT_EQ(Gds_IF_ReleaseLogicAnalyser(nullptr), -1);
-    EXPECT_EQ(Gds_IF_StartSixAxisProofread(nullptr), -1);
-}
-
-TEST_F(SixAxisTest, OffsetDifferenceWrapsAtSixteenBits) {
+    EXPECT_EQ(Last(L), -6000);
+    for (int i = 1; i <= 7; ++i) Push(Sample(410 * i, 0, 0, 0, 0, 0));
+    EXPECT_EQ(Ring(X).writeIndex, 0);  // ten writes: back at slot 0
+    EXPECT_EQ(Ring(X).value[0], 70);   // 2870 * 100 / 4096
     gds_->proofread.offset[0] = -32768;
-    Push(Sample(32767, 0, 0, 0, 0, 0));          // 32767 + 32768 wraps to -1
-    EXPECT_EQ(Last(AXIS_RING_LONGITUDINAL), 0);  // -1 * 100 / 4096
+    Push(Sample(32767, 0, 0, 0, 0, 0));  // the difference wraps to -1
+    EXPECT_EQ(Last(X), 0);
     gds_->proofread.offset[0] = 1;
     Push(Sample(-32768, 0, 0, 0, 0, 0));  // wraps to 32767
-    EXPECT_EQ(Last(AXIS_RING_LONGITUDINAL), 799);
+    EXPECT_EQ(Last(X), 799);
 }
 
-TEST(CalculateRmsecTest, VarianceWithIntegerMean) {
-    const int16_t equal[10] = {7, 7, 7, 7, 7, 7, 7, 7, 7, 7};
-    EXPECT_EQ(CalculateRMSEC(equal, 10), 0);
-    const int16_t split[10] = {10, 10, 10, 10, 10, -10, -10, -10, -10, -10};
-    EXPECT_EQ(CalculateRMSEC(split, 10), 100);
+TEST_F(SixAxisTest, CalibrationAveragesTwentySamplesTruncatingAndAllocatesOnce) {
+    ASSERT_EQ(Gds_IF_StartSixAxisProofread(gds_.get()), 0);
+    gAllocations = 0;
+    for (int i = 0; i < 5; ++i) Push(Sample(9, 9, 9, 9, 9, 9));
+    ASSERT_EQ(Gds_IF_StartSixAxisProofread(gds_.get()), 0);  // restart: the buffer is reused
+    for (int i = 0; i < 20; ++i)  // acc X sums to 2010, rotation Z to -39
+        Push(Sample(i % 2 ? 101 : 100, -3, 0, 7, 0, i < 19 ? -2 : -1));
+    EXPECT_EQ(gAllocations.load(), 1);
+    EXPECT_EQ(gds_->proofread.state, 1u);
+    Push(Sample(30000, 30000, 30000, 30000, 30000, 30000));  // the 21st only completes
+    EXPECT_EQ(gds_->proofread.state, 0u);
+    EXPECT_EQ(gds_->proofread.buffer, nullptr);
+    const int16_t want[6] = {100, -3, 0, 7, 0, -1};  // -39 / 20 truncates toward zero
+    EXPECT_EQ(std::memcmp(gds_->proofread.offset, want, sizeof(want)), 0);
+    Push(Sample(500, 0, 0, 0, 0, 0));
+    EXPECT_EQ(Last(X), 9);  // (500 - 100) * 100 / 4096
+    Gds_IF_StartSixAxisProofread(gds_.get());
+    Push(Sample(1, 2, 3, 4, 5, 6));
+    EXPECT_EQ(Gds_IF_ReleaseLogicAnalyser(gds_.get()), 0);  // frees a pending buffer
+    EXPECT_EQ(gds_->proofread.buffer, nullptr);
+}
+
+// The variance with an integer mean; no overflow at the extremes, nothing for no values.
+TEST(CalculateRmsecTest, IntegerVariance) {
     const int16_t skew[3] = {0, 0, 5};  // mean 1: (1 + 1 + 16) / 3
-    EXPECT_EQ(CalculateRMSEC(skew, 3), 6);
     int16_t extreme[10];
     for (int i = 0; i < 10; ++i) extreme[i] = i % 2 ? int16_t{32767} : int16_t{-32768};
+    EXPECT_EQ(CalculateRMSEC(skew, 3), 6);
     EXPECT_EQ(CalculateRMSEC(extreme, 10), 1073709056);
     EXPECT_EQ(CalculateRMSEC(extreme, 0), 0);
-    EXPECT_EQ(CalculateRMSEC(nullptr, 10), 0);
 }
 
-TEST_F(SixAxisTest, AccelerationNeedsSixOfTenValues) {
-    Fill(AXIS_RING_LONGITUDINAL, 5, 12);
-    Evaluate(30);
-    EXPECT_EQ(Level(), 0u);
-    Fill(AXIS_RING_LONGITUDINAL, 6, 12);
-    Evaluate(30);
-    EXPECT_EQ(Level(), 32u);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_ACC);
-    Fill(AXIS_RING_LONGITUDINAL, 6, 11);
-    Evaluate(30);
-    EXPECT_EQ(Level(), 16u);
-    Fill(AXIS_RING_LONGITUDINAL, 6, 8);
-    Evaluate(30);
-    EXPECT_EQ(Level(), 8u);
+// One evaluation each. Levels need more than five of ten values (acceleration 8/10/12,
+// deceleration -17/-19/-21, lateral band), a turn seven of ten (eight above 50 km/h), a strong
+// lateral more than seven beyond the band by 29, turbulence two of three variances above their
+// limits (a variance equal to the limit is not above it). A sensitivity out of 1-3 gives no
+// lateral band and turbulence limits of 0.
+TEST_F(SixAxisTest, CountThresholdsInOneSecond) {
+    Axis(
+        "!X5*12 30 = 0 0; !X6*12 30 = 32 ACC; !X6*11 30 = 16 ACC; !X6*10 30 = 16 ACC;"
+        "!X6*9 30 = 8 ACC; !X6*8 30 = 8 ACC; !X6*7 30 = 0 0; !X5*12/10 30 = 16 ACC;"
+        "!X5*-21 30 = 0 0; !X6*-21 30 = 4 DEC; !X6*-19 30 = 2 DEC; !X6*-17 30 = 1 DEC;"
+        "!X6*-16 30 = 0 0; !L7*600 40 = 0x80 0; !L7*600 50 = 0x80 0; !L7*600 51 = 0 0;"
+        "!L8*600 51 = 0x80 0; !L6*650 40 = 0 0; !L7*-650 40 = 0x100 0; !L7*540 40 = 0x40 0;"
+        "!L7*539 40 = 0 0; !X6*12 L7*540 40 = 0x40 ACC; !Y6*-19 30 = 0 NEG; !Y5*-19 30 = 0 0;"
+        "!Y6*-18 30 = 0 0; !Y6*19 30 = 0 POS; !Y6*18 30 = 0 0; !lat1 Y6*-24 30 = 0 NEG;"
+        "!lat1 Y6*-23 30 = 0 0; !lat3 Y6*14 30 = 0 POS; !lat3 Y6*13 30 = 0 0;"
+        "!Y8*-49 30 = 0 SN; !Y8*-48 30 = 0 NEG; !Y7*-49 30 = 0 NEG; !Y8*49 30 = 0 SP;"
+        "!X6*12 Y8*-50 30 = 32 SN; !X5*11/-11 30 = 0 0; !X5*11/-11 Y5*11/-11 30 = 0 TURB;"
+        "!X5*10/-10 Y5*11/-11 30 = 0 0; !X5*11/-11 Z5*18/-18 30 = 0 TURB;"
+        "!X5*11/-11 Z5*17/-17 30 = 0 0; !turb1 X5*15/-15 Y5*15/-15 30 = 0 TURB;"
+        "!turb1 X5*14/-14 Y5*14/-14 30 = 0 0; !turb3 X5*8/-8 Z5*15/-15 30 = 0 TURB;"
+        "!turb3 X5*7/-7 Z5*14/-14 30 = 0 0; !lat0 turb9 Y8*-60 30 = 0 0;"
+        "!lat0 turb9 Y8*-60 X5*1/-1 30 = 0 TURB");
 }
 
-TEST_F(SixAxisTest, DecelerationFlipsTheStateBits) {
-    Fill(AXIS_RING_LONGITUDINAL, 6, 12);
-    Evaluate(30);
-    Fill(AXIS_RING_LONGITUDINAL, 6, -21);
-    Evaluate(30);
-    EXPECT_EQ(Level(), 4u);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_DEC);
-    Fill(AXIS_RING_LONGITUDINAL, 6, -17);
-    Evaluate(30);
-    EXPECT_EQ(Level(), 1u);
-    Fill(AXIS_RING_LONGITUDINAL, 6, -16);  // not beyond -17: the level holds, then drops
-    const uint32_t want[] = {1, 1, 1, 0};
-    for (uint32_t w : want) {
-        Evaluate(30);
-        EXPECT_EQ(Level(), w);
+TEST_F(SixAxisTest, HoldsAndAlarmsOverSeconds) {
+    // A level holds three more seconds, a turn two.
+    Axis(
+        "X6*12 30 = 32 ACC; X6*-21 30 = 4 DEC; X6*-17 30 = 1 DEC; 3* X6*-16 30 = 1 DEC;"
+        "30 = 0 0");
+    Axis("L7*600 40 = 0x80 0; 2* L0*0 40 = 0x80 0; 40 = 0 0");
+    // Without a held level the whole state word clears each second; with one, the side holds.
+    Axis(
+        "Y6*-19 30 = 0 NEG; Y6*18 30 = 0 0; X6*12 Y6*19 30 = 32 ACC|POS;"
+        "2* Y6*18 30 = 32 ACC|POS; 30 = 32 ACC");
+    // Turbulence alarm from the 4th second while the speed value is above 0.
+    Axis(
+        "3* X5*11/-11 Y5*11/-11 30 = 0 TURB 0; 2* 30 = 0 TURB b1; 0 = 0 TURB 0;"
+        "3* 30 = 0 TURB 0; 0.5 = 0 TURB b1",
+        B(1));
+    // Side turn from the 7th second; a quiet second takes a count of 1-4 down by one (3, 4) and
+    // clears a higher one (6, 5).
+    Axis(
+        "6* Y8*60 30 = 0 SP 0; 30 = 0 SP b4; Y0*0 30 = 0 0 0; 3* Y8*60 30 = 0 SP 0;"
+        "Y0*0 30 = 0 0 0; 4* Y8*60 30 = 0 SP 0; 30 = 0 SP b4; Y0*0 30 = 0 0 0;"
+        "4* Y8*60 30 = 0 SP 0; Y0*0 30 = 0 0 0; 3* Y8*60 30 = 0 SP 0; 30 = 0 SP b4;"
+        "Y0*0 30 = 0 0 0; 5* Y8*60 30 = 0 SP 0; Y0*0 30 = 0 0 0; 6* Y8*60 30 = 0 SP 0;"
+        "30 = 0 SP b4",
+        B(4));
+    // Sudden turn from 30 km/h (29.9 reads 29), at the turn level; rapid acceleration from both
+    // judgements (speed level 32 with six-axis level 16 gives level 2; six-axis alone nothing).
+    Axis(
+        "L10*600 25 = 0x80 0 0; 30 = 0x80 0 b6; 29.9 = 0x80 0 0; - = 0x80 0 0;"
+        "L10*540 30 = 0x40 0 b5; L10*650 30 = 0x100 0 b7",
+        7 * B(5));
+    Axis("X6*10 4* 20 = 16 ACC 0; 50 = 16 ACC b9", 7 * B(8));
+}
+
+// {speedAccDec, sixAxisLevel, hold (both highRpmHold and brakeHold), rapid acceleration,
+// emergency deceleration}. Both judgements: the lower level; speed alone: level 1 while held.
+TEST(MotionCheckTest, CombinationRules) {
+    std::istringstream cases(
+        "32 16 0 2 0  16 32 0 2 0  8 32 0 1 0  32 8 0 1 0  32 32 0 3 0  16 16 0 2 0  8 0 1 1 0"
+        "  8 0 0 0 0  32 0 1 1 0  0 32 1 0 0  32 128 0 0 0  8 4 1 1 0  4 0 1 0 1  4 0 0 0 0"
+        "  4 2 0 0 2  2 4 0 0 2  4 4 0 0 3  1 4 0 0 1  0 4 1 0 0  2 2 1 0 2");
+    unsigned o, x, hold;
+    int rapid, emergency;
+    while (cases >> o >> x >> hold >> rapid >> emergency) {
+        Alarm_Info_t a{};
+        a.speedAccDec = static_cast<uint8_t>(o);
+        a.sixAxisLevel = x;
+        a.highRpmHold = a.brakeHold = static_cast<uint8_t>(hold);
+        EXPECT_EQ(CheckRapidAcceAlarm(&a), rapid) << o << "/" << x << "/" << hold;
+        EXPECT_EQ(CheckEmergencyDecelerationAlarm(&a), emergency) << o << "/" << x << "/" << hold;
     }
-    EXPECT_EQ(State(), 0u);
-}
-
-TEST_F(SixAxisTest, TurnNeedsSevenValuesBelow51AndEightAbove) {
-    Fill(AXIS_RING_LATERAL_LOAD, 7, 600);
-    Evaluate(40);
-    EXPECT_EQ(Level(), 0x80u);
-    SetUp();
-    Fill(AXIS_RING_LATERAL_LOAD, 7, 600);
-    Evaluate(60);
-    EXPECT_EQ(Level(), 0u);
-    Fill(AXIS_RING_LATERAL_LOAD, 8, -650);
-    Evaluate(60);
-    EXPECT_EQ(Level(), 0x100u);
-    Fill(AXIS_RING_LATERAL_LOAD, 8, 540);
-    Evaluate(50);
-    EXPECT_EQ(Level(), 0x40u);
-    // A turn written in the same second as an acceleration replaces it, and holds two seconds.
-    Fill(AXIS_RING_LONGITUDINAL, 6, 12);
-    Evaluate(50);
-    EXPECT_EQ(Level(), 0x40u);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_ACC);
-    EXPECT_EQ(gds_->sixAxisCounter.levelHold, 2);
-}
-
-TEST_F(SixAxisTest, LateralSideBitsHoldTwoSecondsWhileALevelKeepsTheWord) {
-    Fill(AXIS_RING_LATERAL, 6, -19);
-    Evaluate(30);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_LATERAL_NEG);
-    Fill(AXIS_RING_LATERAL, 6, 18);
-    Evaluate(30);
-    EXPECT_EQ(State(), 0u);               // no level held: the whole word is cleared at once
-    Fill(AXIS_RING_LONGITUDINAL, 6, 12);  // a renewed level keeps the word alive
-    Fill(AXIS_RING_LATERAL, 6, 19);
-    Evaluate(30);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_ACC | SIX_AXIS_STATE_LATERAL_POS);
-    Fill(AXIS_RING_LATERAL, 6, 18);
-    const uint32_t want[] = {SIX_AXIS_STATE_LATERAL_POS, SIX_AXIS_STATE_LATERAL_POS, 0};
-    for (uint32_t w : want) {
-        Evaluate(30);
-        EXPECT_EQ(State(), SIX_AXIS_STATE_ACC | w);
-    }
-}
-
-TEST_F(SixAxisTest, StrongLateralReplacesTheWholeStateWord) {
-    Fill(AXIS_RING_LONGITUDINAL, 6, 12);
-    Fill(AXIS_RING_LATERAL, 8, -50);  // below -19 - 29
-    Evaluate(30);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_STRONG_NEG);
-    Fill(AXIS_RING_LATERAL, 8, -48);  // -48 is not below -48
-    Evaluate(30);
-    EXPECT_NE(State(), SIX_AXIS_STATE_STRONG_NEG);
-    Fill(AXIS_RING_LATERAL, 8, 49);
-    Evaluate(30);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_STRONG_POS);
-    Fill(AXIS_RING_LATERAL, 7, 49);
-    Evaluate(30);
-    EXPECT_NE(State(), SIX_AXIS_STATE_STRONG_POS);
-}
-
-TEST_F(SixAxisTest, TurbulenceNeedsTwoOfThreeVariances) {
-    Fill(AXIS_RING_LONGITUDINAL, 5, 11, -11);  // variance 121 > 100
-    Evaluate(30);
-    EXPECT_EQ(State(), 0u);
-    Fill(AXIS_RING_LATERAL, 5, 11, -11);
-    Evaluate(30);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_TURBULENCE);
-    Fill(AXIS_RING_LATERAL, 5, 10, -10);  // exactly 100 is not above
-    Evaluate(30);
-    EXPECT_EQ(State(), 0u);
-    Fill(AXIS_RING_VERTICAL, 5, 18, -18);  // 324 > 300
-    Evaluate(30);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_TURBULENCE);
-    gds_->alarmThreshold.turbulenceSensitivity = 3;  // X/Y limit 60, Z limit 200
-    Fill(AXIS_RING_LONGITUDINAL, 5, 8, -8);
-    Fill(AXIS_RING_VERTICAL, 5, 15, -15);
-    Evaluate(30);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_TURBULENCE);
-}
-
-TEST_F(SixAxisTest, IntenseTurbulenceAlarmFromFourthSecondWhileMoving) {
-    Fill(AXIS_RING_LONGITUDINAL, 5, 11, -11);
-    Fill(AXIS_RING_LATERAL, 5, 11, -11);
-    const float speed[] = {30, 30, 30, 30, 30, 0, 30, 30, 30, 30};
-    const bool want[] = {false, false, false, true, true, false, false, false, false, true};
-    for (size_t i = 0; i < 10; ++i) {
-        Evaluate(speed[i]);
-        EXPECT_EQ((E4() & Bit(GDS_E4_INTENSE_TURB)) != 0, want[i]) << "second " << i + 1;
-    }
-}
-
-TEST_F(SixAxisTest, SideTurnFromSeventhSecondAndSlowDecay) {
-    Fill(AXIS_RING_LATERAL, 8, 60);
-    for (int t = 1; t <= 7; ++t) {
-        Evaluate(30);
-        EXPECT_EQ((E4() & Bit(GDS_E4_SIDE_TURN)) != 0, t == 7) << t;
-    }
-    EXPECT_EQ(gds_->event4Counter.sideTurn, 6);
-    Fill(AXIS_RING_LATERAL, 0, 0);
-    Evaluate(30);
-    EXPECT_EQ(gds_->event4Counter.sideTurn, 0);  // 6 is above 4: straight to 0
-    Fill(AXIS_RING_LATERAL, 8, 60);
-    for (int t = 0; t < 3; ++t) Evaluate(30);
-    Fill(AXIS_RING_LATERAL, 0, 0);
-    Evaluate(30);
-    EXPECT_EQ(gds_->event4Counter.sideTurn, 2);
-}
-
-TEST_F(SixAxisTest, OutOfRangeSensitivityDisablesLateralButZeroesTurbulenceLimits) {
-    gds_->alarmThreshold.lateralSensitivity = 0;
-    gds_->alarmThreshold.turbulenceSensitivity = 9;
-    Fill(AXIS_RING_LATERAL, 8, -60);
-    Evaluate(30);
-    EXPECT_EQ(State() & (SIX_AXIS_STATE_STRONG_NEG | SIX_AXIS_STATE_LATERAL_NEG), 0u);
-    Fill(AXIS_RING_LONGITUDINAL, 5, 1, -1);  // any spread on two axes now counts as turbulence
-    Evaluate(30);
-    EXPECT_EQ(State(), SIX_AXIS_STATE_TURBULENCE);
-}
-
-TEST(SixAxisNullTest, NullArguments) {
-    tagSixAxisOrgData s{};
-    tagGds6AxisProofread pr{};
-    EXPECT_EQ(ProofreadSixAxisData(nullptr, &pr), -1);
-    EXPECT_EQ(ProofreadSixAxisData(&s, nullptr), -1);
-    EXPECT_EQ(FillSixAxisDataToBuffer(&s, nullptr), -1);
-    EXPECT_EQ(Algorithm6AxisData(nullptr, nullptr, nullptr), -1);
-    EXPECT_EQ(CheckIntenseTurbAlarm(nullptr, nullptr), 0);
-    EXPECT_EQ(CheckSideTurnAlarm(nullptr, nullptr), 0);
-    EXPECT_EQ(ProofreadSixAxisData(&s, &pr), 0);  // idle: nothing collected, nothing allocated
-    EXPECT_EQ(pr.buffer, nullptr);
 }
 
 }  // namespace

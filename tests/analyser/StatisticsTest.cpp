@@ -1,238 +1,96 @@
-// Trip statistics: per-sample differences with their filters, per-second counts and bands.
-#include <limits>
-
+// Trip statistics: the filters of the per-sample differences (gap, jump, going backwards,
+// implausible values, fallback items), per-second times, band edges and idle classes.
 #include "AnalyserTestUtil.h"
+
+#define BASE(field) FIELD(collData.statistics.base.field)
 
 namespace analyser_test {
 namespace {
 
-class StatisticsTest : public AnalyserTest {
-  protected:
-    // Hands one OBD sample to the analyser (per-sample statistics only).
-    void Sample(Obd& obd) {
-        ASSERT_EQ(Gds_IF_UpdateCollectData(COLLECT_OBD_DATA, &obd.Table(), gds_.get()), 0);
-    }
-    const BaseStatisticsData_t_& Base() const { return gds_->collData.statistics.base; }
-    const DrivingBehavior_t_& Drv() const { return gds_->collData.statistics.driving; }
-};
+constexpr int S = OBD_IDX_SPEED, R = OBD_IDX_ENGINE_SPEED, ACC = OBD_IDX_ACCELERATOR;
+constexpr int FUEL = OBD_IDX_FUEL, MILES = OBD_IDX_MILEAGE, GROSS = OBD_IDX_GROSS;
 
-TEST_F(StatisticsTest, MileageAddsSmallStepsAndDropsJumps) {
-    const struct {
-        float odo;
-        float total;
-    } rows[] = {
-        {1000.0f, 0.0f},                    // first reading only sets the base
-        {1000.5f, 0.5f},  {1020.0f, 0.5f},  // a jump of 19.5 is dropped
-        {1029.9f, 10.4f},                   // 9.9 is kept
-        {1039.9f, 10.4f},                   // exactly 10 is dropped
-        {1039.0f, 10.4f},                   // backwards: nothing
-        {1039.5f, 10.9f},                   // counted from the reading that went backwards
+// Bitmask of the bands (0 speed, 1 rpm, 2 accelerator; 3 the accelerator levels) that counted.
+Observer Mask(int which) {
+    return [which](const tagGdsParam_t& g) {
+        const DrivingBehavior_t_& d = g.collData.statistics.driving;
+        const BandStat_t_* b[3] = {d.speedBandStat, d.engineSpeedBandStat, d.acceleratorBandStat};
+        double m = 0;
+        for (int i = 0; i < (which == 3 ? 9 : which == 1 ? 8 : 5); ++i)
+            m += std::ldexp(which == 3 ? d.acceleratorLevelTime[i] : b[which][i].seconds, i);
+        return m;
     };
-    for (const auto& r : rows) {
-        Obd obd;
-        obd.Rpm(800).Set(OBD_IDX_MILEAGE, r.odo);
-        Sample(obd);
-        EXPECT_NEAR(Base().mileage1, r.total, 1e-3) << r.odo;
-        EXPECT_EQ(Base().mileage1, Base().mileage2);
-    }
 }
 
-TEST_F(StatisticsTest, MileageFallsBackToTheSecondDistanceItem) {
-    Obd a, b;
-    a.Speed(5).Set(OBD_IDX_MILEAGE2, 200.0f);
-    b.Speed(5).Set(OBD_IDX_MILEAGE2, 200.3f);
-    Sample(a);
-    Sample(b);
-    EXPECT_NEAR(Base().mileage1, 0.3f, 1e-4);
-    Obd still;  // engine off and standing: nothing counted
-    still.Set(OBD_IDX_MILEAGE2, 200.6f);
-    Sample(still);
-    EXPECT_NEAR(Base().mileage1, 0.3f, 1e-4);
+using StatisticsTest = AnalyserTest;
+
+// Per sample: the first reading only sets the base; a step of 10 or more, a reading going
+// backwards and one outside (0, 1e8) add nothing, and the next step counts from the last
+// plausible reading. The second distance item (gross fuel) stands in for an implausible
+// odometer (fuel reading); an odometer that did not move is used as it is; standing with the
+// engine off counts no distance or fuel. Idle fuel needs the engine and a speed truncating to 0,
+// drive fuel both non-zero. The brake counts new positive values.
+TEST_F(StatisticsTest, CumulativeDifferenceFilters) {
+    Run(Scenario(
+            "mileage", {R, MILES}, {BASE(mileage1), BASE(mileage2)},
+            "800 1000=0 0; 800 1000.5=0.5 0.5; 800 1020=0.5 0.5; 800 1029.9=10.4 10.4;"
+            "800 1039.9=10.4 10.4; 800 1039=10.4 10.4; 800 1039.5=10.9 10.9; 800 nan=10.9 10.9;"
+            "800 inf=10.9 10.9; 800 1e8=10.9 10.9"),
+        false);
+    Run(Scenario("fallback", {S, MILES, OBD_IDX_MILEAGE2}, {BASE(mileage1)},
+                 "5 0 200=0; 5 0 200.3=0.3; 0 0 200.6=0.3; 5 100 200.9=0.3; 5 100 201.2=0.3"),
+        false);
+    Run(Scenario("fuel", {R, S, FUEL}, {BASE(fuel1), BASE(fuel2), BASE(driveFuel)},
+                 "800 10 51=0 0 0; 800 10 51.5=.5 .5 .5; 800 10 50=.5 .5 .5; 800 10 50.5=1 1 1;"
+                 "800 10 1e9=1 1 1; 800 10 51=1 1 1; 800 10 51.5=1.5 1.5 1.5; 0 0 52=1.5 1.5 1.5;"
+                 "800 10 62=1.5 1.5 1.5; 800 10 -5=1.5 1.5 1.5"),
+        false);
+    Run(Scenario(
+            "idle or drive", {R, S, GROSS}, {BASE(idleFuel), BASE(driveFuel), BASE(fuel1)},
+            "700 0 10=0 0 0; 700 0 10.25=.25 0 .25; 700 0.9 10.5=.5 0 .5; 700 5 10.75=.5 .25 .75;"
+            "0 5 11=.5 .25 1"),
+        false);
+    Run(Scenario("brake", {OBD_IDX_BRAKE}, {BASE(brakeCount)},
+                 "10*1=1; 0=1; 2=2; 3=3; -1=3; 0.5=4"),
+        false);
 }
 
-TEST_F(StatisticsTest, FuelGoingBackwardsAddsNothingAndResetsTheBase) {
-    // An implausible reading adds nothing, and the next one cannot go back below it either.
-    const float fuel[] = {51.0f, 51.5f, 50.0f, 50.5f, 1e9f, 51.0f, 51.5f};
-    const float want[] = {0.0f, 0.5f, 0.5f, 1.0f, 1.0f, 1.0f, 1.5f};
-    for (int i = 0; i < 7; ++i) {
-        Obd obd;
-        obd.Rpm(800).Speed(10).Set(OBD_IDX_FUEL, fuel[i]);
-        Sample(obd);
-        EXPECT_NEAR(Base().fuel1, want[i], 1e-4) << i;
-        EXPECT_EQ(Base().fuel1, Base().fuel2);
-        EXPECT_EQ(Base().driveFuel, Base().fuel1);
-        EXPECT_EQ(Base().idleFuel, 0.0f);
-    }
+// The fuel of an idle counts from its start (or from a gap in the fuel readings) once the
+// idling alarm rises (240 s), else never.
+TEST_F(StatisticsTest, IdleAlarmFuel) {
+    Run(Scenario("idle alarm fuel", {S, R, FUEL}, {BASE(idleAlarmFuel), BASE(idleFuel)},
+                 "240*0 750 10.01+.01=0 -; 0 750 12.41=2.4 2.4; !200*0 750 10.01+.01=0 -;"
+                 "20 1500 12.02=0 1.99; 240*0 750 12.03+.01=0 -; 0 750 14.43=2.41 4.4;"
+                 "9*0 750 14.44+.01=- -; 0 750 14.53=2.51 4.5; !100*0 750 10.01+.01=0 -;"
+                 "0 750 -=0 -; 0 750 12=0 -; 138*0 750 12.01+.01=0 -; 0 750 13.39=1.39 -"));
 }
 
-TEST_F(StatisticsTest, GrossIsTheFuelFallbackAndIdleFuelNeedsTheEngine) {
-    const struct {
-        float rpm, speed, gross;
-        float idle, drive;
-    } rows[] = {
-        {700, 0, 10.0f, 0, 0},         {700, 0, 10.25f, 0.25f, 0}, {700, 0.9f, 10.5f, 0.5f, 0},
-        {700, 5, 10.75f, 0.5f, 0.25f}, {0, 5, 11.0f, 0.5f, 0.25f},
-    };
-    for (const auto& r : rows) {
-        Obd obd;
-        obd.Rpm(r.rpm).Speed(r.speed).Set(OBD_IDX_GROSS, r.gross);
-        Sample(obd);
-        EXPECT_FLOAT_EQ(Base().idleFuel, r.idle) << r.gross;
-        EXPECT_FLOAT_EQ(Base().driveFuel, r.drive) << r.gross;
-    }
-    EXPECT_FLOAT_EQ(Base().fuel1, 1.0f);  // the last row moved without engine speed: still counts
+// Per second: drive time for speed > 0, idle time for speed 0 with rpm > 0, run time for both.
+// Band i holds b_i < v <= b_(i+1), the last band everything above; the accelerator level times
+// count values above each level. The band fuel drops a step above 5 (exactly 5 counts).
+TEST_F(StatisticsTest, PerSecondTimesAndBands) {
+    Run(Scenario("times", {S, R}, {BASE(driveTime), BASE(idleTime), BASE(runTime)},
+                 "10 1500=1 0 1; 0.5 0=2 0 2; 0 800=2 1 3; 0 0=2 1 3; -3 800=2 1 3"));
+    Run(Scenario("bands", {S, R, ACC}, {Mask(0), Mask(1), Mask(2), Mask(3)},
+                 "!0 0 0=0 0 0 0; !30 800 10=b0 b0 b0 0; !30.5 800.5 10.5=b1 b1 b1 0;"
+                 "!60 2400 50=b1 b6 b2 0; !120 2400.5 80=b3 b7 b3 7; !120.5 3000 80.5=b4 b7 b4 15;"
+                 "!250 1000 130=b4 b1 b4 255; !90 1000.5 130.5=b2 b2 b4 511"));
+    Run(Scenario("band fuel", {S, R, ACC, FUEL},
+                 {FIELD(collData.statistics.driving.speedBandStat[1].fuel),
+                  FIELD(collData.statistics.driving.engineSpeedBandStat[3].fuel),
+                  FIELD(collData.statistics.driving.acceleratorBandStat[1].fuel), BASE(fuel1)},
+                 "45 1300 20 100=0 0 0 0; 45 1300 20 105=5 5 5 5; 45 1300 20 110.5=5 5 5 10.5;"
+                 "45 1300 20 111=5.5 5.5 5.5 11; 0 1300 20 112=5.5 5.5 5.5 12"),
+        false);
 }
 
-TEST_F(StatisticsTest, BrakeCountsNewPositiveValuesOnly) {
-    const float brake[] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 2, 3, -1, 0.5f};
-    for (float b : brake) {
-        Obd obd;
-        obd.Set(OBD_IDX_BRAKE, b);
-        Sample(obd);
-    }
-    EXPECT_EQ(Base().brakeCount, 4u);  // 1, 2, 3, 0.5
-}
-
-TEST_F(StatisticsTest, IdleFuelOfALongIdleCountsFromItsStartOnceTheAlarmRises) {
-    for (int t = 1; t <= 300; ++t) {
-        Obd obd;
-        obd.Speed(0).Rpm(750).Set(OBD_IDX_FUEL, 10.0f + 0.01f * static_cast<float>(t));
-        Second(obd);
-        if (t == 240) {
-            EXPECT_EQ(Base().idleAlarmFuel, 0.0f);
-        }
-        if (t == 241) {
-            EXPECT_NEAR(Base().idleAlarmFuel, 2.40f, 2e-3);
-        }
-    }
-    EXPECT_NEAR(Base().idleAlarmFuel, 2.99f, 2e-3);
-    EXPECT_NEAR(Base().idleFuel, 2.99f, 2e-3);
-}
-
-TEST_F(StatisticsTest, ShortIdleThenDrivingOffAddsNothingToTheAlarmFuel) {
-    for (int t = 1; t <= 200; ++t) {
-        Obd obd;
-        obd.Speed(0).Rpm(750).Set(OBD_IDX_FUEL, 10.0f + 0.01f * static_cast<float>(t));
-        Second(obd);
-    }
-    Obd drive;
-    drive.Speed(20).Rpm(1500).Set(OBD_IDX_FUEL, 12.02f);
-    Second(drive);
-    for (int t = 1; t <= 250; ++t) {  // a later idle starts from zero pending fuel
-        Obd obd;
-        obd.Speed(0).Rpm(750).Set(OBD_IDX_FUEL, 12.02f + 0.01f * static_cast<float>(t));
-        Second(obd);
-        if (t == 240) {
-            EXPECT_EQ(Base().idleAlarmFuel, 0.0f);
-        }
-    }
-    // The first idle sample already has a base (the driving sample), so 250 steps count.
-    EXPECT_NEAR(Base().idleAlarmFuel, 2.50f, 2e-3);
-}
-
-TEST_F(StatisticsTest, PerSecondDriveIdleAndRunTime) {
-    const struct {
-        float speed, rpm;
-    } rows[] = {{10, 1500}, {0.5f, 0}, {0, 800}, {0, 0}, {-3, 800}};
-    for (const auto& r : rows) {
-        Obd obd;
-        obd.Speed(r.speed).Rpm(r.rpm);
-        Second(obd);
-    }
-    EXPECT_EQ(Base().driveTime, 2u);
-    EXPECT_EQ(Base().idleTime, 1u);
-    EXPECT_EQ(Base().runTime, 3u);
-}
-
-TEST_F(StatisticsTest, BandEdgesBelongToTheLowerBand) {
-    const struct {
-        float speed;
-        int band;  // -1: none
-    } rows[] = {{0, -1}, {30, 0}, {30.5f, 1}, {60, 1}, {120, 3}, {120.5f, 4}, {250, 4}};
-    for (const auto& r : rows) {
-        SetUp();
-        Obd obd;
-        obd.Speed(r.speed);
-        Second(obd);
-        for (int b = 0; b < 5; ++b)
-            EXPECT_EQ(Drv().speedBandStat[b].seconds, b == r.band ? 1u : 0u)
-                << "speed " << r.speed << " band " << b;
-    }
-    SetUp();
-    const float rpm[] = {800, 800.5f, 2400, 2400.5f, 0};
-    for (float v : rpm) {
-        Obd obd;
-        obd.Rpm(v);
-        Second(obd);
-    }
-    EXPECT_EQ(Drv().engineSpeedBandStat[0].seconds, 1u);
-    EXPECT_EQ(Drv().engineSpeedBandStat[1].seconds, 1u);
-    EXPECT_EQ(Drv().engineSpeedBandStat[6].seconds, 1u);
-    EXPECT_EQ(Drv().engineSpeedBandStat[7].seconds, 1u);
-}
-
-TEST_F(StatisticsTest, AcceleratorBandsAndLevelTimes) {
-    Obd obd;
-    obd.Set(OBD_IDX_ACCELERATOR, 80.0f);
-    Second(obd);
-    EXPECT_EQ(Drv().acceleratorBandStat[3].seconds, 1u);   // 60 < 80 <= 80
-    const uint16_t want[9] = {1, 1, 1, 0, 0, 0, 0, 0, 0};  // above 50, 60, 75 only
-    for (int j = 0; j < 9; ++j) EXPECT_EQ(Drv().acceleratorLevelTime[j], want[j]) << j;
-    obd.Set(OBD_IDX_ACCELERATOR, 130.5f);
-    Second(obd);
-    EXPECT_EQ(Drv().acceleratorBandStat[4].seconds, 1u);
-    EXPECT_EQ(Drv().acceleratorLevelTime[8], 1u);
-}
-
-TEST_F(StatisticsTest, BandFuelDropsJumpsAboveFive) {
-    const struct {
-        float fuel;
-        float bandFuel;
-    } rows[] = {{100, 0}, {105, 5}, {110.5f, 5}, {111, 5.5f}};
-    for (const auto& r : rows) {
-        Obd obd;
-        obd.Speed(45).Rpm(1300).Set(OBD_IDX_ACCELERATOR, 20).Set(OBD_IDX_FUEL, r.fuel);
-        Sample(obd);
-        EXPECT_FLOAT_EQ(Drv().speedBandStat[1].fuel, r.bandFuel) << r.fuel;
-        EXPECT_FLOAT_EQ(Drv().engineSpeedBandStat[3].fuel, r.bandFuel);
-        EXPECT_FLOAT_EQ(Drv().acceleratorBandStat[1].fuel, r.bandFuel);
-    }
-    EXPECT_FLOAT_EQ(Base().fuel1, 11.0f);  // the 5.5 step is fine for the base statistics
-}
-
-TEST_F(StatisticsTest, EconomyIdleClassesFromTheIdlingCounter) {
-    EconomyStatisticsData_t_ eco{};
-    Obd obd;
-    const int counters[] = {0, 1, 179, 180, 900, 1800};
-    for (int c : counters)
-        GdsStatisticsEconomyDataTime(&obd.Table(), &eco, c, &gds_->statThreshold);
-    EXPECT_EQ(eco.idleOverTime[0], 5u);
-    EXPECT_EQ(eco.idleOverTime[1], 3u);
-    EXPECT_EQ(eco.idleOverTime[2], 2u);
-    EXPECT_EQ(eco.idleOverTime[3], 1u);
-}
-
-TEST_F(StatisticsTest, EconomyFollowsTheIdlingCheckSecondBySecond) {
-    Obd idle;
-    idle.Speed(0).Rpm(700);
-    for (int t = 0; t < 181; ++t) Second(idle);
-    EXPECT_EQ(gds_->collData.economy.idleOverTime[0], 181u);
-    EXPECT_EQ(gds_->collData.economy.idleOverTime[1], 2u);  // seconds 180 and 181
-}
-
-TEST_F(StatisticsTest, ImplausibleReadingsAddNothing) {
-    const float bad[] = {std::numeric_limits<float>::quiet_NaN(),
-                         std::numeric_limits<float>::infinity(), -5.0f, 1e8f};
-    for (float v : bad) {
-        SetUp();
-        Obd a, b;
-        a.Rpm(800).Set(OBD_IDX_FUEL, 10).Set(OBD_IDX_MILEAGE, 10);
-        b.Rpm(800).Set(OBD_IDX_FUEL, v).Set(OBD_IDX_MILEAGE, v);
-        Sample(a);
-        Sample(b);
-        EXPECT_EQ(Base().fuel1, 0.0f) << v;
-        EXPECT_EQ(Base().mileage1, 0.0f) << v;
-    }
+// Idle classes from the idling count: seconds idling at all, and from 3, 15 and 30 minutes on.
+TEST_F(StatisticsTest, EconomyIdleClasses) {
+    Run(Scenario("economy", {S, R},
+                 {FIELD(collData.economy.idleOverTime[0]), FIELD(collData.economy.idleOverTime[1]),
+                  FIELD(collData.economy.idleOverTime[2]), FIELD(collData.economy.idleOverTime[3])},
+                 "0 0=0 0 0 0; 179*0 700=- 0 0 0; 0 700=180 1 0 0; 719*0 700=- - 0 0;"
+                 "0 700=900 721 1 0; 899*0 700=- - - 0; 0 700=1800 1621 901 1"));
 }
 
 }  // namespace
