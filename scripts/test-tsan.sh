@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Builds everything with ThreadSanitizer (GoogleTest too, so the framework's own locking is seen)
-# and runs the tests where all threads are live: the end-to-end tests (plug-in, host layer and
-# emulator together) and the host layer's tests. A test's component is its folder under tests/,
+# and runs the tests where threads meet: the end-to-end tests (plug-in, host layer and emulator
+# together), the host layer's, and the plug-in's own (send thread, two receiver feeders, the
+# analyser fed from two threads). A test's component is its folder under tests/,
 # which ctest sees as a label: tests/e2e/ -> e2e, tests/host/ -> host, tests/sim/ -> sim.
 #
-#   bash scripts/test-tsan.sh             # e2e, host*, sim* tests (the whole suite if none)
+#   bash scripts/test-tsan.sh             # the threaded components' tests (the whole suite if none)
 #   bash scripts/test-tsan.sh --all       # the whole suite
 #
-# Environment: TSAN_LABELS (ctest label regex, default '^(e2e|host|sim)'), BUILD_TYPE (default
+# Environment: TSAN_LABELS (ctest label regex, default '^(e2e|host|sim|link|core|analyser)': every
+# component that starts threads), BUILD_TYPE (default
 # Debug), JOBS (default 2, never more than 2). Any race report fails the test that printed it.
 set -euo pipefail
 
@@ -15,7 +17,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 readonly BUILD_DIR=build-tsan
 JOBS=${JOBS:-2}
 if ((JOBS > 2)); then JOBS=2; fi  # two cores, shared with other work
-labels=${TSAN_LABELS:-'^(e2e|host|sim)'}
+labels=${TSAN_LABELS:-'^(e2e|host|sim|link|core|analyser)'}
 if [[ ${1:-} == --all ]]; then
     labels=
     shift
