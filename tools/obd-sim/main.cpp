@@ -248,7 +248,7 @@ int Fail(const std::string& message, int code) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
     CLI::App app{"Runs the OBD plug-in under the host layer."};
     // CLI11's own positive-number check prints its double range in full; say it plainly.
     const CLI::Validator positive(
@@ -423,4 +423,13 @@ int main(int argc, char** argv) {
     if (slaveFd >= 0) ::close(slaveFd);
     std::fclose(out);
     return status;
+}
+
+int main(int argc, char** argv) {
+    // Whatever escapes (an allocation, a thread that cannot start) still ends in one line.
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& e) {
+        return Fail(e.what(), 1);
+    }
 }
