@@ -16,6 +16,8 @@ PACKAGES=(
     libssl-dev               # libcrypto: independent reference for the MD5 tests (host only)
     g++-arm-linux-gnueabihf  # brings the armhf libc/libstdc++ under /usr/arm-linux-gnueabihf
     qemu-user                # qemu-arm runs the armhf test binaries
+    clang                    # builds the libFuzzer targets
+    libclang-rt-14-dev       # libFuzzer and the sanitizer runtimes for clang
 )
 
 missing=()

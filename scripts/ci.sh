@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # The whole CI pipeline: installs what is missing, then builds and tests natively and under
-# ASan+UBSan (scripts/test.sh), for armhf under qemu and under ThreadSanitizer, each in its own
-# build directory.
+# ASan+UBSan (scripts/test.sh), for armhf under qemu, under ThreadSanitizer, and the fuzz targets'
+# short runs (clang), each in its own build directory.
 # Every stage runs even after an earlier one failed, so one run shows every broken pipeline;
 # the script fails if any stage did. Meant to be what .ci/run calls: `exec bash scripts/ci.sh`.
 #
-# Environment: JOBS (default 2, never more than 2), STAGES (default "native asan armhf tsan").
+# Environment: JOBS (default 2, never more than 2), STAGES (default "native asan armhf tsan fuzz").
 set -uo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
@@ -17,12 +17,13 @@ native() { bash scripts/test.sh --native; }
 asan() { bash scripts/test.sh --asan; }
 armhf() { bash scripts/test-armhf.sh; }
 tsan() { bash scripts/test-tsan.sh; }
+fuzz() { bash scripts/test-fuzz.sh; }
 
 bash scripts/ci-deps.sh || exit 1
 
 failed=()
 report=()
-for stage in ${STAGES:-native asan armhf tsan}; do
+for stage in ${STAGES:-native asan armhf tsan fuzz}; do
     echo "=== ci: $stage"
     t0=$SECONDS
     if "$stage"; then status=ok; else status=FAILED; failed+=("$stage"); fi

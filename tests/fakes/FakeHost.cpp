@@ -91,6 +91,18 @@ void Reset() {
     s.events.clear();
 }
 
+void ClearRecords() {
+    State& s = S();
+    std::lock_guard<std::mutex> lock(s.mu);
+    s.serialOut.clear();
+    s.sends.clear();
+    s.responses.clear();
+    s.logs.clear();
+    s.dumps.clear();
+    s.events.clear();
+    s.configStatuses.clear();
+}
+
 #define FAKE_GET(type, name, field)               \
     type name() {                                 \
         std::lock_guard<std::mutex> lock(S().mu); \
@@ -267,7 +279,11 @@ void P4X_TMSleepMicroSecond(unsigned int us) {
         std::lock_guard<std::mutex> lock(S().mu);
         ++S().sleepCalls;
         S().sleptUs += us;
-        divisor = S().sleepDivisor == 0 ? 1 : S().sleepDivisor;
+        divisor = S().sleepDivisor;
+    }
+    if (divisor == 0) {
+        std::this_thread::yield();
+        return;
     }
     std::this_thread::sleep_for(std::chrono::microseconds(std::max(1u, us / divisor)));
 }

@@ -53,6 +53,9 @@ constexpr unsigned int kModuleId = 0x38;
 
 // Configuration.
 void Reset();
+// Forgets what was recorded (logs, dumps, writes, messages, events) but keeps registrations and
+// settings: long runs such as fuzzing stay small.
+void ClearRecords();
 void SetProductType(int type);
 void FailThreadCreation(bool fail);
 // Threads created while held wait before running their entry until ReleaseThreads().
@@ -61,7 +64,8 @@ void ReleaseThreads();
 // Blocks until every thread started through CreateNormalThread has returned from its entry.
 bool WaitThreadsExited(int timeoutMs);
 int ThreadsStarted();
-// A sleep of `us` host microseconds takes us / divisor real microseconds (default 1000).
+// A sleep of `us` host microseconds takes us / divisor real microseconds (default 1000); with 0
+// it only yields (single-threaded runs such as fuzzing, where nothing else moves time).
 void SetSleepDivisor(unsigned int divisor);
 uint64_t SleepCalls();
 uint64_t SleptUs();
