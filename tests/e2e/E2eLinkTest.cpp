@@ -1,16 +1,20 @@
 // End to end: the plug-in loaded as the recorder loads it (dlopen through the host layer), on a
 // real pseudo-terminal, against the box emulator. Host time is stepped by the test, so command
-// timeouts of seconds pass in milliseconds; the box answers in real time.
+// timeouts of seconds pass in milliseconds; the box answers in real time. What a link unit test
+// pins down byte for byte is only re-proved here where the integration could break it.
 // E2E_VERBOSE=1 prints the host log and the serial dumps while the tests run.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "BoxEmulator.h"
 #include "COBDCtrlTestPeer.h"
@@ -22,28 +26,19 @@ namespace {
 using obdbox::BoxEmulator;
 using obdbox::BoxOptions;
 using obdbox::ByteVec;
-using obdbox::ReceivedFrame;
-
-std::vector<uint16_t> Codes(const std::vector<ReceivedFrame>& rx) {
-    std::vector<uint16_t> c;
-    for (const auto& f : rx) c.push_back(f.code);
-    return c;
-}
 
 class E2eTest : public ::testing::Test {
   protected:
     void SetUp() override {
         hostsim::Reset();
-        if (getenv("E2E_VERBOSE")) hostsim::SetDumpLevel(3);
-        hostsim::SetLogSink([this](int, const std::string& line) {
-            if (getenv("E2E_VERBOSE"))
-                fprintf(stderr, "%lld %s\n", hostsim::ClockNowMs(), line.c_str());
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_logs.push_back(line);
+        const bool verbose = getenv("E2E_VERBOSE") != nullptr;
+        if (verbose) hostsim::SetDumpLevel(3);
+        hostsim::SetLogSink([verbose](int, const std::string& line) {
+            if (verbose) fprintf(stderr, "%lld %s\n", hostsim::ClockNowMs(), line.c_str());
         });
         m_token = hostsim::BusSubscribe([this](const hostsim::BusMessage& m) {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_bus.push_back(m);
+            if (!m.response && m.id == 6899) m_canOut.push_back(m.payload);
         });
         hostsim::ClockUseStepped(0);
     }
@@ -82,12 +77,11 @@ class E2eTest : public ::testing::Test {
     }
     // The box without any fault (its rates and contents unchanged).
     static BoxOptions Answering(BoxOptions o) {
-        o.silent = o.refuse = o.badChecksum = o.escape = false;
+        o.silent = o.refuse = o.badChecksum = o.escape = o.stopAckAlt = false;
         o.dropEveryNth = o.garbageBytes = o.splitMaxChunk = 0;
         o.unanswered.clear();
         return o;
     }
-
     void Launch(BoxOptions o = {}, int productType = 0) {
         hostsim::SetProductType(productType);
         m_box = std::make_unique<BoxEmulator>(o);
@@ -100,9 +94,9 @@ class E2eTest : public ::testing::Test {
         ASSERT_EQ(m_host->RegisterHandlers(), 0);
         ASSERT_TRUE(m_host->Start());
     }
-
     // Moves host time on in `step` ms steps, giving the plug-in's threads and the box a moment
-    // of real time after each, until `done` holds or `hostMs` have passed.
+    // of real time after each, until `done` holds or `hostMs` have passed. Host time, not real
+    // time, bounds the wait, so a loaded machine only makes it slower.
     bool StepUntil(const std::function<bool()>& done, long long hostMs, int step = 50) {
         const long long end = hostsim::ClockNowMs() + hostMs;
         while (!done()) {
@@ -115,43 +109,33 @@ class E2eTest : public ::testing::Test {
     void Step(long long hostMs, int step = 50) {
         StepUntil([] { return false; }, hostMs, step);
     }
-    bool StepUntilFrames(size_t n, long long hostMs) {
-        return StepUntil([&] { return m_box->Received().size() >= n; }, hostMs);
+    std::vector<uint16_t> Codes() const {
+        std::vector<uint16_t> c;
+        for (const auto& f : m_box->Received()) c.push_back(f.code);
+        return c;
     }
-
+    int Count(uint16_t code) const {
+        const auto c = Codes();
+        return static_cast<int>(std::count(c.begin(), c.end(), code));
+    }
     COBDCtrl* Ctrl() const { return static_cast<CSerialDevOBD*>(m_host->Object())->ObdCtrl(); }
     _OBD_DataTable_t Table() const { return COBDCtrlTestPeer(Ctrl()).DataTable(); }
-    std::vector<hostsim::BusMessage> Bus() {
+    std::vector<ByteVec> CanOut() {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_bus;
+        return m_canOut;
     }
 
     std::unique_ptr<BoxEmulator> m_box;
     std::unique_ptr<hostsim::PluginHost> m_host;
     std::mutex m_mutex;
-    std::vector<std::string> m_logs;
-    std::vector<hostsim::BusMessage> m_bus;
+    std::vector<ByteVec> m_canOut;
     int m_token = 0;
 };
 
-// After start the plug-in stops the box's data stream and starts it again: exact bytes.
-TEST_F(E2eTest, E2eStartStopsThenStartsTheStreamWithExactFrames) {
-    Launch();
-    ASSERT_TRUE(StepUntilFrames(2, 1000));
-    const auto rx = m_box->Received();
-    // F0^F8^00^03^01^2C^04 = 0x22; F0^F8^00^08^02^2C^01^FF = 0xD0.
-    EXPECT_EQ(rx[0].raw, (ByteVec{0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x03, 0x01, 0x2C, 0x04, 0x22}));
-    EXPECT_EQ(rx[1].raw, (ByteVec{0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x08, 0x02, 0x2C, 0x01, 0xFF, 0x00,
-                                  0x00, 0x00, 0x00, 0xD0}));
-    // Both answered: nothing is repeated before the 5 s work.
-    Step(4000);
-    EXPECT_EQ(m_box->Received().size(), 2u);
-    EXPECT_TRUE(m_box->Streaming());
-}
-
-// An answered command is over within a poll period and the next follows; an unanswered one is
-// sent retries + 1 times under one sequence number, then the task ends and the stream restarts.
-TEST_F(E2eTest, E2eAnsweredCommandsFollowPromptlyUnansweredOnesAreRetried) {
+// After start the plug-in stops the box's data stream and starts it again, answered within a
+// poll; an unanswered command is sent retries + 1 times under one sequence number, then the
+// task ends and the stream restarts.
+TEST_F(E2eTest, E2eStartFramesAndRetriesOnTheWire) {
     BoxOptions o;
     o.unanswered = {0x2103};  // the hardware-version read
     Launch(o);
@@ -159,54 +143,50 @@ TEST_F(E2eTest, E2eAnsweredCommandsFollowPromptlyUnansweredOnesAreRetried) {
     const long long firstAt = hostsim::ClockNowMs();
     ASSERT_TRUE(StepUntil([&] { return m_box->Received().size() >= 2; }, 1000, 10));
     EXPECT_LE(hostsim::ClockNowMs() - firstAt, 100);  // the first 50 ms poll sees the answer
+    auto rx = m_box->Received();
+    // F0^F8^00^03^01^2C^04 = 0x22; F0^F8^00^08^02^2C^01^FF = 0xD0.
+    EXPECT_EQ(rx[0].raw, (ByteVec{0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x03, 0x01, 0x2C, 0x04, 0x22}));
+    EXPECT_EQ(rx[1].raw, (ByteVec{0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x08, 0x02, 0x2C, 0x01, 0xFF, 0x00,
+                                  0x00, 0x00, 0x00, 0xD0}));
+    Step(4000);  // both answered: nothing is repeated before the 5 s work
+    EXPECT_EQ(m_box->Received().size(), 2u);
+    EXPECT_TRUE(m_box->Streaming());
 
     // The 5 s work asks for the versions: stop, 11 reads, start again.
-    ASSERT_TRUE(StepUntilFrames(15, 40000));
-    const auto rx = m_box->Received();
-    const auto codes = Codes(rx);
-    const std::vector<uint16_t> expected = {0x2C04, 0x2C01, 0x2C04, 0x2103, 0x2103,
-                                            0x2103, 0x2103, 0x2103, 0x2103, 0x2103,
-                                            0x2103, 0x2103, 0x2103, 0x2103, 0x2C01};
-    EXPECT_EQ(std::vector<uint16_t>(codes.begin(), codes.begin() + 15), expected);
-    for (int i = 3; i < 14; ++i) {
-        EXPECT_EQ(rx[i].seq, 4) << i;
-        EXPECT_EQ(rx[i].raw, rx[3].raw) << i;
-    }
+    ASSERT_TRUE(StepUntil([&] { return m_box->Received().size() >= 15; }, 40000));
+    rx = m_box->Received();
+    const auto codes = Codes();
+    EXPECT_EQ(std::vector<uint16_t>(codes.begin(), codes.begin() + 15),
+              (std::vector<uint16_t>{0x2C04, 0x2C01, 0x2C04, 0x2103, 0x2103, 0x2103, 0x2103, 0x2103,
+                                     0x2103, 0x2103, 0x2103, 0x2103, 0x2103, 0x2103, 0x2C01}));
+    for (int i = 3; i < 14; ++i) EXPECT_EQ(rx[i].raw, rx[3].raw) << i;
+    EXPECT_EQ(rx[3].seq, 4);
     EXPECT_EQ(rx[14].seq, 5);
-    // About 2050 ms of host time lie between two attempts; the box saw them in real time.
-    EXPECT_GT(rx[13].tMs, rx[3].tMs);
 }
 
 TEST_F(E2eTest, E2eLinkFrameLeadsToLinkTasksOnTheTenSecondTimer) {
     Launch();
-    auto links = [&] {
-        int n = 0;
-        for (const auto& f : m_box->Received()) n += f.code == 0x2C10;
-        return n;
-    };
     // Without a link frame from the box the 10 s work only restarts the stream.
     Step(10500);
-    EXPECT_EQ(links(), 0);
+    EXPECT_EQ(Count(0x2C10), 0);
     EXPECT_EQ(m_box->Received().back().code, 0x2C01);
 
     m_box->SendLink();
     ASSERT_TRUE(StepUntil([&] { return COBDCtrlTestPeer(Ctrl()).BoxAlive() == 1; }, 1000));
-    EXPECT_EQ(links(), 0);  // not before the timer
+    EXPECT_EQ(Count(0x2C10), 0);  // not before the timer
     const size_t before = m_box->Received().size();
-    ASSERT_TRUE(StepUntil([&] { return links() >= 1; }, 10000));
+    ASSERT_TRUE(StepUntil([&] { return Count(0x2C10) >= 1; }, 10000));
     EXPECT_GE(hostsim::ClockNowMs(), 20000);
     // The timer first restarts the stream (stop, start), then the link task stops it and links.
-    const auto rx = m_box->Received();
-    const auto codes = Codes(rx);
-    const std::vector<uint16_t> tail(codes.begin() + static_cast<long>(before), codes.end());
-    ASSERT_GE(tail.size(), 4u);
-    EXPECT_EQ(std::vector<uint16_t>(tail.end() - 4, tail.end()),
+    const auto codes = Codes();
+    ASSERT_GE(codes.size(), before + 4);
+    EXPECT_EQ(std::vector<uint16_t>(codes.end() - 4, codes.end()),
               (std::vector<uint16_t>{0x2C04, 0x2C01, 0x2C04, 0x2C10}));
     // Never released (the box's link answer is no engine answer): 11 attempts, then the stream
     // is started again.
-    ASSERT_TRUE(
-        StepUntil([&] { return links() >= 11 && m_box->Received().back().code == 0x2C01; }, 30000));
-    EXPECT_EQ(links(), 11);
+    ASSERT_TRUE(StepUntil(
+        [&] { return Count(0x2C10) >= 11 && m_box->Received().back().code == 0x2C01; }, 30000));
+    EXPECT_EQ(Count(0x2C10), 11);
 }
 
 TEST_F(E2eTest, E2eDataStreamLandsInTheTableThroughEscapesSplitsAndGarbage) {
@@ -221,10 +201,9 @@ TEST_F(E2eTest, E2eDataStreamLandsInTheTableThroughEscapesSplitsAndGarbage) {
     o.streamPeriodMs = 15;
     o.values = [escaped] { return obdbox::DataItems{{9, escaped}, {1, 850.0f}, {3, 88.0f}}; };
     Launch(o);
-    ASSERT_TRUE(StepUntilFrames(2, 1000));  // the stream is started
+    ASSERT_TRUE(StepUntil([&] { return m_box->Streaming(); }, 1000));
     // Escaped, cut into reads of 1 to 8 bytes, garbage before each frame. A frame cut inside
-    // its four head bytes is lost (the receiver drops a read without a whole head); the others
-    // are reassembled.
+    // its four head bytes is lost; the others are reassembled.
     m_box->Update([](BoxOptions& opt) {
         opt.escape = true;
         opt.garbageBytes = 6;
@@ -246,42 +225,28 @@ TEST_F(E2eTest, E2eDataStreamLandsInTheTableThroughEscapesSplitsAndGarbage) {
 
 // Every fault of the box, then a good box again: the plug-in survives (the sanitizer build
 // checks every access) and recognises the next good frame.
-class E2eFaultTest : public E2eTest, public ::testing::WithParamInterface<int> {};
+const std::vector<std::function<void(BoxOptions&)>> kFaults = {
+    [](BoxOptions& o) { o.silent = true; },
+    [](BoxOptions& o) { o.refuse = true; },
+    [](BoxOptions& o) { o.dropEveryNth = 2; },
+    [](BoxOptions& o) { o.garbageBytes = 40; },
+    [](BoxOptions& o) { o.splitMaxChunk = 3, o.splitGapUs = 500; },
+    [](BoxOptions& o) { o.badChecksum = true; },
+    [](BoxOptions& o) { o.escape = o.escapeCountsInLength = true; },
+    [](BoxOptions& o) { o.stopAckAlt = o.escape = true; },
+    [](BoxOptions& o) {
+        o.unanswered = {0x2C04, 0x2C01};
+    },
+};
+
+class E2eFaultTest : public E2eTest, public ::testing::WithParamInterface<size_t> {};
 
 TEST_P(E2eFaultTest, E2eSurvivesTheFaultAndRecognisesTheNextGoodFrame) {
     BoxOptions o;
     o.streamPeriodMs = 10;
     o.linkPeriodMs = 700;
     o.seed = static_cast<unsigned>(GetParam() + 1);
-    switch (GetParam()) {
-        case 0:
-            o.silent = true;
-            break;
-        case 1:
-            o.refuse = true;
-            break;
-        case 2:
-            o.dropEveryNth = 2;
-            break;
-        case 3:
-            o.garbageBytes = 40;
-            break;
-        case 4:
-            o.splitMaxChunk = 3;
-            o.splitGapUs = 500;
-            break;
-        case 5:
-            o.badChecksum = true;
-            break;
-        case 6:
-            o.escape = true;
-            o.escapeCountsInLength = true;
-            break;
-        case 7:
-            o.stopAckAlt = true;
-            o.escape = true;
-            break;
-    }
+    kFaults[GetParam()](o);
     int tick = 0;
     o.values = [&tick] {
         ++tick;
@@ -294,11 +259,8 @@ TEST_P(E2eFaultTest, E2eSurvivesTheFaultAndRecognisesTheNextGoodFrame) {
     // The faults stop; one good frame must be enough.
     m_box->Update([](BoxOptions& opt) {
         opt = Answering(opt);
-        opt.garbageBytes = 0;
-        opt.splitMaxChunk = 0;
-        opt.escape = false;
-        opt.streamPeriodMs = 0;
-        opt.linkPeriodMs = 0;
+        opt.escapeCountsInLength = false;
+        opt.streamPeriodMs = opt.linkPeriodMs = 0;
         opt.values = [] { return obdbox::DataItems{{59, 4321.0f}}; };
     });
     // Flushes a pending lying head at once; were it read in pieces, the head would still hold
@@ -312,7 +274,7 @@ TEST_P(E2eFaultTest, E2eSurvivesTheFaultAndRecognisesTheNextGoodFrame) {
         6000, 50));
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, E2eFaultTest, ::testing::Range(0, 8));
+INSTANTIATE_TEST_SUITE_P(Faults, E2eFaultTest, ::testing::Range<size_t>(0, kFaults.size()));
 
 // The command table leaves the library as data under its plain name.
 TEST(E2eExports, E2eCommandTableIsExportedAsData) {
@@ -323,60 +285,41 @@ TEST(E2eExports, E2eCommandTableIsExportedAsData) {
     Dl_info info{};
     ASSERT_NE(dladdr(table, &info), 0);
     EXPECT_STREQ(info.dli_sname, "ObdCmdArray");
-    EXPECT_EQ(table[0], 0x0000);
-    EXPECT_EQ(table[3], 0x2105);
-    EXPECT_EQ(table[4], 0x6105);
-    EXPECT_EQ(table[19], 0x0000);  // OBD_CMD_FAIL: a state, never sent
-    EXPECT_EQ(table[33], table[34]);
-    EXPECT_EQ(table[40], 0x6CF1);
+    // Spot checks: the unit tests check the table entry by entry.
+    EXPECT_EQ(std::vector<uint16_t>(
+                  {table[0], table[3], table[4], table[19], table[33], table[34], table[40]}),
+              (std::vector<uint16_t>{0x0000, 0x2105, 0x6105, 0x0000, 0x2C10, 0x2C10, 0x6CF1}));
     dlclose(lib);
 }
 
-// CAN-box mode: the box is behind another service. Only the software-version read and the
-// start of the stream leave, as bus messages carrying the frame; the serial line stays silent.
+// CAN-box mode: the box is behind another service. Only the start of the stream leaves, as a
+// bus message carrying the frame; the serial line stays silent. The box's answers come back
+// relayed on the bus: count, then the bytes as the box sent them.
 TEST_F(E2eTest, E2eCanBoxModeTalksToTheBoxOnlyThroughTheBus) {
     Launch({}, 72);
-    auto outs = [&] {
-        std::vector<hostsim::BusMessage> v;
-        for (const auto& m : Bus()) {
-            if (!m.response && m.id == 6899) v.push_back(m);
-        }
-        return v;
-    };
-    ASSERT_TRUE(StepUntil([&] { return outs().size() >= 1; }, 1000));
+    ASSERT_TRUE(StepUntil([&] { return CanOut().size() >= 1; }, 1000));
     // No stop in CAN-box mode: the first frame is the start, sequence number 1.
     // F0^F8^00^08^01^2C^01^FF = 0xD3.
-    const ByteVec start = {0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x08, 0x01, 0x2C,
-                           0x01, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xD3};
-    ByteVec expected = {15, 0, 0, 0};
-    expected.insert(expected.end(), start.begin(), start.end());
-    EXPECT_EQ(outs()[0].payload, expected);
-
-    // The box's answers come back relayed on the bus: count, then the bytes as the box sent
-    // them, here its acknowledgement split across two messages and a data-stream frame.
-    auto relay = [](const ByteVec& bytes) {
-        ByteVec msg = {static_cast<uint8_t>(bytes.size()), 0, 0, 0};
-        msg.insert(msg.end(), bytes.begin(), bytes.end());
+    EXPECT_EQ(CanOut()[0], (ByteVec{15, 0, 0, 0, 0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x08, 0x01, 0x2C,
+                                    0x01, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xD3}));
+    auto relay = [](ByteVec::const_iterator from, ByteVec::const_iterator to) {
+        ByteVec msg = {static_cast<uint8_t>(to - from), 0, 0, 0};
+        msg.insert(msg.end(), from, to);
         hostsim::BusInject(6898, msg);
     };
+    // The acknowledgement split across two messages, then item 8 = 42.5.
     const ByteVec ack = BoxEmulator::EncodeFrame(0x6C01, {}, 1, false, false, false);
-    relay(ByteVec(ack.begin(), ack.begin() + 5));
-    relay(ByteVec(ack.begin() + 5, ack.end()));
-    // Item 8 (vehicle speed, id 8) = 42.5 km/h.
-    float speed = 42.5f;
-    uint32_t bits;
-    std::memcpy(&bits, &speed, sizeof(bits));
-    relay(BoxEmulator::EncodeFrame(
-        0x2C81,
-        {0x08, static_cast<uint8_t>(bits), static_cast<uint8_t>(bits >> 8),
-         static_cast<uint8_t>(bits >> 16), static_cast<uint8_t>(bits >> 24)},
-        2, false, false, false));
+    relay(ack.begin(), ack.begin() + 5);
+    relay(ack.begin() + 5, ack.end());
+    const ByteVec data =
+        BoxEmulator::EncodeFrame(0x2C81, {0x08, 0x00, 0x00, 0x2A, 0x42}, 2, false, false, false);
+    relay(data.begin(), data.end());
     hostsim::BusDrain();
     ASSERT_TRUE(StepUntil([&] { return Table().item[7].id == 7; }, 2000));
     EXPECT_EQ(Table().item[7].value, 42.5f);
     // Released by the relayed answer: the start is not repeated before the 10 s timer's own.
     Step(7000);
-    EXPECT_EQ(outs().size(), 1u);
+    EXPECT_EQ(CanOut().size(), 1u);
     EXPECT_TRUE(m_box->Received().empty());  // nothing on the serial line
 }
 
