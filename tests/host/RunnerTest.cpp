@@ -31,8 +31,8 @@ class RunnerTest : public ::testing::Test {
     // shell's pid for the runner, so that a signal reaches it.
     void Spawn(const std::string& args, const std::string& input = "") {
         std::ofstream(dir + "/in") << input;
-        const std::string cmd =
-            "exec " OBD_SIM_LAUNCHER " " OBD_SIM " " + args + " <" + dir + "/in >" + dir + "/out 2>" + dir + "/err";
+        const std::string cmd = "exec " OBD_SIM_LAUNCHER " " OBD_SIM " " + args + " <" + dir +
+                                "/in >" + dir + "/out 2>" + dir + "/err";
         const char* argv[] = {"sh", "-c", cmd.c_str(), nullptr};
         ASSERT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ),
                   0);
