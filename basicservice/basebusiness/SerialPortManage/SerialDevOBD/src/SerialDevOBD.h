@@ -90,6 +90,7 @@ class CSerialDevOBD : public CSerialBase {
   private:
     friend class CSerialDevOBDTestPeer;
 
+    void FillGdsConfigInfo(GdsConfigInfo_t* info);
     // Turns the host's inertial-sensor message into an analyser sample (bus thread).
     void ConvertInertiaSensorData(const char* msg);
 

@@ -93,6 +93,36 @@ int CSerialDevOBD::OnUpdateInertiaSensor(const char* msg, int len) {
     return 0;
 }
 
+// The configuration and status record from the store; the caller holds m_devInfoMutex. A field
+// is filled, and its mask bit set, only once the box has reported it.
+void CSerialDevOBD::FillGdsConfigInfo(GdsConfigInfo_t* info) {
+    std::memset(info, 0, sizeof(*info));
+    if (m_infoPending[GDS_GET_VERSION] == 0) {
+        info->mask |= CFG_MASK_VERSION;
+        info->version = m_devVersion;
+    }
+    if (m_infoPending[GDS_GET_SCAN_TIME_LEVEL] == 0) {
+        info->mask |= CFG_MASK_SCAN_TIME_LEVEL;
+        info->scanTimeLevel = m_devScanTimeLevel;
+    }
+    if (m_infoPending[GDS_GET_DATA_SCAN_LEVEL] == 0) {
+        info->mask |= CFG_MASK_DATA_SCAN_LEVEL;
+        info->dataScanLevel = m_devDataScanLevel;
+    }
+    if (m_infoPending[GDS_GET_ENGINE] == 0) {
+        info->mask |= CFG_MASK_ENGINE;
+        info->engine = m_devEngine;
+    }
+    if (m_infoPending[GDS_GET_ALARM_THRESHOLD] == 0) {
+        info->mask |= CFG_MASK_ALARM_THRESHOLD;
+        std::memcpy(info->alarmThreshold, alarmThreshold, sizeof(info->alarmThreshold));
+    }
+    info->mask |= CFG_MASK_OBD_STATE;
+    info->obd_state = m_obdState;
+    info->mask |= CFG_MASK_MODE;
+    info->mode = 0;
+}
+
 int CSerialDevOBD::OnGetGdsConfigInfo(const char* msg, int len) {
     if (!Accepted(msg, len)) {
         OBD_DEV_LOG(0, "S38_OBD: Get gds config info length or msg is error \n");
@@ -100,31 +130,7 @@ int CSerialDevOBD::OnGetGdsConfigInfo(const char* msg, int len) {
     }
     pthread_mutex_lock(&m_devInfoMutex);
     GdsConfigInfo_t info;
-    std::memset(&info, 0, sizeof(info));
-    if (m_infoPending[GDS_GET_VERSION] == 0) {
-        info.mask |= CFG_MASK_VERSION;
-        info.version = m_devVersion;
-    }
-    if (m_infoPending[GDS_GET_SCAN_TIME_LEVEL] == 0) {
-        info.mask |= CFG_MASK_SCAN_TIME_LEVEL;
-        info.scanTimeLevel = m_devScanTimeLevel;
-    }
-    if (m_infoPending[GDS_GET_DATA_SCAN_LEVEL] == 0) {
-        info.mask |= CFG_MASK_DATA_SCAN_LEVEL;
-        info.dataScanLevel = m_devDataScanLevel;
-    }
-    if (m_infoPending[GDS_GET_ENGINE] == 0) {
-        info.mask |= CFG_MASK_ENGINE;
-        info.engine = m_devEngine;
-    }
-    if (m_infoPending[GDS_GET_ALARM_THRESHOLD] == 0) {
-        info.mask |= CFG_MASK_ALARM_THRESHOLD;
-        std::memcpy(info.alarmThreshold, alarmThreshold, sizeof(info.alarmThreshold));
-    }
-    info.mask |= CFG_MASK_OBD_STATE;
-    info.obd_state = m_obdState;
-    info.mask |= CFG_MASK_MODE;
-    info.mode = 0;
+    FillGdsConfigInfo(&info);
     char name[sizeof(info.engine.name) + 1] = {};
     std::memcpy(name, info.engine.name, sizeof(info.engine.name));
     std::printf(
