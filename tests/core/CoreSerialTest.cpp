@@ -1,5 +1,6 @@
 // Serial input and output: what is read is dumped and handed on, frames leave on the port, and
 // in CAN-box mode only the two relayed commands leave, as bus messages.
+#include <algorithm>
 #include <cstring>
 
 #include "CoreTestSupport.h"
@@ -7,21 +8,23 @@
 namespace {
 
 // A frame towards the box with the given command code and payload (checksum not checked here).
-std::vector<unsigned char> Frame(uint16_t code, std::vector<unsigned char> payload = {}) {
+std::vector<unsigned char> Frame(uint16_t code, const std::vector<unsigned char>& payload = {}) {
     const size_t l = payload.size() + 3;
-    std::vector<unsigned char> f = {0x55,
-                                    0xAA,
-                                    0xF0,
-                                    0xF8,
-                                    static_cast<unsigned char>(l >> 8),
-                                    static_cast<unsigned char>(l & 0xFF),
-                                    0x01,
-                                    static_cast<unsigned char>(code >> 8),
-                                    static_cast<unsigned char>(code & 0xFF)};
-    f.insert(f.end(), payload.begin(), payload.end());
+    std::vector<unsigned char> f(l + 7, 0);
+    const unsigned char head[9] = {0x55,
+                                   0xAA,
+                                   0xF0,
+                                   0xF8,
+                                   static_cast<unsigned char>(l >> 8),
+                                   static_cast<unsigned char>(l & 0xFF),
+                                   0x01,
+                                   static_cast<unsigned char>(code >> 8),
+                                   static_cast<unsigned char>(code & 0xFF)};
+    std::copy(head, head + 9, f.begin());
+    std::copy(payload.begin(), payload.end(), f.begin() + 9);
     unsigned char x = f[2];
-    for (size_t i = 3; i < f.size(); ++i) x ^= f[i];
-    f.push_back(x);
+    for (size_t i = 3; i + 1 < f.size(); ++i) x ^= f[i];
+    f.back() = x;
     return f;
 }
 

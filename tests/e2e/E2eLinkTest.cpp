@@ -303,8 +303,9 @@ TEST_F(E2eTest, E2eCanBoxModeTalksToTheBoxOnlyThroughTheBus) {
     EXPECT_EQ(CanOut()[0], (ByteVec{15, 0, 0, 0, 0x55, 0xAA, 0xF0, 0xF8, 0x00, 0x08, 0x01, 0x2C,
                                     0x01, 0xFF, 0x00, 0x00, 0x00, 0x00, 0xD3}));
     auto relay = [](ByteVec::const_iterator from, ByteVec::const_iterator to) {
-        ByteVec msg = {static_cast<uint8_t>(to - from), 0, 0, 0};
-        msg.insert(msg.end(), from, to);
+        ByteVec msg(static_cast<size_t>(to - from) + 4, 0);
+        msg[0] = static_cast<uint8_t>(to - from);
+        std::copy(from, to, msg.begin() + 4);
         hostsim::BusInject(6898, msg);
     };
     // The acknowledgement split across two messages, then item 8 = 42.5.
