@@ -8,7 +8,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-const std::vector<int> kRegistered = {33115, 348, 1071, 6698, 1194, 6898, 6893};
+const std::vector<int> kRegistered = {33115, 348, 1071, 6698, 6729, 6779, 6731, 1194, 6898, 6893};
 
 Bytes Le32(uint32_t v) {
     return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8),
@@ -68,6 +68,9 @@ TEST_F(MessagesTest, EveryHandlerRejectsAMessageWithoutWholeHeadInItsOwnWords) {
         {1194, "S38_obd: Power down msg length or msg is error \n"},
         {6898, "S38_obd: Get perip upgrade result length or msg is error \n"},
         {6893, "update calc pulse length error \n"},
+        {6729, "S38_obd: Trigger gds/obd upgrade msg length or msg is error \n"},
+        {6731, "S38_obd: Get perip upgrade result length or msg is error \n"},
+        {6779, "S12_GDS: Trigger gds/obd upgrade msg length or msg is error \n"},
     };
     const std::vector<char> fifteen(15, 0);
     for (const auto& [id, text] : texts) {

@@ -34,6 +34,17 @@ class CSerialDevOBDTestPeer {
     double TotalMileage() { return m_obj->m_totalMileage; }
     uint32_t EngineTime() { return m_obj->m_engineTime; }
     const tagSixAxisOrgData& LastSixAxisSample() { return m_obj->m_gdsParam.collData.sixAxisOrg; }
+    void SetAlarmWords(uint64_t w1, uint64_t w2, uint64_t w3, uint64_t w4) {
+        Alarm_Info_t& a = m_obj->m_gdsParam.collData.alarmInfo;
+        a.eventType1Alarms = w1;
+        a.eventType2Alarms = w2;
+        a.eventType3Alarms = w3;
+        a.eventType4Alarms = w4;
+    }
+    _OBD_DataTable_t& AnalyserTable() { return m_obj->m_gdsParam.collData.obdData; }
+    uint32_t& DataAge() { return m_obj->m_obdDataAge; }
+    uint32_t& Changed() { return m_obj->m_devInfoChanged; }
+    uint8_t LinkTimeout() { return m_obj->m_obdLinkTimeout; }
     void ClearQueue() {
         pthread_mutex_lock(&m_obj->m_taskMutex);
         m_obj->m_sendTaskQueue.clear();

@@ -137,6 +137,16 @@ struct UpgradeProgress_t {
 static_assert(sizeof(UpgradeProgress_t) == 8, "upgrade progress");
 static_assert(offsetof(UpgradeProgress_t, percent) == 4, "upgrade progress");
 
+// Upgrade states on the bus, and the device id of the OBD box in upgrade messages.
+enum { PERIP_UPG_STATE_PROGRESS = 0, PERIP_UPG_STATE_FAILED = 9, PERIP_UPG_STATE_SUCCESS = 10 };
+constexpr int UPG_DEVICE_OBD = 7;
+
+// The firmware file an upgrade trigger sends to the box. A build setting, so that tests and the
+// simulator can use a directory of their own.
+#ifndef OBD_UPGRADE_FILE_PATH
+#define OBD_UPGRADE_FILE_PATH "/var/run/DOWNLOAD.bin"
+#endif
+
 // Upgrade state record of the bus (20 bytes).
 struct UpgradeResult_t {
     int8_t source;

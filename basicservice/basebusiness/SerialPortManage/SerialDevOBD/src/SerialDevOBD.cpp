@@ -86,7 +86,13 @@ CSerialDevOBD::CSerialDevOBD(CPeripheralManage* manage, CMsgClientManage* /*msgC
       m_obdDataAge(0),
       m_obdLinkTimeout(12),
       m_bObdLinkUp(0),
+      m_blackboxDropped(0),
+      m_bBlackboxFullLogged(false),
       m_prevAlarmWords{},
+      m_neutralGlideRecord(),
+      m_idlingRecord(),
+      m_overspeedRecord(),
+      m_curveRecord(),
       m_upgContext(),
       m_upgResult(),
       m_totalMileage(0.0),
@@ -111,8 +117,11 @@ CSerialDevOBD::CSerialDevOBD(CPeripheralManage* manage, CMsgClientManage* /*msgC
 
 CSerialDevOBD::~CSerialDevOBD() {
     SetSerialConfigStatus(6, 0, 0);
+    // Under the lock: in CAN-box mode a late relayed frame may still be appending a record.
+    pthread_mutex_lock(&m_devInfoMutex);
     delete[] m_pBlackboxBuf;
     m_pBlackboxBuf = nullptr;
+    pthread_mutex_unlock(&m_devInfoMutex);
     // Handshake with the send thread: it sets the flag back to 1 on its way out. Without a send
     // thread nobody would ever answer, so there is nothing to wait for.
     m_bTaskThreadRun = 0;

@@ -18,6 +18,7 @@
 
 #include "../analyser/GdsLogicAnalyser.h"
 #include "CSerialBase.h"
+#include "ObdBusRecords.h"
 #include "ObdTypes.h"
 
 class COBDCtrl;
@@ -61,6 +62,12 @@ class CSerialDevOBD : public CSerialBase {
     int OnHandlePowerDown(const char* msg, int len);
     int OnUpdateOBDData(const char* msg, int len);
     int OnGetTotalMileage(const char* msg, int len);
+    int OnTriggerObdUpgrade(const char* msg, int len);
+    int OnGetPeripheralUpgradeState(const char* msg, int len);
+    int OnTriggerObdDemacate(const char* msg, int len);
+
+    // Upgrade orchestration: queues the transfer of the file at `path` (at most 64 characters).
+    int UpgradeObd(const char* path);
 
     // Device information store (receiving thread, send thread, peripheral thread).
     int UpdateDevInfo(IDDataType_Eum type, void* data);
@@ -91,6 +98,13 @@ class CSerialDevOBD : public CSerialBase {
     friend class CSerialDevOBDTestPeer;
 
     void FillGdsConfigInfo(GdsConfigInfo_t* info);
+    void StoreVersion(const _OBD_Version_t& version);
+    void StoreFaultCode(const _OBD_FaultCode_t& report);
+    void AppendBlackboxRecord(const uint32_t* words, uint32_t n);
+    void Broadcast(int id, const void* payload, uint32_t len);
+    // Upgrade bookkeeping, under m_devInfoMutex (called from UpdateDevInfo).
+    int HandleObdUpgradeFinish();
+    void BroadcastUpgradeState(int state, int source, bool finished);
     // Turns the host's inertial-sensor message into an analyser sample (bus thread).
     void ConvertInertiaSensorData(const char* msg);
 
@@ -130,7 +144,17 @@ class CSerialDevOBD : public CSerialBase {
     uint32_t m_obdDataAge;
     uint8_t m_obdLinkTimeout;
     uint8_t m_bObdLinkUp;
+    // Records that did not fit the black-box buffer while its broadcast was held; the first drop
+    // of a full spell is logged, the next broadcast reports the count.
+    uint32_t m_blackboxDropped;
+    bool m_bBlackboxFullLogged;
+
+    // Alarm trackers of the alarm broadcast (peripheral thread only).
     uint64_t m_prevAlarmWords[4];
+    AlarmOverData m_neutralGlideRecord;
+    AlarmOverData m_idlingRecord;
+    AlarmOverData m_overspeedRecord;
+    CurveAlarmData m_curveRecord;
 
     // Upgrade bookkeeping.
     struct UpgContext_t {
@@ -139,7 +163,7 @@ class CSerialDevOBD : public CSerialBase {
     } m_upgContext;
     UpgradeResult_t m_upgResult[7];
 
-    // Figures reported over the bus in CAN-box mode.
+    // Figures reported over the bus in CAN-box mode; written together under m_devInfoMutex.
     double m_totalMileage;
     uint32_t m_engineTime;
 };

@@ -1,5 +1,5 @@
 // Bus registration and the inbound handlers of configuration, samples, relayed box bytes,
-// mileage and power-down.
+// mileage and power-down (upgrade and calibration handlers: SerialDevOBDUpgrade.cpp).
 //
 // Untrusted input: every message comes from another service. A handler first checks that the
 // 16-byte head is there, and reads no payload byte beyond `len`, whatever the head's length word
@@ -40,13 +40,15 @@ struct Route {
     int (CSerialDevOBD::*handler)(const char*, int);
 };
 
-// Registration order as the recorder's bus expects it. The upgrade and calibration requests
-// (6729, 6779, 6731) are not handled by this build and stay unregistered.
+// Registration order as the recorder's bus expects it.
 constexpr Route kRoutes[] = {
     {MSG_GDS_PARAM_UPDATE_EX, &CSerialDevOBD::OnUpdateGdsParam},
     {MSG_GDS_PARAM_UPDATE, &CSerialDevOBD::OnUpdateGdsParam},
     {MSG_INERTIA_SENSOR_DATA, &CSerialDevOBD::OnUpdateInertiaSensor},
     {MSG_GET_GDS_CONFIG_INFO, &CSerialDevOBD::OnGetGdsConfigInfo},
+    {MSG_TRIGGER_PERIPHERAL_UPGRADE, &CSerialDevOBD::OnTriggerObdUpgrade},
+    {MSG_TRIGGER_OBD_DEMACATE, &CSerialDevOBD::OnTriggerObdDemacate},
+    {MSG_GET_PERIPHERAL_UPGRADE_STATE, &CSerialDevOBD::OnGetPeripheralUpgradeState},
     {MSG_POWER_DOWN, &CSerialDevOBD::OnHandlePowerDown},
     {MSG_CAN_BOX_OBD_DATA_IN, &CSerialDevOBD::OnUpdateOBDData},
     {MSG_CAN_BOX_TOTAL_MILEAGE, &CSerialDevOBD::OnGetTotalMileage},

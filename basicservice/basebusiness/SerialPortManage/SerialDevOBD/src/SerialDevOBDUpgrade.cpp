@@ -1,0 +1,193 @@
+// Upgrade and calibration orchestration: the bus side of a firmware upgrade of the box (trigger,
+// progress broadcasts, state per source, state query) and of an engine calibration.
+//
+// Threads: the handlers run on the bus thread; HandleObdUpgradeFinish and BroadcastUpgradeState
+// on the send thread inside UpdateDevInfo, which holds m_devInfoMutex. The handlers take the same
+// lock around the bookkeeping they share with it (context and state slots).
+#include <atomic>
+#include <cstring>
+
+#include "ObdLog.h"
+#include "SerialDevOBD.h"
+#include "SerialDevOBDInternal.h"
+
+namespace {
+
+constexpr int kHeadSize = static_cast<int>(sizeof(Common::SMessageHead));
+constexpr size_t UPGRADE_PATH_MAX = 64;
+
+// The last progress percent broadcast. Process-wide and never reset, like the recorder's own
+// build: a new upgrade's first 0 % is not repeated after a failure at 0 %.
+std::atomic<int> g_lastUpgradePercent{-1};
+
+bool Accepted(const char* msg, int len, int payloadBytes) {
+    return msg != nullptr && len >= kHeadSize + payloadBytes;
+}
+
+}  // namespace
+
+void ObdUpgradePercentReset() {
+    g_lastUpgradePercent = -1;
+}
+
+int CSerialDevOBD::UpgradeObd(const char* path) {
+    if (path == nullptr || std::strlen(path) > UPGRADE_PATH_MAX) {
+        OBD_DEV_LOG(0, "path is null\n");
+        return -1;
+    }
+    TaskBody_t task;
+    std::memset(&task, 0, sizeof(task));
+    task.taskType = TASK_TYPE_UPGRADE;
+    task.cmd = 0;
+    std::memcpy(task.data, path, std::strlen(path));
+    return InsertSendTask(task);
+}
+
+// A trigger reads four payload bytes: a shorter one is refused, not read past its end.
+int CSerialDevOBD::OnTriggerObdUpgrade(const char* msg, int len) {
+    if (!Accepted(msg, len, 4)) {
+        OBD_DEV_LOG(0, "S38_obd: Trigger gds/obd upgrade msg length or msg is error \n");
+        return 0;
+    }
+    const auto* p = reinterpret_cast<const unsigned char*>(msg) + kHeadSize;
+    const int source = static_cast<signed char>(p[0]);
+    const int verify = p[1], device = p[2], fileSource = p[3];
+    OBD_DEV_LOG(0,
+                "S38_obd: [UPG], source = %d, verfify = %d, device = %d(7:obd), fileSource = %d\n",
+                source, verify, device, fileSource);
+    if (device != UPG_DEVICE_OBD) {
+        OBD_DEV_LOG(0, "S38_obd: [UPG], device = %d(7:obd), fileSource = %d\n", device, fileSource);
+        return 0;
+    }
+    pthread_mutex_lock(&m_devInfoMutex);
+    m_upgContext = UpgContext_t{};
+    m_upgContext.source = source;
+    m_bUpgrading = 1;
+    pthread_mutex_unlock(&m_devInfoMutex);
+    OBD_DEV_LOG(0,
+                "S38_obd: [UPG], source = %d, verfify = %d, device = %d(7:obd), fileSource = %d\n",
+                source, verify, device, fileSource);
+    UpgradeObd(OBD_UPGRADE_FILE_PATH);
+
+    UpgradeResult_t answer;
+    std::memset(&answer, 0, sizeof(answer));
+    answer.source = static_cast<int8_t>(source);
+    answer.device = UPG_DEVICE_OBD;
+    OBD_DEV_LOG(0,
+                "S38_obd: [GDS_UPG] up broadcast, upgSource = %d, devId = %d, reslut = %d, "
+                "percent = %d\n",
+                source, UPG_DEVICE_OBD, 0, 0);
+    Common::SMessageHead head;
+    std::memcpy(&head, msg, sizeof(head));
+    if (m_pMsgClient != nullptr) {
+        m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(&answer),
+                                         static_cast<int>(sizeof(answer)));
+    }
+    if (source >= 0 && source <= 3) {
+        pthread_mutex_lock(&m_devInfoMutex);
+        m_upgResult[source].source = static_cast<int8_t>(source);
+        m_upgResult[source].state = PERIP_UPG_STATE_PROGRESS;
+        m_upgResult[source].percent = 0;
+        pthread_mutex_unlock(&m_devInfoMutex);
+    }
+    return 0;
+}
+
+int CSerialDevOBD::OnGetPeripheralUpgradeState(const char* msg, int len) {
+    if (!Accepted(msg, len, 2)) {
+        OBD_DEV_LOG(0, "S38_obd: Get perip upgrade result length or msg is error \n");
+        return 0;
+    }
+    const auto* p = reinterpret_cast<const unsigned char*>(msg) + kHeadSize;
+    const int source = static_cast<signed char>(p[0]);
+    const int device = p[1];
+    OBD_DEV_LOG(1, "S38_obd: Get upgrade result, source = %d, device = %d\n", source, device);
+    // Slot 3 is kept but never answered, as the recorder's services expect.
+    if (source < 0 || source > 2 || device != UPG_DEVICE_OBD) return 0;
+    pthread_mutex_lock(&m_devInfoMutex);
+    const UpgradeResult_t answer = m_upgResult[source];
+    pthread_mutex_unlock(&m_devInfoMutex);
+    OBD_DEV_LOG(1,
+                "S38_obd: Response upgrade result, source = %d, device = %d, reslut = %d  "
+                "Percent = %d\n",
+                answer.source, answer.device, answer.state, answer.percent);
+    Common::SMessageHead head;
+    std::memcpy(&head, msg, sizeof(head));
+    if (m_pMsgClient != nullptr) {
+        m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(&answer),
+                                         static_cast<int>(sizeof(answer)));
+    }
+    return 0;
+}
+
+// A calibration request carries a 52-byte engine record: a shorter one is refused whole.
+int CSerialDevOBD::OnTriggerObdDemacate(const char* msg, int len) {
+    if (!Accepted(msg, len, static_cast<int>(sizeof(_OBD_Engine_t)))) {
+        OBD_DEV_LOG(0, "S12_GDS: Trigger gds/obd upgrade msg length or msg is error \n");
+        return 0;
+    }
+    _OBD_Engine_t engine;
+    std::memcpy(&engine, msg + kHeadSize, sizeof(engine));
+    pthread_mutex_lock(&m_devInfoMutex);
+    std::memcpy(&m_demarcateMsgHead, msg, sizeof(m_demarcateMsgHead));
+    pthread_mutex_unlock(&m_devInfoMutex);
+    OBD_DEV_LOG(0, "S38_obd:  Demacate = %d\n", static_cast<int>(engine.engine_id));
+    ConfigObd(GDS_CFG_ENGINE, &engine);
+    pthread_mutex_lock(&m_devInfoMutex);
+    m_infoPending[GDS_GET_ENGINE] = 1;
+    pthread_mutex_unlock(&m_devInfoMutex);
+    Request(GDS_GET_ENGINE);
+    return 0;
+}
+
+// Caller (UpdateDevInfo) holds m_devInfoMutex.
+int CSerialDevOBD::HandleObdUpgradeFinish() {
+    switch (m_devUpgradeState.state) {
+        case UPG_STATE_SUCCESS:
+            m_upgContext.percent = static_cast<uint8_t>(m_devUpgradeState.percent);
+            BroadcastUpgradeState(PERIP_UPG_STATE_SUCCESS, m_upgContext.source, true);
+            m_infoPending[GDS_GET_VERSION] = 1;  // the box runs new firmware: read it again
+            break;
+        case UPG_STATE_FAILED:
+            BroadcastUpgradeState(PERIP_UPG_STATE_FAILED, m_upgContext.source, true);
+            break;
+        case UPG_STATE_PROGRESS:
+            m_upgContext.percent = static_cast<uint8_t>(m_devUpgradeState.percent);
+            if (g_lastUpgradePercent.exchange(m_upgContext.percent) == m_upgContext.percent) break;
+            BroadcastUpgradeState(PERIP_UPG_STATE_PROGRESS, m_upgContext.source, false);
+            break;
+        default:
+            break;
+    }
+    return 0;
+}
+
+// Caller holds m_devInfoMutex.
+void CSerialDevOBD::BroadcastUpgradeState(int state, int source, bool finished) {
+    if (state > PERIP_UPG_STATE_SUCCESS) {
+        OBD_DEV_LOG(0, "S38_obd: GDS upgrade state is error, state = %d\n", state);
+    } else {
+        UpgradeResult_t msg;
+        std::memset(&msg, 0, sizeof(msg));
+        msg.source = static_cast<int8_t>(source);
+        msg.device = UPG_DEVICE_OBD;
+        msg.state = static_cast<uint8_t>(state);
+        msg.percent = static_cast<int8_t>(m_upgContext.percent);
+        OBD_DEV_LOG(3,
+                    "S38_obd: [GDS_UPG] state broadcast, upgSource = %d, devId = %d, reslut = %d, "
+                    "percent = %d\n",
+                    source, UPG_DEVICE_OBD, state, static_cast<int>(m_upgContext.percent));
+        Broadcast(MSG_PERIPHERAL_UPGRADE_STATE, &msg, sizeof(msg));
+    }
+    if (source >= 0 && source <= 3) {
+        m_upgResult[source].source = static_cast<int8_t>(source);
+        m_upgResult[source].state = static_cast<uint8_t>(state);
+        m_upgResult[source].percent = static_cast<int8_t>(m_upgContext.percent);
+    }
+    if (finished) {
+        m_bUpgrading = 0;
+        m_upgContext = UpgContext_t{};
+    } else {
+        m_bUpgrading = 1;
+    }
+}
