@@ -93,7 +93,7 @@ run() { # step description, command...
 }
 
 run "apt-get update" "${apt[@]}" update
-run "apt-get install (on a bare system about a minute)" \
+run "apt-get install ${#missing[@]} packages and what they depend on" \
     "${apt[@]}" install -y --no-install-recommends "${missing[@]}"
 rm -f "$log"
 echo "deps: installed ${#missing[@]} packages in $((SECONDS - start)) s"

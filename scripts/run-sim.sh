@@ -20,7 +20,8 @@ bash scripts/deps.sh native
 start=$SECONDS
 echo "build: configuring $BUILD_DIR/ (Release)"
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=Release >/dev/null
-echo "build: obd-sim, obd-box and the plug-in with $jobs jobs (the first build takes about 20 s on 2 cores)"
+echo "build: obd-sim, obd-box and the plug-in with $jobs jobs" \
+    "(the first build takes about half a minute on 2 cores)"
 cmake --build "$BUILD_DIR" -j"$jobs" --target obd-sim obd-box
 echo "build: done in $((SECONDS - start)) s"
 

@@ -23,11 +23,11 @@ esac
 bash scripts/deps.sh native
 
 run_suite() { # name, build dir, build type, first-build time, extra cmake args...
-    local name=$1 dir=$2 type=$3 minutes=$4
+    local name=$1 dir=$2 type=$3 first=$4
     shift 4
     local start=$SECONDS
     echo "build: $name suite in $dir/ ($type) with $jobs jobs" \
-        "(the first build takes about $minutes on 2 cores)"
+        "(the first build takes about $first on 2 cores)"
     cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" "$@" >/dev/null
     cmake --build "$dir" -j"$jobs"
     local built=$SECONDS
@@ -37,10 +37,10 @@ run_suite() { # name, build dir, build type, first-build time, extra cmake args.
 }
 
 if [[ $mode == all || $mode == --native ]]; then
-    run_suite native build Release "40 s"
+    run_suite native build Release "1 min"
 fi
 if [[ $mode == all || $mode == --asan ]]; then
     export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-    run_suite ASan+UBSan build-asan Debug "50 s" -DOBD_SANITIZE=ON
+    run_suite ASan+UBSan build-asan Debug "1 min" -DOBD_SANITIZE=ON
 fi
