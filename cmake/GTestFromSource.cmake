@@ -9,7 +9,7 @@
 
 set(OBD_GTEST_SOURCE_DIR /usr/src/googletest CACHE PATH "GoogleTest source tree to build from")
 if(NOT EXISTS ${OBD_GTEST_SOURCE_DIR}/CMakeLists.txt)
-  message(FATAL_ERROR "No GoogleTest sources in ${OBD_GTEST_SOURCE_DIR}: run scripts/ci-deps.sh "
+  message(FATAL_ERROR "No GoogleTest sources in ${OBD_GTEST_SOURCE_DIR}: run scripts/deps.sh "
                       "(package googletest)")
 endif()
 

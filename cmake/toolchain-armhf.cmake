@@ -15,7 +15,7 @@ set(OBD_ARMHF_SYSROOT /usr/${OBD_ARMHF_TRIPLE})
 find_program(OBD_ARMHF_CXX ${OBD_ARMHF_TRIPLE}-g++)
 find_program(OBD_ARMHF_CC ${OBD_ARMHF_TRIPLE}-gcc)
 if(NOT OBD_ARMHF_CXX OR NOT OBD_ARMHF_CC)
-  message(FATAL_ERROR "${OBD_ARMHF_TRIPLE}-g++ not found: run scripts/ci-deps.sh "
+  message(FATAL_ERROR "${OBD_ARMHF_TRIPLE}-g++ not found: run scripts/deps.sh armhf "
                       "(package g++-${OBD_ARMHF_TRIPLE})")
 endif()
 set(CMAKE_C_COMPILER ${OBD_ARMHF_CC})

@@ -19,7 +19,7 @@ armhf() { bash scripts/test-armhf.sh; }
 tsan() { bash scripts/test-tsan.sh; }
 fuzz() { bash scripts/test-fuzz.sh; }
 
-bash scripts/ci-deps.sh || exit 1
+bash scripts/deps.sh ci || exit 1
 
 failed=()
 report=()

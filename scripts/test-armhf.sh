@@ -17,16 +17,7 @@ JOBS=${JOBS:-2}
 if ((JOBS > 2)); then JOBS=2; fi  # two cores, shared with other work
 start=$SECONDS
 
-if ! command -v arm-linux-gnueabihf-g++ >/dev/null || ! command -v qemu-arm >/dev/null ||
-    [[ ! -f /usr/src/googletest/CMakeLists.txt ]]; then
-    if [[ $(id -u) -eq 0 ]]; then
-        bash scripts/ci-deps.sh
-    else
-        echo "test-armhf: cross compiler, qemu-arm or GoogleTest sources missing;" \
-            "run scripts/ci-deps.sh as root" >&2
-        exit 1
-    fi
-fi
+bash scripts/deps.sh armhf
 
 cmake -S . -B "$BUILD_DIR" \
     -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake \

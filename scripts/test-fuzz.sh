@@ -6,6 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 readonly BUILD_DIR=build-fuzz
 JOBS=${JOBS:-2}
 if ((JOBS > 2)); then JOBS=2; fi
+bash scripts/deps.sh fuzz
 start=$SECONDS
 CC=clang CXX=clang++ cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=Debug -DOBD_FUZZ=ON \
     -DOBD_BUILD_TOOLS=OFF >/dev/null

@@ -22,6 +22,7 @@ if [[ ${1:-} == --all ]]; then
     labels=
     shift
 fi
+bash scripts/deps.sh native
 start=$SECONDS
 
 # TSan maps its shadow memory at fixed addresses; with the large mmap randomisation of newer

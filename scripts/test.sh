@@ -1,30 +1,46 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite twice: an optimised build (the one the simulator command
-# uses, where the compiler's flow analysis warns most), then the same suite under
-# AddressSanitizer + UndefinedBehaviorSanitizer (no recovery: the first finding fails the run).
+# Installs what is missing (scripts/deps.sh native), then builds and runs the whole test suite
+# twice: an optimised build (the one the simulator command uses, where the compiler's flow analysis
+# warns most), then the same suite under AddressSanitizer + UndefinedBehaviorSanitizer (no
+# recovery: the first finding fails the run).
 #   bash scripts/test.sh            both builds
 #   bash scripts/test.sh --native   optimised build only
 #   bash scripts/test.sh --asan     sanitizer build only
+#
+# Environment: JOBS (default 2).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${JOBS:-2}
 mode=${1:-all}
+case $mode in
+all | --native | --asan) ;;
+*)
+    echo "test: unknown option '$mode' (--native or --asan; none for both)" >&2
+    exit 2
+    ;;
+esac
 
-run_suite() { # build-dir, build type, extra cmake args...
-    local dir=$1 type=$2
-    shift 2
+bash scripts/deps.sh native
+
+run_suite() { # name, build dir, build type, first-build time, extra cmake args...
+    local name=$1 dir=$2 type=$3 first=$4
+    shift 4
+    local start=$SECONDS
+    echo "build: $name suite in $dir/ ($type) with $jobs jobs" \
+        "(the first build takes about $first on 2 cores)"
     cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" "$@" >/dev/null
     cmake --build "$dir" -j"$jobs"
-    (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 120)
+    local built=$SECONDS
+    echo "test: $name suite ($dir/)"
+    (cd "$dir" && ctest --output-on-failure -j"$jobs" --no-tests=error --timeout 120)
+    echo "test: $name suite passed: build $((built - start)) s, tests $((SECONDS - built)) s"
 }
 
 if [[ $mode == all || $mode == --native ]]; then
-    echo "== native suite (build/) =="
-    run_suite build Release
+    run_suite native build Release "1 min"
 fi
 if [[ $mode == all || $mode == --asan ]]; then
-    echo "== ASan+UBSan suite (build-asan/) =="
     export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-    run_suite build-asan Debug -DOBD_SANITIZE=ON
+    run_suite ASan+UBSan build-asan Debug "1 min" -DOBD_SANITIZE=ON
 fi
