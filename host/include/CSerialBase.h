@@ -38,7 +38,8 @@ class CSerialBase : public CPeripheralBase {
     int GetSerialBufferData(char* buf, unsigned int& len);
     // Writes all `len` bytes to the port. Any thread. Returns the count written, -1 on error.
     int SendDataToPeripheral(const char* data, unsigned int len);
-    // Discards pending input. Returns 0.
+    // Discards what the host has read and not yet handed over (nothing here: every read hands
+    // over all it read). Bytes not yet read stay for the next read. Returns 0.
     int ClearSerialBufferValue();
     // Records the peripheral's configuration status with the host. Returns 0.
     int SetSerialConfigStatus(unsigned char status, unsigned int arg1, unsigned int arg2);

@@ -202,7 +202,8 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int len) {
 }
 
 int CSerialBase::ClearSerialBufferValue() {
-    if (m_pPeripheralState->serialFd >= 0) tcflush(m_pPeripheralState->serialFd, TCIFLUSH);
+    // Every read hands over all it read, so the host holds nothing to discard. What the kernel
+    // holds arrived after that read and belongs to the next frames: flushing it would lose them.
     return 0;
 }
 

@@ -19,7 +19,7 @@ COBDCtrl::COBDCtrl(CSerialDevOBD* owner)
       m_dataTableMutex(),
       m_noDataCount(0),
       m_recvLen(0),
-      m_recvBuf{},
+      m_recvBuf(new unsigned char[OBD_RECV_BUF_SIZE]()),
       m_recvMutex(),
       m_bCanBoxMode(0),
       m_productType(PRODUCT_TYPE_UNKNOWN) {

@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 #include "../analyser/GdsLogicAnalyser.h"
@@ -33,7 +34,7 @@ struct _OBD_PkgInData_t {
 };
 
 constexpr int OBD_RECV_BUF_SIZE = 1024;
-// Largest read ReceiveData accepts, and the most the reassembly buffer ever holds.
+// The most the reassembly buffer ever holds; a longer read is taken in pieces of this size.
 constexpr int OBD_RECV_MAX = OBD_RECV_BUF_SIZE - 1;
 // Frame: head 55 AA, direction, length L (2), sequence, code (2), payload, checksum.
 constexpr int OBD_FRAME_OVERHEAD = 10;
@@ -58,8 +59,8 @@ class COBDCtrl : public COBDParser {
     int OBD_Init();
 
     // ---- receiver (COBDCtrlReceive.cpp) ----
-    // Takes the bytes of one read (at most 1023): reassembles, cuts and dispatches every complete
-    // frame. -1 for null data or a longer read, else 0. Any thread; calls are serialised.
+    // Takes the bytes of one read, of any length: reassembles, cuts and dispatches every complete
+    // frame. -1 for null data or a negative length, else 0. Any thread; calls are serialised.
     int ReceiveData(unsigned char* data, int len);
     // Undoes the box's escaping (7D 01 -> 7E, 7D 02 -> 7F, 7D 03 -> 7D; first and last byte
     // never escaped). `out` must hold `inLen` bytes. -1 (and *outLen 0) for a null pointer.
@@ -120,6 +121,9 @@ class COBDCtrl : public COBDParser {
   private:
     friend class COBDCtrlTestPeer;
 
+    // Cuts and dispatches the complete frames buffered; `endOfRead`: no more bytes of this read.
+    void CutFrames(bool endOfRead);
+
     CSerialDevOBD* m_pOwner;
     _OBD_DataTable_t m_dataTable;
     _OBD_ScanTimeLevel_t m_scanTimeLevel;
@@ -135,9 +139,11 @@ class COBDCtrl : public COBDParser {
     int m_bInited;
     pthread_mutex_t m_dataTableMutex;
     std::atomic<int> m_noDataCount;
-    // Reassembly buffer; bytes beyond m_recvLen are kept zero. Guarded by m_recvMutex.
+    // Reassembly buffer of OBD_RECV_BUF_SIZE bytes; bytes beyond m_recvLen are kept zero. Guarded
+    // by m_recvMutex. Allocated once, exactly that size, so that the sanitizers see any access
+    // past its end (inside the object the next member would absorb it).
     int m_recvLen;
-    unsigned char m_recvBuf[OBD_RECV_BUF_SIZE];
+    std::unique_ptr<unsigned char[]> m_recvBuf;
     std::mutex m_recvMutex;
     unsigned char m_bCanBoxMode;  // set once by the constructor
     eProductType m_productType;

@@ -4,8 +4,10 @@
 // Untrusted input. Everything here comes from the wire. A length field is only believed as far
 // as the bytes really buffered: a frame is cut only once its last byte (index head + 6 + L) lies
 // below the fill count, and the fill count never exceeds 1023, so a copy of L + 7 bytes always
-// stays inside the 1024-byte buffers. The dispatcher gets L, never more than was received, and
-// the parsers behind it bound every count and text length by the payload and by their record.
+// stays inside the 1024-byte buffers; the length field itself is read only where received. The
+// dispatcher gets L, never more than was received, and the parsers behind it bound every count and
+// text length by the payload and by their record.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -26,6 +28,22 @@ int FindHead(const unsigned char* buf, int fill) {
         if (std::memcmp(buf + i, kHead, sizeof(kHead)) == 0) return i;
     }
     return -1;
+}
+
+// The length field of the head at `head`, from the bytes received so far: a byte not yet
+// received counts as 0 (so a partly received L only grows). Never reads at or past `fill`.
+int FrameLength(const unsigned char* buf, int fill, int head) {
+    const int hi = head + kLenOffset < fill ? buf[head + kLenOffset] : 0;
+    const int lo = head + kLenOffset + 1 < fill ? buf[head + kLenOffset + 1] : 0;
+    return (hi << 8) | lo;
+}
+
+// How many of the last bytes (at most three) could begin a head that the next read completes.
+int HeadStartAtEnd(const unsigned char* buf, int fill) {
+    for (int n = std::min(fill, 3); n > 0; --n) {
+        if (std::memcmp(buf + fill - n, kHead, static_cast<size_t>(n)) == 0) return n;
+    }
+    return 0;
 }
 
 }  // namespace
@@ -74,54 +92,63 @@ int COBDCtrl::ReceiveData(unsigned char* data, int len) {
         std::fflush(stdout);
         return -1;
     }
-    // A negative count carries no bytes; refuse it like an oversized read.
-    if (len > OBD_RECV_MAX || len < 0) return -1;
+    if (len < 0) return -1;  // a negative count carries no bytes
 
     // Serial reads (peripheral thread) and relayed bytes (bus thread) never mix in the buffer.
     std::lock_guard<std::mutex> lock(m_recvMutex);
-    if (m_recvLen + len > OBD_RECV_MAX) {
-        std::memset(m_recvBuf, 0, sizeof(m_recvBuf));
-        m_recvLen = 0;
-    }
-    if (len > 0) std::memcpy(m_recvBuf + m_recvLen, data, static_cast<size_t>(len));
-    m_recvLen += len;
+    // Deliberately no size limit: a full host read (1024 bytes) is taken in pieces that fit.
+    // CutFrames always leaves room: what it keeps is shorter than a frame that fits the buffer.
+    int pos = 0;
+    do {
+        const int n = std::min(len - pos, OBD_RECV_MAX - m_recvLen);
+        if (n > 0) std::memcpy(m_recvBuf.get() + m_recvLen, data + pos, static_cast<size_t>(n));
+        m_recvLen += n;
+        pos += n;
+        CutFrames(pos == len);
+    } while (pos < len);
+    return 0;
+}
 
+void COBDCtrl::CutFrames(bool endOfRead) {
+    unsigned char* const buf = m_recvBuf.get();
+    // Keeps the last `keep` bytes at the start of the buffer and zeroes the rest.
+    const auto keepTail = [&](int keep) {
+        std::memmove(buf, buf + m_recvLen - keep, static_cast<size_t>(keep));
+        std::memset(buf + keep, 0, static_cast<size_t>(OBD_RECV_BUF_SIZE - keep));
+        m_recvLen = keep;
+    };
     char raw[OBD_RECV_BUF_SIZE];
     char plain[OBD_RECV_BUF_SIZE];
     while (m_recvLen >= 1) {
-        int head = FindHead(m_recvBuf, m_recvLen);
+        int head = FindHead(buf, m_recvLen);
         // A length that could never fit the buffer cannot belong to a frame: such a "head" is
         // noise, and waiting for it would only hold back the good frames behind it.
-        while (head >= 0) {
-            const int l = (m_recvBuf[head + kLenOffset] << 8) | m_recvBuf[head + kLenOffset + 1];
-            if (l + kFrameExtra <= OBD_RECV_MAX) break;  // (a partly received L only grows)
-            const int next = FindHead(m_recvBuf + head + 1, m_recvLen - head - 1);
+        while (head >= 0 && FrameLength(buf, m_recvLen, head) + kFrameExtra > OBD_RECV_MAX) {
+            const int next = FindHead(buf + head + 1, m_recvLen - head - 1);
             head = next < 0 ? -1 : head + 1 + next;
         }
         if (head < 0) {
-            std::printf("####Analy original data failed, no frame head and tail, length = %d\n",
-                        m_recvLen);
-            for (int i = 0; i < m_recvLen; ++i) std::printf("0x%x ", m_recvBuf[i]);
-            std::printf("\n\n");
-            std::fflush(stdout);
-            std::memset(m_recvBuf, 0, sizeof(m_recvBuf));
-            m_recvLen = 0;
-            return 0;
+            // Deliberately kept: bytes that may begin a head, since a read may end inside one.
+            const int keep = HeadStartAtEnd(buf, m_recvLen);
+            const int drop = m_recvLen - keep;
+            if (drop > 0) {
+                std::printf("####Analy original data failed, no frame head and tail, length = %d\n",
+                            drop);
+                for (int i = 0; i < drop; ++i) std::printf("0x%x ", buf[i]);
+                std::printf("\n\n");
+                std::fflush(stdout);
+            }
+            keepTail(keep);
+            return;
         }
-        // Bytes past the fill count are zero, so a length not yet received reads as short and
-        // the frame below counts as incomplete.
-        const int l = (m_recvBuf[head + kLenOffset] << 8) | m_recvBuf[head + kLenOffset + 1];
+        const int l = FrameLength(buf, m_recvLen, head);
         const int end = head + kSeqOffset + l;  // index of the checksum byte
         if (end >= m_recvLen) {
-            // Incomplete: keep it from its head on and wait for the rest.
-            const int keep = m_recvLen - head;
-            std::memmove(m_recvBuf, m_recvBuf + head, static_cast<size_t>(keep));
-            std::memset(m_recvBuf + keep, 0, static_cast<size_t>(OBD_RECV_BUF_SIZE - keep));
-            m_recvLen = keep;
-            return 0;
+            keepTail(m_recvLen - head);  // incomplete: keep it from its head on, wait for the rest
+            return;
         }
         const int frameLen = l + kFrameExtra;
-        std::memcpy(raw, m_recvBuf + head, static_cast<size_t>(frameLen));
+        std::memcpy(raw, buf + head, static_cast<size_t>(frameLen));
         if (m_pOwner != nullptr && m_pOwner->PeripheralManage() != nullptr) {
             m_pOwner->PeripheralManage()->hex_dump("one obd data:", raw,
                                                    static_cast<unsigned int>(frameLen), 3);
@@ -132,17 +159,8 @@ int COBDCtrl::ReceiveData(unsigned char* data, int len) {
         if (HandleData(plain + kSeqOffset, l) == -1) {
             OBD_CTRL_LOG(0, "####Analy original data failed, crc error, length = %d\n", frameLen);
         }
-        const int consumed = end + 1;
-        if (consumed >= m_recvLen) {
-            std::memset(m_recvBuf, 0, sizeof(m_recvBuf));
-            m_recvLen = 0;
-            if (m_pOwner != nullptr) m_pOwner->ClearSerialBufferValue();
-            return 0;
-        }
-        const int rest = m_recvLen - consumed;
-        std::memmove(m_recvBuf, m_recvBuf + consumed, static_cast<size_t>(rest));
-        std::memset(m_recvBuf + rest, 0, static_cast<size_t>(OBD_RECV_BUF_SIZE - rest));
-        m_recvLen = rest;
+        keepTail(m_recvLen - (end + 1));
+        // The host's buffer is cleared once a read is used up exactly by its frames.
+        if (m_recvLen == 0 && endOfRead && m_pOwner != nullptr) m_pOwner->ClearSerialBufferValue();
     }
-    return 0;
 }
