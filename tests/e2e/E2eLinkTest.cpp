@@ -1,8 +1,6 @@
-// End to end: the plug-in loaded as the recorder loads it (dlopen through the host layer), on a
-// real pseudo-terminal, against the box emulator. Host time is stepped by the test, so command
-// timeouts of seconds pass in milliseconds; the box answers in real time. What a link unit test
-// pins down byte for byte is only re-proved here where the integration could break it.
-// E2E_VERBOSE=1 prints the host log and the serial dumps while the tests run.
+// End to end, the link: the plug-in loaded as the recorder loads it, on a real pseudo-terminal,
+// against the box emulator (fixture in E2eFixture.h). What a link unit test pins down byte for
+// byte is only re-proved here where the integration could break it.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -16,121 +14,14 @@
 #include <thread>
 #include <vector>
 
-#include "BoxEmulator.h"
-#include "COBDCtrlTestPeer.h"
-#include "HostSim.h"
-#include "SerialDevOBD.h"
+#include "E2eFixture.h"
 
 namespace {
 
+using e2e::E2eTest;
 using obdbox::BoxEmulator;
 using obdbox::BoxOptions;
 using obdbox::ByteVec;
-
-class E2eTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        hostsim::Reset();
-        const bool verbose = getenv("E2E_VERBOSE") != nullptr;
-        if (verbose) hostsim::SetDumpLevel(3);
-        hostsim::SetLogSink([verbose](int, const std::string& line) {
-            if (verbose) fprintf(stderr, "%lld %s\n", hostsim::ClockNowMs(), line.c_str());
-        });
-        m_token = hostsim::BusSubscribe([this](const hostsim::BusMessage& m) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (!m.response && m.id == 6899) m_canOut.push_back(m.payload);
-        });
-        hostsim::ClockUseStepped(0);
-    }
-    void TearDown() override {
-        if (m_host) {
-            // Before the shutdown handshake the send thread must come to rest: a healthy box
-            // that does not answer link requests (a link task is never released and would keep
-            // the destructor waiting for its 11 attempts), and host time to finish what runs.
-            if (m_box) {
-                m_box->Update([](BoxOptions& o) {
-                    o = Answering(o);
-                    o.linkPeriodMs = 0;
-                    o.unanswered = {0x2C10};
-                });
-            }
-            Step(30000, 200);
-            // The destructor waits for the send thread's current command, which sleeps on host
-            // time: keep time moving faster than the host layer's own 10 ms steps meanwhile.
-            std::atomic<bool> done{false};
-            int released = 0;
-            std::thread release([&] {
-                released = m_host->Release();
-                done = true;
-            });
-            while (!done) {
-                hostsim::ClockAdvance(200);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-            release.join();
-            EXPECT_EQ(released, 1);
-        }
-        m_host.reset();
-        if (m_box) m_box->Stop();
-        hostsim::BusUnsubscribe(m_token);
-        hostsim::Reset();
-    }
-    // The box without any fault (its rates and contents unchanged).
-    static BoxOptions Answering(BoxOptions o) {
-        o.silent = o.refuse = o.badChecksum = o.escape = o.stopAckAlt = false;
-        o.dropEveryNth = o.garbageBytes = o.splitMaxChunk = 0;
-        o.unanswered.clear();
-        return o;
-    }
-    void Launch(BoxOptions o = {}, int productType = 0) {
-        hostsim::SetProductType(productType);
-        m_box = std::make_unique<BoxEmulator>(o);
-        ASSERT_TRUE(m_box->Start()) << m_box->LastError();
-        m_host = std::make_unique<hostsim::PluginHost>();
-        m_host->SetSerial(m_box->SlavePath());
-        ASSERT_TRUE(m_host->Load(OBD_PLUGIN_PATH)) << m_host->LastError();
-        ASSERT_EQ(m_host->SerialOpenError(), "");
-        ASSERT_EQ(m_host->Initialize(), 0);
-        ASSERT_EQ(m_host->RegisterHandlers(), 0);
-        ASSERT_TRUE(m_host->Start());
-    }
-    // Moves host time on in `step` ms steps, giving the plug-in's threads and the box a moment
-    // of real time after each, until `done` holds or `hostMs` have passed. Host time, not real
-    // time, bounds the wait, so a loaded machine only makes it slower.
-    bool StepUntil(const std::function<bool()>& done, long long hostMs, int step = 50) {
-        const long long end = hostsim::ClockNowMs() + hostMs;
-        while (!done()) {
-            if (hostsim::ClockNowMs() >= end) return false;
-            hostsim::ClockAdvance(step);
-            std::this_thread::sleep_for(std::chrono::microseconds(1000));
-        }
-        return true;
-    }
-    void Step(long long hostMs, int step = 50) {
-        StepUntil([] { return false; }, hostMs, step);
-    }
-    std::vector<uint16_t> Codes() const {
-        std::vector<uint16_t> c;
-        for (const auto& f : m_box->Received()) c.push_back(f.code);
-        return c;
-    }
-    int Count(uint16_t code) const {
-        const auto c = Codes();
-        return static_cast<int>(std::count(c.begin(), c.end(), code));
-    }
-    COBDCtrl* Ctrl() const { return static_cast<CSerialDevOBD*>(m_host->Object())->ObdCtrl(); }
-    _OBD_DataTable_t Table() const { return COBDCtrlTestPeer(Ctrl()).DataTable(); }
-    std::vector<ByteVec> CanOut() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_canOut;
-    }
-
-    std::unique_ptr<BoxEmulator> m_box;
-    std::unique_ptr<hostsim::PluginHost> m_host;
-    std::mutex m_mutex;
-    std::vector<ByteVec> m_canOut;
-    int m_token = 0;
-};
 
 // After start the plug-in stops the box's data stream and starts it again, answered within a
 // poll; an unanswered command is sent retries + 1 times under one sequence number, then the

@@ -1,7 +1,7 @@
 // libFuzzer target: arbitrary messages, head included, to every bus handler the plug-in
 // registers. A message is another service's bytes: whatever its length word or inner counts say,
-// no handler may read past the message or write past a record (ASan/UBSan watch), and the
-// configuration answer always stays 652 bytes.
+// no handler may read past the message or write past a record (ASan/UBSan watch), and every
+// answer has its record's size: 652 bytes for the configuration, 20 for the upgrade state.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -15,7 +15,7 @@ namespace {
 CPeripheralManage* g_manage = nullptr;
 CSerialDevOBD* g_obj = nullptr;
 
-const int kIds[] = {33115, 348, 1071, 6698, 1194, 6898, 6893};
+const int kIds[] = {33115, 348, 1071, 6698, 6729, 6779, 6731, 1194, 6898, 6893};
 
 }  // namespace
 
@@ -41,7 +41,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fakehost::DeliverRaw(id, msg.empty() ? nullptr : msg.data(), static_cast<int>(msg.size()));
     const auto responses = fakehost::Responses();
     for (const auto& r : responses) {
-        if (r.payload.size() != sizeof(GdsConfigInfo_t)) __builtin_trap();
+        const size_t want = r.head.msgId == MSG_GET_GDS_CONFIG_INFO ? sizeof(GdsConfigInfo_t)
+                                                                    : sizeof(UpgradeResult_t);
+        if (r.payload.size() != want) __builtin_trap();
     }
     fakehost::ClearRecords();
     return 0;

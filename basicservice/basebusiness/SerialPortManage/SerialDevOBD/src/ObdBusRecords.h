@@ -45,7 +45,7 @@ constexpr uint32_t BLACKBOX_MSG_TAIL = 12;
 
 // Details of an alarm that has just ended.
 struct AlarmOverData {
-    uint16_t continueTime;  // seconds
+    uint16_t continueTime;  // host clock difference / 1000 (ms on a microsecond clock), 16 bits
     uint16_t threshold;
     int16_t maxValue;  // the item's value when the alarm began
     uint8_t reserved[26];

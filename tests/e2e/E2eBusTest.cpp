@@ -1,0 +1,206 @@
+// End to end, the bus: what the recorder's other services receive from the plug-in while it
+// runs against the box emulator on a pseudo-terminal. The box streams values that follow host
+// time (set by the test), so alarms rise and end at host seconds the test controls.
+#include <cstring>
+
+#include "../core/CSerialDevOBDTestPeer.h"
+#include "E2eFixture.h"
+#include "ObdBusRecords.h"
+
+namespace {
+
+using e2e::E2eTest;
+using obdbox::BoxEmulator;
+using obdbox::BoxOptions;
+using obdbox::ByteVec;
+
+template <typename T>
+T As(const std::vector<unsigned char>& b) {
+    T t{};
+    EXPECT_EQ(b.size(), sizeof(T));
+    std::memcpy(&t, b.data(), std::min(b.size(), sizeof(T)));
+    return t;
+}
+
+uint32_t Le32At(const std::vector<unsigned char>& b, size_t off) {
+    return b[off] | (b[off + 1] << 8) | (b[off + 2] << 16) |
+           (static_cast<uint32_t>(b[off + 3]) << 24);
+}
+
+class E2eBusTest : public E2eTest {
+  protected:
+    // Engine speed and vehicle speed the box reports (items 6 and 7 of the table).
+    std::atomic<float> m_rpm{800.0f};
+    std::atomic<float> m_speed{0.0f};
+    BoxOptions Streaming(int periodMs = 5) {
+        BoxOptions o;
+        o.streamPeriodMs = periodMs;
+        o.values = [this] {
+            return obdbox::DataItems{{7, m_rpm.load()}, {8, m_speed.load()}, {10, 85.0f}};
+        };
+        return o;
+    }
+    std::vector<GdsConfigInfo_t> Statuses() {
+        std::vector<GdsConfigInfo_t> out;
+        for (const auto& m : Bus(MSG_GDS_CONFIG_INFO_REPORT))
+            out.push_back(As<GdsConfigInfo_t>(m.payload));
+        return out;
+    }
+};
+
+// The box's answers reach the status broadcast once; the link bits follow the data: box known
+// but silent (0x02) until the stream flows (0x03). Inertial samples reach the analyser.
+TEST_F(E2eBusTest, E2eStatusCarriesTheBoxAnswersAndLinkBitsFollowTheData) {
+    BoxOptions o = Streaming();
+    o.streamPeriodMs = 0;  // the box answers but streams nothing yet
+    Launch(o);
+    ASSERT_TRUE(StepUntil(
+        [&] {
+            const auto s = Statuses();
+            return !s.empty() && (s.back().mask & 0x009) == 0x009;
+        },
+        30000));
+    auto status = Statuses().back();
+    EXPECT_EQ(status.mask, 0x649u);
+    EXPECT_STREQ(status.version.DLVer, "DL1.0");
+    EXPECT_EQ(status.engine.engine_id, 1);
+    EXPECT_EQ(status.obd_state, 0x02);
+    // Answered items are not asked for again by the 5 s work.
+    const int versionReads = Count(0x2103);
+    const size_t statusCount = Statuses().size();
+    Step(12000);
+    EXPECT_EQ(Count(0x2103), versionReads);
+    EXPECT_EQ(Statuses().size(), statusCount);  // nothing changed, nothing sent
+
+    m_box->Update([](BoxOptions& opt) { opt.streamPeriodMs = 5; });
+    ASSERT_TRUE(StepUntil([&] { return Statuses().size() > statusCount; }, 5000));
+    status = Statuses().back();
+    EXPECT_EQ(status.obd_state, 0x03);
+    EXPECT_EQ(status.mask, 0x649u);
+
+    // A six-axis sample, kind 1, acceleration X = 0x1234 (little-endian on the bus).
+    std::vector<unsigned char> sample(32, 0);
+    sample[6] = 0x34;
+    sample[7] = 0x12;
+    sample[24] = 1;
+    hostsim::BusInject(MSG_INERTIA_SENSOR_DATA, sample);
+    hostsim::BusDrain();
+    auto* obj = static_cast<CSerialDevOBD*>(m_host->Object());
+    const auto& s = CSerialDevOBDTestPeer(obj).LastSixAxisSample();
+    EXPECT_EQ(s.data[0], 0x12);
+    EXPECT_EQ(s.data[1], 0x34);
+}
+
+// The stream's values in the OBD data message every second; their changes in black-box
+// records; over-revving while moving raises the level-2 bit, and its end carries the details
+// once.
+TEST_F(E2eBusTest, E2eOverRevvingRaisesAnAlarmWhoseEndCarriesItsDetailsOnce) {
+    Launch(Streaming());
+    m_rpm = 1500.0f;
+    m_speed = 60.0f;
+    Step(3000);
+    // Times are taken when the plug-in has the new value: the box streams in real time.
+    auto holds = [&](float rpm) {
+        return StepUntil([&] { return Table().item[6].value == rpm; }, 2000, 10);
+    };
+    m_rpm = 2100.0f;  // above level 2 (2000), not level 3 (2400)
+    ASSERT_TRUE(holds(2100.0f));
+    const long long revFrom = hostsim::ClockNowMs();
+    auto raised = [&] {
+        for (const auto& m : Bus(MSG_GDS_ALARM))
+            if (As<GdsAlarmMsg_t>(m.payload).eventType2Alarms & ALARM_BITS_OVERSPEED) return true;
+        return false;
+    };
+    ASSERT_TRUE(StepUntil(raised, 10000));
+    EXPECT_GE(hostsim::ClockNowMs() - revFrom, 5000);  // only after its duration
+    Step(3000);
+    m_rpm = 1500.0f;
+    ASSERT_TRUE(holds(1500.0f));
+    const long long revTo = hostsim::ClockNowMs();
+    auto ends = [&] {
+        std::vector<GdsAlarmMsg_t> out;
+        for (const auto& m : Bus(MSG_GDS_ALARM)) {
+            const auto a = As<GdsAlarmMsg_t>(m.payload);
+            if (a.overspeed.threshold != 0) out.push_back(a);
+        }
+        return out;
+    };
+    ASSERT_TRUE(StepUntil([&] { return !ends().empty(); }, 5000));
+    Step(3000);
+    const auto e = ends();
+    ASSERT_EQ(e.size(), 1u);
+    EXPECT_EQ(e[0].overspeed.threshold, 2000);
+    EXPECT_EQ(e[0].overspeed.maxValue, 2100);
+    // The host's clock difference / 1000: milliseconds on this microsecond clock. Raised after
+    // its 5 s, so it ran about 5 s less than the box revved.
+    const long long ranMs = revTo - revFrom - 5000;
+    EXPECT_NEAR(e[0].overspeed.continueTime, ranMs, 1500);
+
+    // Every host second its alarm and data messages; the latest table as the box sent it.
+    const auto data = Bus(MSG_OBD_ORIGINAL_DATA);
+    const double seconds = static_cast<double>(hostsim::ClockNowMs()) / 1000.0;
+    EXPECT_NEAR(static_cast<double>(data.size()), seconds, 1.5);
+    EXPECT_NEAR(static_cast<double>(BusCount(MSG_GDS_ALARM)), seconds, 1.5);
+    const auto table = As<ObdOriginalDataMsg_t>(data.back().payload).table;
+    EXPECT_EQ(table.item[6].value, 1500.0f);
+    EXPECT_EQ(table.item[7].value, 60.0f);
+    EXPECT_EQ(table.item[9].value, 85.0f);
+
+    // The rpm steps appear as black-box records: item word 6 with value x 100.
+    bool seen2100 = false;
+    for (const auto& m : Bus(MSG_BLACKBOX_OBD_DATA)) {
+        const auto& p = m.payload;
+        ASSERT_GE(p.size(), 12u + 28 + 12);
+        size_t off = 12;
+        for (int r = 0; r < (p[0] | (p[1] << 8)); ++r) {
+            const uint32_t n = Le32At(p, off + 8);
+            ASSERT_LE(off + 28 + 4 * n, p.size() - 12);
+            for (uint32_t i = 0; i < n; ++i)
+                seen2100 |= Le32At(p, off + 12 + 4 * i) == (6u | (210000u << 8));
+            off += 28 + 4 * n;
+        }
+        EXPECT_EQ(off + 12, p.size());
+    }
+    EXPECT_TRUE(seen2100);
+}
+
+// Power-down: the stream is stopped at once, the 1 s work ends for good, and the bus is still
+// answered.
+TEST_F(E2eBusTest, E2ePowerDownStopsTheStreamAndTheOneSecondWork) {
+    Launch(Streaming());
+    ASSERT_TRUE(StepUntil([&] { return BusCount(MSG_OBD_ORIGINAL_DATA) >= 2; }, 5000));
+    const int stops = Count(0x2C04);
+    hostsim::BusInject(MSG_POWER_DOWN, {});
+    ASSERT_TRUE(StepUntil([&] { return Count(0x2C04) > stops && !m_box->Streaming(); }, 500));
+    const size_t sent = BusCount(MSG_OBD_ORIGINAL_DATA);
+    hostsim::BusInject(MSG_GET_GDS_CONFIG_INFO, {});
+    ASSERT_TRUE(StepUntil([&] { return BusCount(MSG_GET_GDS_CONFIG_INFO, true) == 1; }, 25000));
+    EXPECT_EQ(Bus(MSG_GET_GDS_CONFIG_INFO, true)[0].payload.size(), 652u);
+    Step(12000);
+    EXPECT_EQ(BusCount(MSG_OBD_ORIGINAL_DATA), sent);
+    EXPECT_EQ(BusCount(MSG_GDS_ALARM), sent);
+}
+
+// CAN-box mode: the summary every second from relayed data; twelve 5 s checks without a
+// changed table declare the link down, once.
+TEST_F(E2eBusTest, E2eCanBoxSummaryEverySecondAndOneDisconnectAfterSilence) {
+    Launch({}, 72);
+    const ByteVec data =
+        BoxEmulator::EncodeFrame(0x2C81, {0x08, 0x00, 0x00, 0x2A, 0x42}, 2, false, false, false);
+    ByteVec msg(4 + data.size(), 0);
+    msg[0] = static_cast<uint8_t>(data.size());
+    std::copy(data.begin(), data.end(), msg.begin() + 4);
+    hostsim::BusInject(MSG_CAN_BOX_OBD_DATA_IN, msg);
+    ASSERT_TRUE(StepUntil([&] { return m_host->LastSerialConfigStatus() == 7; }, 2000));
+    const long long upAt = hostsim::ClockNowMs();
+    Step(5000);
+    const auto summaries = Bus(MSG_CAN_BOX_DATA);
+    EXPECT_NEAR(static_cast<double>(summaries.size()), 5.0 + upAt / 1000.0, 1.5);
+    EXPECT_EQ(Le32At(summaries.back().payload, 4), 4250u);  // 42.5 km/h
+    ASSERT_TRUE(StepUntil([&] { return m_host->LastSerialConfigStatus() == 5; }, 70000, 100));
+    EXPECT_GE(hostsim::ClockNowMs() - upAt, 55000);
+    Step(20000, 100);
+    EXPECT_EQ(m_host->SerialConfigStatusCount(), 2);  // connected, then down once
+}
+
+}  // namespace
