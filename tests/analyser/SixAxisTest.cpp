@@ -11,7 +11,7 @@ class SixAxisTest : public AnalyserTest {
   protected:
     AxisRing& Ring(int r) { return gds_->collData.axisRing[r]; }
     int16_t Last(int r) { return Ring(r).value[Ring(r).writeIndex]; }
-    // Rows "rings speed = sixAxisLevel sixAxisState [event word 4 bits]" (see Scenario).
+    // Rows "rings speed = sixAxisLevel sixAxisState [event word 4 bits]" (see AnalyserTest::Run).
     void Axis(const std::string& table, uint64_t e4mask = 0) {
         std::vector<Observer> o = {FIELD(collData.alarmInfo.sixAxisLevel),
                                    FIELD(collData.sixAxisState)};
