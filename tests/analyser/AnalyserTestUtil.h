@@ -111,14 +111,15 @@ class AnalyserTest : public ::testing::Test {
     //          | 'lat'k | 'turb'k  lateral or turbulence sensitivity k until the next fresh start
     //   want  := number | 'b'N (bit N alone) | STATE{'|'STATE} (six-axis state bits: DEC ACC
     //            POS NEG SP SN TURB) | '-' (not checked)
-    // The row is held for n seconds (1 if not given; "n*" may also stand alone as a token). Each
-    // second the sample is fed and, if perSecond, the evaluation runs; after it the i-th observer
-    // must read the i-th want (within 1e-3). Values and wants are taken in the order of the
-    // scenario's items and observers, every item needs a value token. '!', and the first row, start
-    // from a fresh analyser (process-wide check states too). Read aloud, NeutralGlide's row "5*60
-    // 800=0" (items speed, rpm; observer event word 4 bit 0): for five seconds the speed is 60 and
-    // the rpm 800, and after each second bit 0 is clear. perSecond false: samples only, without the
-    // evaluation (per-sample statistics).
+    // The row is held for n seconds (1 if not given; "n*" may also stand alone as a token).
+    // Each second the sample is fed and, if perSecond, the evaluation runs; then the i-th
+    // observer must read the i-th want (within 1e-3). Values and wants follow the order of the
+    // scenario's items and observers; every item needs a token. '!', and the first row, start
+    // from a fresh analyser (process-wide check states too). perSecond false: samples only,
+    // without the evaluation (per-sample statistics).
+    // Read aloud, NeutralGlide's (items speed, rpm; observer: event word 4, bit 0) row
+    //   5*60 800=0
+    // says: for five seconds speed 60 and rpm 800, and after each of them bit 0 is clear.
     void Run(const Scenario& s, bool perSecond = true) {
         std::istringstream rows(s.table);
         std::string row, tok;
