@@ -62,13 +62,8 @@ inline Observer Word(int w, uint64_t mask) {
     };
 }
 
-// A per-second table: rows separated by ';', each "[!][n*] values = wants". The values are those
-// of the listed items ("-" leaves one unsent, "v+d" rises from v by d a second), held for n
-// seconds (default 1); after each of them every observer must read its want ("bN": bit N alone;
-// six-axis state bit names joined by '|'; "-": not checked). '!' starts the row from a new
-// analyser. Besides the values a row may rewrite six-axis rings before its first second:
-// "X6*12/-3" puts 12 into six of the ten longitudinal values and -3 into the rest (0 if not
-// given; Y lateral, Z vertical, L lateral load); "lat1", "turb3" set the sensitivities.
+// A named per-second table (grammar at AnalyserTest::Run) over the OBD `items` it sets, checked
+// by its `observe` list, optionally with thresholds other than the defaults.
 struct Scenario {
     using Tweak = void (*)(tagGdsParam_t&);  // thresholds other than the defaults
     Scenario(std::string n, std::vector<int> i, std::vector<Observer> o, std::string t,
@@ -103,7 +98,28 @@ class AnalyserTest : public ::testing::Test {
     void Push(tagSixAxisOrgData s) {
         ASSERT_EQ(Gds_IF_UpdateCollectData(COLLECT_SIX_AXIS_DATA, &s, gds_.get()), 0);
     }
-    // perSecond false: samples only, without the evaluation (per-sample statistics).
+    // Runs a scenario table. Grammar (tokens are separated by blanks):
+    //   table := row {';' row}
+    //   row   := ['!'] [n'*'] {token} '=' {want}
+    //   token := v       the next of the scenario's items is sent with value v (a float: 12,
+    //                    -0.5, 1e8, inf, nan)
+    //          | '-'     the next item is not sent at all (absent, id -1)
+    //          | v'+'d   the next item is v in the row's first second and rises by d each second
+    //          | R c'*'v['/'w]  six-axis ring R (X longitudinal, Y lateral, Z vertical, L lateral
+    //                    load) is rewritten before the row's first second: c of its ten values
+    //                    are v, the rest w (0 if not given); the rings keep their values after
+    //          | 'lat'k | 'turb'k  lateral or turbulence sensitivity k until the next fresh start
+    //   want  := number | 'b'N (bit N alone) | STATE{'|'STATE} (six-axis state bits: DEC ACC
+    //            POS NEG SP SN TURB) | '-' (not checked)
+    // The row is held for n seconds (1 if not given; "n*" may also stand alone as a token).
+    // Each second the sample is fed and, if perSecond, the evaluation runs; then the i-th
+    // observer must read the i-th want (within 1e-3). Values and wants follow the order of the
+    // scenario's items and observers; every item needs a token. '!', and the first row, start
+    // from a fresh analyser (process-wide check states too). perSecond false: samples only,
+    // without the evaluation (per-sample statistics).
+    // Read aloud, NeutralGlide's (items speed, rpm; observer: event word 4, bit 0) row
+    //   5*60 800=0
+    // says: for five seconds speed 60 and rpm 800, and after each of them bit 0 is clear.
     void Run(const Scenario& s, bool perSecond = true) {
         std::istringstream rows(s.table);
         std::string row, tok;

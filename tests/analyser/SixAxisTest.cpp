@@ -11,7 +11,7 @@ class SixAxisTest : public AnalyserTest {
   protected:
     AxisRing& Ring(int r) { return gds_->collData.axisRing[r]; }
     int16_t Last(int r) { return Ring(r).value[Ring(r).writeIndex]; }
-    // Rows "rings speed = sixAxisLevel sixAxisState [event word 4 bits]" (see Scenario).
+    // Rows "rings speed = sixAxisLevel sixAxisState [event word 4 bits]" (see AnalyserTest::Run).
     void Axis(const std::string& table, uint64_t e4mask = 0) {
         std::vector<Observer> o = {FIELD(collData.alarmInfo.sixAxisLevel),
                                    FIELD(collData.sixAxisState)};
@@ -41,6 +41,13 @@ TEST_F(SixAxisTest, SamplesAreScaledIntoTheRingsAndWrapAtSixteenBits) {
     gds_->proofread.offset[0] = 1;
     Push(Sample(-32768, 0, 0, 0, 0, 0));  // wraps to 32767
     EXPECT_EQ(Last(X), 799);
+    // Each ring has its own offset: acceleration X, Y, Z and rotation Z (rotation X, Y unused).
+    const int16_t offsets[6] = {100, -200, 300, 7, 7, 50};
+    std::memcpy(gds_->proofread.offset, offsets, sizeof(offsets));
+    Push(Sample(500, -600, 4396, 0, 0, 214));
+    EXPECT_EQ(
+        (std::vector<int>{Last(X), Last(AXIS_RING_LATERAL), Last(AXIS_RING_VERTICAL), Last(L)}),
+        (std::vector<int>{9, -9, 100, 600}));
 }
 
 TEST_F(SixAxisTest, CalibrationAveragesTwentySamplesTruncatingAndAllocatesOnce) {
@@ -91,6 +98,7 @@ TEST_F(SixAxisTest, CountThresholdsInOneSecond) {
         "!Y6*-18 30 = 0 0; !Y6*19 30 = 0 POS; !Y6*18 30 = 0 0; !lat1 Y6*-24 30 = 0 NEG;"
         "!lat1 Y6*-23 30 = 0 0; !lat3 Y6*14 30 = 0 POS; !lat3 Y6*13 30 = 0 0;"
         "!Y8*-49 30 = 0 SN; !Y8*-48 30 = 0 NEG; !Y7*-49 30 = 0 NEG; !Y8*49 30 = 0 SP;"
+        "!Y5*19 30 = 0 0; !Y8*48 30 = 0 POS; !Y7*49 30 = 0 POS; !X6*12/-12 Y6*12/-12 30 = 32 TURB;"
         "!X6*12 Y8*-50 30 = 32 SN; !X5*11/-11 30 = 0 0; !X5*11/-11 Y5*11/-11 30 = 0 TURB;"
         "!X5*10/-10 Y5*11/-11 30 = 0 0; !X5*11/-11 Z5*18/-18 30 = 0 TURB;"
         "!X5*11/-11 Z5*17/-17 30 = 0 0; !turb1 X5*15/-15 Y5*15/-15 30 = 0 TURB;"
@@ -100,15 +108,18 @@ TEST_F(SixAxisTest, CountThresholdsInOneSecond) {
 }
 
 TEST_F(SixAxisTest, HoldsAndAlarmsOverSeconds) {
-    // A level holds three more seconds, a turn two.
+    // A level (deceleration or acceleration) holds three more seconds, a turn two.
     Axis(
         "X6*12 30 = 32 ACC; X6*-21 30 = 4 DEC; X6*-17 30 = 1 DEC; 3* X6*-16 30 = 1 DEC;"
-        "30 = 0 0");
+        "30 = 0 0; X6*12 30 = 32 ACC; 3* X0*0 30 = 32 ACC; 30 = 0 0");
     Axis("L7*600 40 = 0x80 0; 2* L0*0 40 = 0x80 0; 40 = 0 0");
-    // Without a held level the whole state word clears each second; with one, the side holds.
+    // Without a held level the whole state word clears each second; with one, either side holds
+    // two more seconds, and a switch of side clears the other side's bit.
     Axis(
         "Y6*-19 30 = 0 NEG; Y6*18 30 = 0 0; X6*12 Y6*19 30 = 32 ACC|POS;"
-        "2* Y6*18 30 = 32 ACC|POS; 30 = 32 ACC");
+        "2* Y6*18 30 = 32 ACC|POS; 30 = 32 ACC; Y6*-19 30 = 32 ACC|NEG;"
+        "2* Y6*-18 30 = 32 ACC|NEG; 30 = 32 ACC; Y6*19 30 = 32 ACC|POS; Y6*-19 30 = 32 ACC|NEG;"
+        "Y6*19 30 = 32 ACC|POS");
     // Turbulence alarm from the 4th second while the speed value is above 0.
     Axis(
         "3* X5*11/-11 Y5*11/-11 30 = 0 TURB 0; 2* 30 = 0 TURB b1; 0 = 0 TURB 0;"
@@ -130,6 +141,11 @@ TEST_F(SixAxisTest, HoldsAndAlarmsOverSeconds) {
         "L10*540 30 = 0x40 0 b5; L10*650 30 = 0x100 0 b7",
         7 * B(5));
     Axis("X6*10 4* 20 = 16 ACC 0; 50 = 16 ACC b9", 7 * B(8));
+    // Emergency deceleration: speed (four seconds back) and six-axis both at a level.
+    Axis(
+        "!4* 60 = 0 0 0; X6*-17 27 = 1 DEC b11; !4* 60 = 0 0 0; X6*-19 24 = 2 DEC b12;"
+        "!4* 60 = 0 0 0; X6*-21 18 = 4 DEC b13",
+        7 * B(11));
 }
 
 // {speedAccDec, sixAxisLevel, hold (both highRpmHold and brakeHold), rapid acceleration,

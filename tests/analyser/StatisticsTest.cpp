@@ -35,7 +35,7 @@ TEST_F(StatisticsTest, CumulativeDifferenceFilters) {
             "mileage", {R, MILES}, {BASE(mileage1), BASE(mileage2)},
             "800 1000=0 0; 800 1000.5=0.5 0.5; 800 1020=0.5 0.5; 800 1029.9=10.4 10.4;"
             "800 1039.9=10.4 10.4; 800 1039=10.4 10.4; 800 1039.5=10.9 10.9; 800 nan=10.9 10.9;"
-            "800 inf=10.9 10.9; 800 1e8=10.9 10.9"),
+            "800 inf=10.9 10.9; 800 1e8=10.9 10.9; !800 99999992=0 0; 800 1e8=0 0"),
         false);
     Run(Scenario("fallback", {S, MILES, OBD_IDX_MILEAGE2}, {BASE(mileage1)},
                  "5 0 200=0; 5 0 200.3=0.3; 0 0 200.6=0.3; 5 100 200.9=0.3; 5 100 201.2=0.3"),
@@ -51,23 +51,25 @@ TEST_F(StatisticsTest, CumulativeDifferenceFilters) {
             "0 5 11=.5 .25 1"),
         false);
     Run(Scenario("brake", {OBD_IDX_BRAKE}, {BASE(brakeCount)},
-                 "10*1=1; 0=1; 2=2; 3=3; -1=3; 0.5=4"),
+                 "10*1=1; 0=1; 2=2; 3=3; -1=3; 0.5=4; 0.25=5"),
         false);
 }
 
 // The fuel of an idle counts from its start (or from a gap in the fuel readings) once the
-// idling alarm rises (240 s), else never.
+// idling alarm rises (240 s), else never; at idling levels 2 and 3 (900 s, 1800 s) it goes on.
 TEST_F(StatisticsTest, IdleAlarmFuel) {
     Run(Scenario("idle alarm fuel", {S, R, FUEL}, {BASE(idleAlarmFuel), BASE(idleFuel)},
                  "240*0 750 10.01+.01=0 -; 0 750 12.41=2.4 2.4; !200*0 750 10.01+.01=0 -;"
                  "20 1500 12.02=0 1.99; 240*0 750 12.03+.01=0 -; 0 750 14.43=2.41 4.4;"
                  "9*0 750 14.44+.01=- -; 0 750 14.53=2.51 4.5; !100*0 750 10.01+.01=0 -;"
-                 "0 750 -=0 -; 0 750 12=0 -; 138*0 750 12.01+.01=0 -; 0 750 13.39=1.39 -"));
+                 "0 750 -=0 -; 0 750 12=0 -; 138*0 750 12.01+.01=0 -; 0 750 13.39=1.39 -;"
+                 "!900*0 750 1+1=- -; 0 750 901=900 -; 899*0 750 902+1=- -; 0 750 1801=1800 -"));
 }
 
 // Per second: drive time for speed > 0, idle time for speed 0 with rpm > 0, run time for both.
 // Band i holds b_i < v <= b_(i+1), the last band everything above; the accelerator level times
-// count values above each level. The band fuel drops a step above 5 (exactly 5 counts).
+// count values above each level. The band fuel drops a step above 5 (exactly 5 counts) and any
+// step from a previous reading outside (0, 1e8); it goes to the bands of the new sample.
 TEST_F(StatisticsTest, PerSecondTimesAndBands) {
     Run(Scenario("times", {S, R}, {BASE(driveTime), BASE(idleTime), BASE(runTime)},
                  "10 1500=1 0 1; 0.5 0=2 0 2; 0 800=2 1 3; 0 0=2 1 3; -3 800=2 1 3"));
@@ -80,7 +82,16 @@ TEST_F(StatisticsTest, PerSecondTimesAndBands) {
                   FIELD(collData.statistics.driving.engineSpeedBandStat[3].fuel),
                   FIELD(collData.statistics.driving.acceleratorBandStat[1].fuel), BASE(fuel1)},
                  "45 1300 20 100=0 0 0 0; 45 1300 20 105=5 5 5 5; 45 1300 20 110.5=5 5 5 10.5;"
-                 "45 1300 20 111=5.5 5.5 5.5 11; 0 1300 20 112=5.5 5.5 5.5 12"),
+                 "45 1300 20 111=5.5 5.5 5.5 11; 0 1300 20 112=5.5 5.5 5.5 12;"
+                 "45 1300 20 -1=5.5 5.5 5.5 12; 45 1300 20 12345=5.5 5.5 5.5 12;"
+                 "45 1300 20 -inf=5.5 5.5 5.5 12; 45 1300 20 50=5.5 5.5 5.5 12;"
+                 "45 1300 20 51=6.5 6.5 6.5 13; 75 1700 40 52=6.5 6.5 6.5 14"),
+        false);
+    Run(Scenario("band fuel of the new sample", {S, R, ACC, FUEL},
+                 {FIELD(collData.statistics.driving.speedBandStat[2].fuel),
+                  FIELD(collData.statistics.driving.engineSpeedBandStat[5].fuel),
+                  FIELD(collData.statistics.driving.acceleratorBandStat[2].fuel)},
+                 "45 1300 20 100=0 0 0; 75 1700 40 101=1 1 1; 45 1300 20 102=1 1 1"),
         false);
 }
 

@@ -4,6 +4,8 @@
 // it on the object inside the dlopen'ed plug-in.
 #pragma once
 
+#include <vector>
+
 #include "COBDCtrl.h"
 #include "SerialDevOBD.h"
 
@@ -28,6 +30,21 @@ class CSerialDevOBDTestPeer {
     double TotalMileage() { return m_obj->m_totalMileage; }
     uint32_t EngineTime() { return m_obj->m_engineTime; }
     const tagSixAxisOrgData& LastSixAxisSample() { return m_obj->m_gdsParam.collData.sixAxisOrg; }
+    // Seconds the analyser has evaluated with the vehicle moving: one per 1 s run after Moving().
+    uint32_t AnalyserRuns() { return m_obj->m_gdsParam.collData.statistics.base.runTime; }
+    void Moving() {
+        _OBD_DataTable_t t{};
+        t.item[OBD_IDX_SPEED] = {OBD_IDX_SPEED, 30.0f};
+        m_obj->UpdateCollectData(COLLECT_OBD_DATA, &t);
+    }
+    // The thresholds as the store holds them and as the analyser has them.
+    std::vector<unsigned char> StoredThresholds() {
+        return {m_obj->alarmThreshold, m_obj->alarmThreshold + GDS_THRESHOLD_BYTES};
+    }
+    std::vector<unsigned char> AnalyserThresholds() {
+        const auto* p = reinterpret_cast<const unsigned char*>(&m_obj->m_gdsParam);
+        return {p, p + GDS_THRESHOLD_BYTES};
+    }
     void SetAlarmWords(uint64_t w1, uint64_t w2, uint64_t w3, uint64_t w4) {
         Alarm_Info_t& a = m_obj->m_gdsParam.collData.alarmInfo;
         a.eventType1Alarms = w1;

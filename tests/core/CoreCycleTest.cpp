@@ -18,6 +18,15 @@ class CycleTest : public CoreTest {
         EXPECT_EQ(m_obj->PeripheralThreadCycle(now), 0);
         return QueueKeys(m_obj);
     }
+    // Analyser runs (the 1 s work) since the last call.
+    uint32_t AnalyserRuns() {
+        CSerialDevOBDTestPeer peer(m_obj);
+        const uint32_t runs = peer.AnalyserRuns() - m_runsSeen;
+        m_runsSeen = peer.AnalyserRuns();
+        peer.Moving();
+        return runs;
+    }
+    uint32_t m_runsSeen = 0;
 };
 
 const Keys kFiveSecondWork = {Get(GDS_GET_VERSION), Get(GDS_GET_ENGINE)};
@@ -30,11 +39,16 @@ TEST_F(CycleTest, FirstCycleBelowOneSecondRunsNothing) {
 }
 
 TEST_F(CycleTest, FirstCycleAtTenSecondsRunsEveryTimer) {
+    AnalyserRuns();
     EXPECT_EQ(CycleAt(10000), kBoth);
+    EXPECT_EQ(AnalyserRuns(), 1u);
     // The 5 s work also hands the thresholds to the store.
     EXPECT_EQ(m_obj->InfoPending(GDS_GET_ALARM_THRESHOLD), 0);
     // Right after, nothing is due.
     EXPECT_EQ(CycleAt(10100), Keys{});
+    EXPECT_EQ(AnalyserRuns(), 0u);
+    CycleAt(11000);
+    EXPECT_EQ(AnalyserRuns(), 1u);
 }
 
 TEST_F(CycleTest, TenSecondTimerIsDueAtExactlyItsInterval) {
@@ -61,22 +75,31 @@ TEST_F(CycleTest, ClockJumpingBackwardsMakesTimersDueByAbsoluteDifference) {
 
 TEST_F(CycleTest, PowerDownEndsTheCycleInWhichTheOneSecondTimerFalls) {
     CSerialDevOBDTestPeer(m_obj).SetPowerDown(1);
+    AnalyserRuns();
     EXPECT_EQ(CycleAt(10000), Keys{});
+    EXPECT_EQ(AnalyserRuns(), 0u);
     // The 1 s timer stored 10000: next cycle runs the 2 s, 5 s and 10 s work that is due.
     EXPECT_EQ(CycleAt(10100), kBoth);
     EXPECT_EQ(CycleAt(11000), Keys{});
 }
 
+// While upgrading the 1 s timer is neither due nor stored: the first cycle after the upgrade runs
+// the 1 s work at once, whenever the timer last ran.
 TEST_F(CycleTest, UpgradeTakesTheOneSecondTimerOutOfTheCycle) {
     CSerialDevOBDTestPeer peer(m_obj);
-    peer.SetPowerDown(1);  // makes the 1 s timer visible: when it falls, the cycle ends early
     peer.SetUpgrading(1);
-    // The 1 s timer is not looked at, so the cycle goes on; the 5 s work refuses to ask the box
-    // anything while upgrading, the 10 s work still queues its restart.
+    AnalyserRuns();
+    // The 5 s work refuses to ask the box anything while upgrading; the 10 s work still queues
+    // its restart.
     EXPECT_EQ(CycleAt(10000), kTenSecondWork);
     EXPECT_EQ(fakehost::CountLogs("S38_OBD: Upgrading......, so not request anything\n", 3), 1);
+    CycleAt(11000);
+    EXPECT_EQ(AnalyserRuns(), 0u);
     peer.SetUpgrading(0);
-    EXPECT_EQ(CycleAt(20000), Keys{});
+    CycleAt(11100);
+    EXPECT_EQ(AnalyserRuns(), 1u);
+    CycleAt(12099);
+    EXPECT_EQ(AnalyserRuns(), 0u);
 }
 
 TEST_F(CycleTest, CanBoxModeChecksSilenceInsteadOfRequestingDeviceInformation) {

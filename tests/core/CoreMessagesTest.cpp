@@ -90,16 +90,28 @@ TEST_F(MessagesTest, PowerDownWithBareHeadStopsCycleWorkButReachesNoBoxBeforeIni
     EXPECT_TRUE(fakehost::SerialWrites().empty());
 }
 
-TEST_F(MessagesTest, PowerDownStopsTheDataStreamDirectly) {
-    CSerialDevOBDTestPeer(m_obj).AttachCtrl();
-    fakehost::Deliver(1194, {});
-    const auto writes = fakehost::SerialWrites();
-    ASSERT_FALSE(writes.empty());
-    // Unanswered, the stop goes out with its retries, never queued behind other tasks.
-    EXPECT_EQ(writes.size(), 11u);
-    EXPECT_EQ(writes[0][7], 0x2C);
-    EXPECT_EQ(writes[0][8], 0x04);
-    EXPECT_EQ(m_obj->QueuedTaskCount(), 0u);
+// Power-down stops the stream at once, past the queue, in one frame that nobody waits for: the
+// bus thread does not sleep, and the send thread's command in hand keeps its awaited answer and
+// its sequence number. Behind the CAN box nothing is sent (a stop is never relayed).
+TEST_F(MessagesTest, PowerDownSendsOneStopAndWaitsForNothing) {
+    for (int productType : {0, 72}) {
+        m_obj->MessageUnRegister();
+        PeripheralRelease(m_obj);
+        fakehost::Reset();
+        CreateWithCtrl(productType)->MessageRegister();
+        COBDCtrl* ctrl = m_obj->ObdCtrl();
+        ctrl->OBD_ExecuteCmd(OBD_CMD_READ_SW_VER, nullptr, 0);  // in hand on the send thread
+        fakehost::Deliver(1194, {});
+        EXPECT_TRUE(m_obj->IsPowerDown());
+        EXPECT_EQ(fakehost::SleepCalls(), 0u);
+        EXPECT_EQ(ctrl->WaitCmdState(), OBD_CMD_READ_SW_VER);
+        ctrl->OBD_ExecuteCmd(OBD_CMD_READ_SW_VER, nullptr, 1);  // its repetition
+        ctrl->OBD_ExecuteCmd(OBD_CMD_START_TS, nullptr, 0);
+        EXPECT_EQ(FramesOut(),
+                  productType == 0 ? "2105/1 2C04/2 2105/1 2C01/3" : "2105/1 2105/1 2C01/2")
+            << productType;
+        EXPECT_EQ(m_obj->QueuedTaskCount(), 0u);
+    }
 }
 
 TEST_F(MessagesTest, ConfigurationAnswerCarriesOnlyWhatTheBoxHasReported) {

@@ -119,6 +119,46 @@ TEST_F(QueueTest, SendThreadTakesOneTaskPerPeriodUntilTheQueueIsEmpty) {
     EXPECT_GE(fakehost::SleptUs(), 6u * 100000u);
 }
 
+// The send thread against a box that answers from inside the write. Each answered command leaves
+// once, so the awaited command was stored before its frame left. In CAN-box mode only the
+// version read and the start of the stream run; the others take no sequence number. A twin queued
+// while its task runs replaces it without costing the task queued behind it.
+TEST_F(CoreTest, SendThreadRunsEachTaskOnceInQueueOrder) {
+    struct Case {
+        int productType;
+        Keys queued, queuedWhileFirstRuns;
+        std::string frames;
+    };
+    const std::vector<Case> cases = {
+        {0, {Get(4)}, {}, "2C04/1 2C12/2 2C01/3"},
+        {72, {Get(4), Get(1), Cfg(29), Cfg(4)}, {}, "2105/1 2C01/2 2C01/3"},
+        {0,
+         {Cfg(29)},
+         {Cfg(27), Cfg(29)},
+         "2C04/1 2C01/2 2C04/3 2506/4 2506/4 2C01/5 2C04/6 2C01/7"},
+    };
+    for (const Case& c : cases) {
+        fakehost::Reset();
+        fakehost::HoldThreads(true);
+        ASSERT_EQ(Create(c.productType)->PeripheralInitialize(), 0);
+        CSerialDevOBDTestPeer(m_obj).ClearQueue();
+        for (const auto& [type, cmd] : c.queued) m_obj->InsertSendTask(MakeTask(type, cmd));
+        bool first = true;
+        fakehost::SetSendHook([&](int msgId, const std::vector<unsigned char>& sent) {
+            if (first)
+                for (const auto& [type, cmd] : c.queuedWhileFirstRuns)
+                    m_obj->InsertSendTask(MakeTask(type, cmd));
+            first = false;
+            AnswerAsTheBox(m_obj->ObdCtrl(), msgId, sent);
+        });
+        fakehost::ReleaseThreads();
+        EXPECT_TRUE(WaitFor([&] { return m_obj->QueuedTaskCount() == 0; }));
+        EXPECT_EQ(FramesOut(), c.frames) << c.productType;
+        PeripheralRelease(m_obj);
+        m_obj = nullptr;
+    }
+}
+
 TEST_F(QueueTest, InsertionsFromManyThreadsLoseNothing) {
     std::vector<std::thread> producers;
     for (uint32_t t = 0; t < 4; ++t) {

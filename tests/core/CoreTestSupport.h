@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
+#include <string>
 #include <thread>
 
 #include "COBDCtrl.h"
@@ -64,4 +66,45 @@ inline std::pair<uint32_t, uint32_t> Get(uint32_t cmd) {
 }
 inline std::pair<uint32_t, uint32_t> Cfg(uint32_t cmd) {
     return {TASK_TYPE_CONFIG, cmd};
+}
+
+// The box as fast as can be: answers a request it answers (all but link, restart and jump) from
+// inside the plug-in's write, before SendData returns; relayed frames of CAN-box mode too.
+inline void AnswerAsTheBox(COBDCtrl* ctrl, int msgId, const std::vector<unsigned char>& sent) {
+    const size_t at = msgId == MSG_CAN_BOX_OBD_DATA_OUT ? 4 : 0;  // after the relay's length
+    if ((msgId != 0 && at == 0) || sent.size() < at + 10) return;
+    const unsigned code = (unsigned{sent[at + 7]} << 8) | sent[at + 8];
+    if (code == 0x2C10 || code == 0x2506 || code == 0x2114) return;
+    const unsigned ack = code | 0x4000;
+    std::vector<unsigned char> f = {0x55,
+                                    0xAA,
+                                    0xF8,
+                                    0xF0,
+                                    0x00,
+                                    0x05,
+                                    sent[at + 6],
+                                    static_cast<unsigned char>(ack >> 8),
+                                    static_cast<unsigned char>(ack),
+                                    0x00,
+                                    0x01};
+    unsigned char x = 0;
+    for (size_t i = 2; i < f.size(); ++i) x ^= f[i];
+    f.push_back(x);
+    ctrl->ReceiveData(f.data(), static_cast<int>(f.size()));
+}
+
+// "code/seq" of every frame that left, on the serial port or relayed on the bus, in order.
+inline std::string FramesOut() {
+    std::string out;
+    auto add = [&out](const std::vector<unsigned char>& f, size_t at) {
+        if (f.size() < at + 9) return;
+        char item[16];
+        std::snprintf(item, sizeof(item), "%s%02X%02X/%u", out.empty() ? "" : " ", f[at + 7],
+                      f[at + 8], unsigned{f[at + 6]});
+        out += item;
+    };
+    for (const auto& w : fakehost::SerialWrites()) add(w, 0);
+    for (const auto& m : fakehost::Sends())
+        if (m.id == MSG_CAN_BOX_OBD_DATA_OUT) add(m.payload, 4);
+    return out;
 }

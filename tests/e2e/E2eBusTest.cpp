@@ -174,7 +174,7 @@ TEST_F(E2eBusTest, E2ePowerDownStopsTheStreamAndTheOneSecondWork) {
     ASSERT_TRUE(StepUntil([&] { return Count(0x2C04) > stops && !m_box->Streaming(); }, 500));
     const size_t sent = BusCount(MSG_OBD_ORIGINAL_DATA);
     hostsim::BusInject(MSG_GET_GDS_CONFIG_INFO, {});
-    ASSERT_TRUE(StepUntil([&] { return BusCount(MSG_GET_GDS_CONFIG_INFO, true) == 1; }, 25000));
+    ASSERT_TRUE(StepUntil([&] { return BusCount(MSG_GET_GDS_CONFIG_INFO, true) == 1; }, 500));
     EXPECT_EQ(Bus(MSG_GET_GDS_CONFIG_INFO, true)[0].payload.size(), 652u);
     Step(12000);
     EXPECT_EQ(BusCount(MSG_OBD_ORIGINAL_DATA), sent);

@@ -55,6 +55,55 @@ TEST_F(E2eTest, E2eStartFramesAndRetriesOnTheWire) {
     EXPECT_EQ(rx[14].seq, 5);
 }
 
+// Released while a task is in hand: the host thread no longer reads the box's answers, so the
+// command gives up at its next poll and no further attempt leaves.
+TEST_F(E2eTest, E2eReleaseOfABusyPlugInReturnsWithinASecond) {
+    BoxOptions o;
+    o.unanswered = {0x2103};  // the 5 s version read waits in its first poll
+    Launch(o);
+    ASSERT_TRUE(StepUntil([&] { return Count(0x2103) >= 1; }, 7000));
+    const size_t sent = m_box->Received().size();
+    const long long start = hostsim::ClockNowMs();
+    EXPECT_EQ(m_host->Release(), 1);
+    m_host.reset();
+    EXPECT_LT(hostsim::ClockNowMs() - start, 1000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // for bytes still on the line
+    EXPECT_LE(m_box->Received().size(), sent + 1);
+}
+
+// Power-down with a box that never answers the stop (in CAN-box mode no stop is relayed at all):
+// the bus thread does not wait, so a configuration query right after it is answered at once. In
+// serial mode the stop is on the wire at once, sent once.
+class E2ePowerDownTest : public E2eTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(E2ePowerDownTest, E2eConfigurationQueryRightAfterPowerDownIsAnsweredAtOnce) {
+    Launch({}, GetParam());
+    Step(1000);
+    m_box->Update([](BoxOptions& o) { o.unanswered = {0x2C04}; });
+    const size_t before = m_box->Received().size();
+    hostsim::BusInject(1194, {});
+    Step(100);
+    const long long asked = hostsim::ClockNowMs();
+    const int seq = hostsim::BusInject(6698, {});
+    if (!StepUntil([&] { return !Responses().empty(); }, 1000, 10)) {
+        ADD_FAILURE() << "no answer: the bus thread waits for the stop's answer";
+        Step(30000);  // its 451 polls sleep on host time; release would wait for them
+        return;
+    }
+    const auto answer = Responses().front();
+    EXPECT_EQ(answer.seq, static_cast<unsigned>(seq));
+    EXPECT_EQ(answer.payload.size(), 652u);
+    EXPECT_LE(answer.tMs - asked, 100);
+    const size_t stops = GetParam() == 72 ? 0 : 1;
+    m_box->WaitForFrames(before + 1, stops == 0 ? 20 : 1000);  // real time: bytes on the line
+    ASSERT_EQ(m_box->Received().size(), before + stops);
+    if (stops == 1) {
+        EXPECT_EQ(m_box->Received().back().code, 0x2C04);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, E2ePowerDownTest, ::testing::Values(0, 72));
+
 TEST_F(E2eTest, E2eLinkFrameLeadsToLinkTasksOnTheTenSecondTimer) {
     Launch();
     // Without a link frame from the box the 10 s work only restarts the stream.

@@ -48,6 +48,7 @@ struct State {
     std::vector<Dump> dumps;
     std::vector<std::string> events;
     uint32_t nextSeq = 1;
+    SendHook sendHook;
 };
 
 State& S() {
@@ -89,6 +90,7 @@ void Reset() {
     s.logs.clear();
     s.dumps.clear();
     s.events.clear();
+    s.sendHook = nullptr;
 }
 
 void ClearRecords() {
@@ -158,6 +160,23 @@ bool WaitThreadsExited(int timeoutMs) {
     return S().cv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                            [] { return S().threadsRunning == 0; });
 }
+
+void SetSendHook(SendHook hook) {
+    std::lock_guard<std::mutex> lock(S().mu);
+    S().sendHook = std::move(hook);
+}
+
+namespace {
+// Runs the hook outside the fake's lock: it may call back into the plug-in, which logs.
+void CallSendHook(int msgId, const std::vector<unsigned char>& bytes) {
+    SendHook hook;
+    {
+        std::lock_guard<std::mutex> lock(S().mu);
+        hook = S().sendHook;
+    }
+    if (hook) hook(msgId, bytes);
+}
+}  // namespace
 
 void QueueSerialInput(const std::vector<unsigned char>& chunk) {
     std::lock_guard<std::mutex> lock(S().mu);
@@ -362,8 +381,11 @@ int CMsgClientManage::MSGSendMessage(int dest, int msgId, int flags, const char*
     }
     std::vector<unsigned char> payload;
     if (len > 0) payload.assign(data, data + len);
-    std::lock_guard<std::mutex> lock(S().mu);
-    S().sends.push_back(fakehost::BusSend{dest, msgId, flags, payload, moduleId});
+    {
+        std::lock_guard<std::mutex> lock(S().mu);
+        S().sends.push_back(fakehost::BusSend{dest, msgId, flags, payload, moduleId});
+    }
+    fakehost::CallSendHook(msgId, payload);
     return 0;
 }
 
@@ -471,8 +493,12 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int len) {
         ADD_FAILURE() << "SendDataToPeripheral with nothing to send";
         return -1;
     }
-    std::lock_guard<std::mutex> lock(S().mu);
-    S().serialOut.emplace_back(data, data + len);
+    const std::vector<unsigned char> bytes(data, data + len);
+    {
+        std::lock_guard<std::mutex> lock(S().mu);
+        S().serialOut.push_back(bytes);
+    }
+    fakehost::CallSendHook(0, bytes);
     return static_cast<int>(len);
 }
 int CSerialBase::ClearSerialBufferValue() {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -74,6 +75,11 @@ void SetShareTime(const Common::_datetime_& dt);
 
 // Serial port: each queued chunk is handed over by one GetSerialBufferData call.
 void QueueSerialInput(const std::vector<unsigned char>& chunk);
+// Called on the writer's thread, inside the write, after it is recorded: with the bytes of every
+// serial write (msgId 0) and the payload of every bus message sent (msgId). A box that answers
+// faster than the writer returns. Reset() removes it.
+using SendHook = std::function<void(int msgId, const std::vector<unsigned char>& bytes)>;
+void SetSendHook(SendHook hook);
 std::vector<std::vector<unsigned char>> SerialWrites();
 int ClearCalls();
 std::vector<int> ConfigStatuses();

@@ -18,8 +18,12 @@ TEST(LinkCmdTable, TheCodesInTheirPlaces) {
     EXPECT_EQ(OBD_CMD_READ_FAULT_CODE_ACK, 40);
 }
 
+// A repetition carries its command's first number even when the power-down's stop took a number
+// in between; that stop leaves the awaited command alone.
 TEST_F(LinkTest, SequenceNumbersStartAtOneRepeatOnRetryAndWrapAfter255) {
     m_ctrl->OBD_ExecuteCmd(OBD_CMD_READ_ENGINE, nullptr, 0);
+    EXPECT_EQ(m_ctrl->OBD_StopTsNoWait(), 0);
+    EXPECT_EQ(m_ctrl->WaitCmdState(), OBD_CMD_READ_ENGINE);
     m_ctrl->OBD_ExecuteCmd(OBD_CMD_READ_ENGINE, nullptr, 1);
     m_ctrl->OBD_ExecuteCmd(OBD_CMD_READ_STL, nullptr, 0);
     Peer().SetSeqNo(254);
@@ -28,9 +32,22 @@ TEST_F(LinkTest, SequenceNumbersStartAtOneRepeatOnRetryAndWrapAfter255) {
     m_ctrl->OBD_ExecuteCmd(OBD_CMD_READ_STL, nullptr, 1);
     std::vector<int> seqs;
     for (const auto& w : fakehost::SerialWrites()) seqs.push_back(w[6]);
-    EXPECT_EQ(seqs, (std::vector<int>{1, 1, 2, 255, 0, 0}));
+    EXPECT_EQ(seqs, (std::vector<int>{1, 2, 1, 3, 255, 0, 0}));
+    EXPECT_EQ(fakehost::SerialWrites()[1], Hex("55 AA F0 F8 00 03 02 2C 04 21"));
     // 55 AA F0 F8 00 03 00 2C 22: the checksum covers the sequence byte.
     EXPECT_EQ(fakehost::SerialWrites().back().back(), 0x05);
+    EXPECT_EQ(fakehost::SleepCalls(), 0u);
+}
+
+// Release cancels: a command gives up at its next look at the answer, and none starts again.
+TEST_F(LinkTest, CancelledCommandsStopAtTheNextPoll) {
+    fakehost::SetSendHook([this](int, const std::vector<unsigned char>&) {
+        m_ctrl->OBD_CancelCommands();  // while the first frame is on its way
+    });
+    EXPECT_EQ(m_ctrl->OBD_ReadVersion(), -1);
+    EXPECT_EQ(m_ctrl->OBD_StartTs(), -1);
+    EXPECT_EQ(SentCodes(), (std::vector<uint16_t>{0x2103}));
+    EXPECT_EQ(fakehost::SleepCalls(), 0u);
 }
 
 TEST_F(LinkTest, WaitSleepsTimeoutOverFiftyPlusOneTimesOrReturnsAtOnce) {

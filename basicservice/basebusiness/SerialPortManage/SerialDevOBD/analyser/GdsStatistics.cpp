@@ -164,10 +164,12 @@ void GdsStatisticsDrivingData(const _OBD_DataTable_t* cur, const _OBD_DataTable_
     float n = 0.0f;
     float p = 0.0f;
     if (!SelectReading(cur, prev, OBD_IDX_FUEL, OBD_IDX_GROSS, false, &n, &p)) return;
-    if (p == 0.0f) return;
+    // An implausible previous reading (0 after a gap, negative, -inf) is no base: with it any
+    // step, up to infinity, would pass the jump filter below.
+    if (!(p > 0.0f && p < kReadingMax)) return;
     const float d = n - p;
     // The band fuel drops a jump only when it exceeds 5 (exactly 5 still counts).
-    if (p > 0.0f && d > 5.0f) return;
+    if (d > 5.0f) return;
     AddFuel(drv->speedBandStat, BandOf(speed, thr->speedBand, 5), d);
     AddFuel(drv->engineSpeedBandStat, BandOf(rpm, thr->engineSpeedBand, 8), d);
     AddFuel(drv->acceleratorBandStat,

@@ -6,8 +6,8 @@
 //    CAN-box mode). ReceiveData serialises its callers with m_recvMutex; the dispatch it runs
 //    takes m_dataTableMutex (one item at a time) and, through UpdateDevInfo, the owner's
 //    m_devInfoMutex. So a caller of ReceiveData must not hold m_devInfoMutex.
-//  - sending: the commands (send thread; OBD_StopTs also from the power-down handler). They take
-//    no lock; the awaited-command state and the sequence counter are atomics.
+//  - sending: the commands (send thread) and the power-down's single stop (bus thread). A frame
+//    takes its sequence number and goes out under m_sendMutex; nothing holds it while waiting.
 // Sources: COBDCtrl.cpp (lifecycle), COBDCtrlReceive.cpp (framing, receiver),
 // COBDCtrlCmd.cpp (commands), COBDCtrlDispatch.cpp (dispatch), COBDParser.cpp (parsers).
 #pragma once
@@ -81,11 +81,13 @@ class COBDCtrl : public COBDParser {
     int OBD_GenerateObdPackage(obdcmd_t cmd, _OBD_PkgInData_t* in, char* out, int outSize,
                                int retry);
     int OBD_ExecuteCmd(obdcmd_t cmd, _OBD_PkgInData_t* in, int retry);
-    // 0 answered, 1 refused by the box, 2 timed out.
+    // 0 answered, 1 refused by the box, 2 timed out (or cancelled).
     int OBD_WaitCmd(obdcmd_t awaited, int timeoutMs);
-    // 0 answered, -1 not answered after retries + 1 attempts.
+    // 0 answered, -1 not answered after retries + 1 attempts, or cancelled.
     int OBD_SendCmd(obdcmd_t request, obdcmd_t awaited, _OBD_PkgInData_t* in, int timeoutMs,
                     int retries);
+    // For good (release): no further attempt starts and a waiting one gives up at its next poll.
+    void OBD_CancelCommands();
 
     int OBD_ReadVersion();
     int OBD_ReadScanTimeLevel();
@@ -97,6 +99,9 @@ class COBDCtrl : public COBDParser {
     int OBD_JumpApp();
     int OBD_StartTs();
     int OBD_StopTs();
+    // One stop frame, neither waited for nor repeated, leaving the awaited command alone (the
+    // power-down handler). Serial mode only: 0 sent, -1 otherwise.
+    int OBD_StopTsNoWait();
     int OBD_CfgEngine(void* engine);         // _OBD_Engine_t
     int OBD_CfgScanTimeLevel(void* levels);  // _OBD_ScanTimeLevel_t
     int OBD_CfgDataScanLevel(void* levels);  // _OBD_DataStreamLevel_t
@@ -123,6 +128,8 @@ class COBDCtrl : public COBDParser {
 
     // Cuts and dispatches the complete frames buffered; `endOfRead`: no more bytes of this read.
     void CutFrames(bool endOfRead);
+    // Frames `cmd` with sequence number `seq`: frame length, or -1 when it does not fit.
+    static int BuildFrame(obdcmd_t cmd, _OBD_PkgInData_t* in, char* out, int outSize, uint32_t seq);
 
     CSerialDevOBD* m_pOwner;
     _OBD_DataTable_t m_dataTable;
@@ -132,6 +139,10 @@ class COBDCtrl : public COBDParser {
     _OBD_Engine_t m_engine;
     int32_t m_demarcateResult;
     std::atomic<uint32_t> m_seqNo;
+    // The number of the send thread's command in hand, which its repetitions carry.
+    std::atomic<uint32_t> m_cmdSeqNo;
+    std::mutex m_sendMutex;
+    std::atomic<int> m_bCancelled;
     // Written by the send thread (before each send) and the receiving thread (answers), polled by
     // the send thread.
     std::atomic<obdcmd_t> m_waitCmd;

@@ -1,8 +1,9 @@
 // Commands towards the box: framing, sending, the wait for the answer, retries, the wrappers
 // with their payloads, and the two dispatchers the send thread calls for queued tasks.
 //
-// One command is in flight at a time (only the send thread sends; the power-down handler's
-// OBD_StopTs may overlap, sharing the atomics). No lock is held while a command waits.
+// One command is in flight at a time: only the send thread sends commands. The power-down
+// handler's single stop frame shares the sequence counter, so every frame takes its number and is
+// written under m_sendMutex. No lock is held while a command waits.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,11 +44,16 @@ int COBDCtrl::OBD_SendData(char* data, int len) {
 int COBDCtrl::OBD_GenerateObdPackage(obdcmd_t cmd, _OBD_PkgInData_t* in, char* out, int outSize,
                                      int retry) {
     if (out == nullptr || cmd < 0 || cmd >= OBD_CMD_COUNT) return -1;
+    // A repetition keeps the number of its command's first attempt, even when the power-down's
+    // stop took the next number in between.
+    const uint32_t seq = retry == 0 ? (m_cmdSeqNo = ++m_seqNo) : m_cmdSeqNo.load();
+    return BuildFrame(cmd, in, out, outSize, seq);
+}
+
+int COBDCtrl::BuildFrame(obdcmd_t cmd, _OBD_PkgInData_t* in, char* out, int outSize, uint32_t seq) {
     const uint16_t code = ObdCmdArray[cmd];
     const int payloadLen =
         in != nullptr ? static_cast<int>(static_cast<uint32_t>(in->length) & 0xFFFFu) : 0;
-    // A repetition keeps the number of the first attempt.
-    const uint32_t seq = retry == 0 ? ++m_seqNo : m_seqNo.load();
     if (payloadLen + OBD_FRAME_OVERHEAD > outSize) return -1;
     if (payloadLen > 0 && in->data == nullptr) return -1;
 
@@ -73,6 +79,8 @@ int COBDCtrl::OBD_ExecuteCmd(obdcmd_t cmd, _OBD_PkgInData_t* in, int retry) {
     const int size = in != nullptr ? payloadLen + 12 : kNoPayloadBufSize;
     char* buf = static_cast<char*>(std::calloc(static_cast<size_t>(size), 1));
     if (buf == nullptr) return -1;
+    // One frame at a time, numbered as it leaves: the power-down's stop comes from the bus thread.
+    std::lock_guard<std::mutex> lock(m_sendMutex);
     const int frameLen = OBD_GenerateObdPackage(cmd, in, buf, size, retry);
     if (frameLen <= 0) {
         std::free(buf);
@@ -93,7 +101,8 @@ int COBDCtrl::OBD_WaitCmd(obdcmd_t awaited, int timeoutMs) {
         const obdcmd_t state = m_waitCmd.load();
         if (state == awaited) return 0;
         if (state == OBD_CMD_FAIL) return 1;
-        if (i > steps) return 2;
+        // Cancelled: after release nobody reads the answer, so waiting on would only delay it.
+        if (i > steps || m_bCancelled.load() != 0) return 2;
         Common::P4X_TMSleepMicroSecond(OBD_WAIT_STEP_US);
     }
 }
@@ -101,10 +110,16 @@ int COBDCtrl::OBD_WaitCmd(obdcmd_t awaited, int timeoutMs) {
 int COBDCtrl::OBD_SendCmd(obdcmd_t request, obdcmd_t awaited, _OBD_PkgInData_t* in, int timeoutMs,
                           int retries) {
     for (int k = 0; k <= retries; ++k) {
+        // Release has begun and nobody reads the answers: give up rather than retry for a minute.
+        if (m_bCancelled.load() != 0) return -1;
         OBD_ExecuteCmd(request, in, k != 0 ? 1 : 0);
         if (OBD_WaitCmd(awaited, timeoutMs) == 0) return 0;
     }
     return -1;
+}
+
+void COBDCtrl::OBD_CancelCommands() {
+    m_bCancelled = 1;
 }
 
 int COBDCtrl::OBD_ReadVersion() {
@@ -167,6 +182,17 @@ int COBDCtrl::OBD_StartTs() {
 int COBDCtrl::OBD_StopTs() {
     return OBD_SendCmd(OBD_CMD_STOP_TS, OBD_CMD_STOP_TS_ACK, nullptr, OBD_CMD_TIMEOUT_MS,
                        OBD_CMD_RETRIES);
+}
+
+int COBDCtrl::OBD_StopTsNoWait() {
+    // Behind the CAN box a stop is never relayed (see SendData): there is nothing to send.
+    if (m_bCanBoxMode != 0) return -1;
+    char frame[OBD_FRAME_OVERHEAD];
+    std::lock_guard<std::mutex> lock(m_sendMutex);
+    // The awaited command stays as it is: this frame is not waited for, and the send thread's
+    // command in hand must still be released by its own answer.
+    const int len = BuildFrame(OBD_CMD_STOP_TS, nullptr, frame, sizeof(frame), ++m_seqNo);
+    return OBD_SendData(frame, len);
 }
 
 int COBDCtrl::OBD_CfgEngine(void* engine) {

@@ -63,6 +63,7 @@ CSerialDevOBD::CSerialDevOBD(CPeripheralManage* manage, CMsgClientManage* /*msgC
       m_bTaskThreadRun(1),
       m_bSendThreadStarted(false),
       m_sendTaskQueue(),
+      m_bFrontRunning(false),
       m_devInfoMutex(),
       m_bPowerDown(0),
       m_bCanBoxMode(0),
@@ -125,6 +126,8 @@ CSerialDevOBD::~CSerialDevOBD() {
     // Handshake with the send thread: it sets the flag back to 1 on its way out. Without a send
     // thread nobody would ever answer, so there is nothing to wait for.
     m_bTaskThreadRun = 0;
+    // The host no longer reads the box's answers: the task in hand gives up at its next poll.
+    if (m_pObdCtrl != nullptr) m_pObdCtrl->OBD_CancelCommands();
     if (m_bSendThreadStarted) {
         while (m_bTaskThreadRun.load() == 0) Common::P4X_TMSleepMicroSecond(20000);
     }

@@ -115,6 +115,9 @@ class CSerialDevOBD : public CSerialBase {
     // Whether a send thread was started: without one nothing answers the destructor's handshake.
     bool m_bSendThreadStarted;
     std::deque<TaskBody_t> m_sendTaskQueue;
+    // Under m_taskMutex: the front entry is the task the send thread is running. The task in hand
+    // stays queued until it has finished; a twin inserted meanwhile removes it and clears this.
+    bool m_bFrontRunning;
     pthread_mutex_t m_devInfoMutex;
     std::atomic<int> m_bPowerDown;
     unsigned char m_bCanBoxMode;  // set once in the constructor, read-only afterwards

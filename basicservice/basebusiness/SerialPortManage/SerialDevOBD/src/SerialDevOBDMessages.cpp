@@ -160,8 +160,9 @@ int CSerialDevOBD::OnHandlePowerDown(const char* msg, int len) {
     }
     OBD_DEV_LOG(1, "S38_obd:  reboot or power off\n");
     m_bPowerDown = 1;
-    // Directly, not queued: the box must stop streaming before the power goes.
-    if (m_pObdCtrl != nullptr) m_pObdCtrl->OBD_StopTs();
+    // Directly, not queued: the box must stop streaming before the power goes. Not waited for:
+    // no bus handler may block the bus (behind the CAN box no answer would ever come).
+    if (m_pObdCtrl != nullptr) m_pObdCtrl->OBD_StopTsNoWait();
     return 0;
 }
 

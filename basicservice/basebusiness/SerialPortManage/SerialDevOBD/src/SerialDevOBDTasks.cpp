@@ -12,7 +12,6 @@
 #include "SerialDevOBD.h"
 
 namespace {
-// The task in hand stays at the front of the queue until it has finished.
 constexpr unsigned int SEND_THREAD_PERIOD_US = 100000;
 }  // namespace
 
@@ -23,6 +22,7 @@ int CSerialDevOBD::InsertSendTask(TaskBody_t task) {
             OBD_DEV_LOG(1, "S38_OBD: Same cmd, delete the old, type = %d, cmd = %d, size = %d\n",
                         static_cast<int>(it->taskType), static_cast<int>(it->cmd),
                         static_cast<int>(m_sendTaskQueue.size()));
+            if (it == m_sendTaskQueue.begin()) m_bFrontRunning = false;
             m_sendTaskQueue.erase(it);
             break;
         }
@@ -31,6 +31,7 @@ int CSerialDevOBD::InsertSendTask(TaskBody_t task) {
     if (m_sendTaskQueue.size() > TASK_QUEUE_LIMIT) {
         OBD_DEV_LOG(0, "S38_OBD: &&&&&&&& WARNING &&&&&&&&&&&&, send buffer is to large\n\n");
         m_sendTaskQueue.clear();
+        m_bFrontRunning = false;
     }
     pthread_mutex_unlock(&m_taskMutex);
     return 0;
@@ -92,11 +93,16 @@ void CSerialDevOBD::TaskSendRoutine() {
             // In CAN-box mode the box only understands the software-version read and the start of
             // its data stream; everything else is dropped unexecuted.
             if (m_bCanBoxMode == 0 || task.cmd == 1 || task.cmd == 29) {
+                m_bFrontRunning = true;
                 pthread_mutex_unlock(&m_taskMutex);
                 HandleOBDTask(&task);
                 pthread_mutex_lock(&m_taskMutex);
+                // Remove the task that ran, not what is now in front: a twin may have replaced it.
+                if (m_bFrontRunning) m_sendTaskQueue.pop_front();
+                m_bFrontRunning = false;
+            } else {
+                m_sendTaskQueue.pop_front();
             }
-            if (!m_sendTaskQueue.empty()) m_sendTaskQueue.pop_front();
         }
         pthread_mutex_unlock(&m_taskMutex);
         Common::P4X_TMSleepMicroSecond(SEND_THREAD_PERIOD_US);
