@@ -1,7 +1,8 @@
 // libFuzzer target: arbitrary messages, head included, to every bus handler the plug-in
 // registers. A message is another service's bytes: whatever its length word or inner counts say,
 // no handler may read past the message or write past a record (ASan/UBSan watch), and every
-// answer has its record's size: 652 bytes for the configuration, 20 for the upgrade state.
+// answer has its record's size: 652 bytes for the configuration, 20 for the upgrade state, 4
+// for a calibration result.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -40,9 +41,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<char> msg(data + 1, data + size);
     fakehost::DeliverRaw(id, msg.empty() ? nullptr : msg.data(), static_cast<int>(msg.size()));
     const auto responses = fakehost::Responses();
+    // The head is the fuzzer's too: what an answer must be follows from the id delivered.
+    size_t want = 0;
+    if (id == MSG_GET_GDS_CONFIG_INFO) want = sizeof(GdsConfigInfo_t);
+    if (id == MSG_TRIGGER_PERIPHERAL_UPGRADE || id == MSG_GET_PERIPHERAL_UPGRADE_STATE)
+        want = sizeof(UpgradeResult_t);
+    if (id == MSG_CAN_BOX_OBD_DATA_IN) want = sizeof(int32_t);  // a relayed calibration answer
     for (const auto& r : responses) {
-        const size_t want = r.head.msgId == MSG_GET_GDS_CONFIG_INFO ? sizeof(GdsConfigInfo_t)
-                                                                    : sizeof(UpgradeResult_t);
         if (r.payload.size() != want) __builtin_trap();
     }
     fakehost::ClearRecords();
