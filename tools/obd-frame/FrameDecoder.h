@@ -46,9 +46,9 @@ struct Record {
     bool notEscaped = false;  // from the box, yet its 7D pairs only add up when read as they are
 
     bool HasCode() const { return body.size() >= 3; }
-    uint8_t Seq() const { return body.empty() ? 0 : body[0]; }
+    uint8_t Seq() const { return body.empty() ? uint8_t{0} : body[0]; }
     uint16_t Code() const {
-        return HasCode() ? static_cast<uint16_t>((body[1] << 8) | body[2]) : 0;
+        return HasCode() ? static_cast<uint16_t>((body[1] << 8) | body[2]) : uint16_t{0};
     }
     const uint8_t* Payload() const { return body.data() + 3; }
     size_t PayloadSize() const { return body.size() > 3 ? body.size() - 3 : 0; }
