@@ -1,0 +1,475 @@
+// The virtual mode: participants take turns, and host time jumps to the earliest deadline when no
+// participant has anything left to do at the current instant (the contract is in HostSim.h).
+//
+// One turn at a time is what makes a run reproducible: when the box answers, the plug-in's send
+// thread has already gone to sleep, whatever the machine's load; when the peripheral thread
+// broadcasts, the bus thread prints before the box writes its next frame.
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+
+#include "ClockState.h"
+#include "HostInternal.h"
+#include "HostSim.h"
+
+namespace hostsim {
+namespace detail {
+namespace {
+
+using State = Part::State;
+
+// How long (real time) a reader waits for bytes that were written towards it to show up on its
+// end of a pseudo-terminal; they normally take microseconds.
+constexpr int kArriveMs = 1000;
+
+thread_local Part* t_part = nullptr;
+
+bool Virtual(const ClockState& c) {
+    return c.mode == ClockMode::Virtual;
+}
+
+void MakeRunnableLocked(ClockState& c, Part* p) {
+    p->state = State::Runnable;
+    p->hasDeadline = false;
+    c.runnable.push_back(p);
+}
+
+bool InputWaiting(int fd) {
+    int n = 0;
+    return fd >= 0 && ::ioctl(fd, FIONREAD, &n) == 0 && n > 0;
+}
+
+// Bytes towards an idle end of a line: that end reads before host time moves. Bytes written
+// through the counted calls have kicked their reader already; this catches the rest (a test that
+// writes to the tty itself), once per instant, so bytes that nobody can read never stop the clock.
+bool NudgeReadersLocked(ClockState& c) {
+    bool any = false;
+    for (auto& entry : c.lines) {
+        Line& l = *entry.second;
+        if (l.nudgedAt == c.monoBaseUs) continue;
+        bool nudged = false;
+        if (l.reader != nullptr && l.reader->state == State::Idle &&
+            (l.toReader > 0 || InputWaiting(l.readerFd))) {
+            MakeRunnableLocked(c, l.reader);
+            nudged = true;
+        }
+        if (l.peer != nullptr && l.peer->state == State::Idle &&
+            (l.toPeer > 0 || InputWaiting(l.peerFd))) {
+            MakeRunnableLocked(c, l.peer);
+            nudged = true;
+        }
+        if (nudged) l.nudgedAt = c.monoBaseUs;
+        any = any || nudged;
+    }
+    return any;
+}
+
+// Nobody runs or wants to: moves host time to the earliest deadline. False when nothing is
+// pending at all (host time then stands).
+bool AdvanceLocked(ClockState& c) {
+    if (NudgeReadersLocked(c)) return true;
+    for (;;) {
+        uint64_t next = UINT64_MAX;
+        for (const Part* p : c.parts) {
+            if (p->state == State::Idle && p->hasDeadline) next = std::min(next, p->deadlineUs);
+        }
+        if (!c.sleepers.empty()) next = std::min(next, c.sleepers.begin()->first);
+        if (next == UINT64_MAX) return false;
+        if (next > c.monoBaseUs) c.monoBaseUs = next;
+        QueueDueLocked(c);
+        if (!c.runnable.empty()) return true;
+        // Only threads that take no part woke: nothing waits for them.
+    }
+}
+
+void IdleLocked(ClockState& c, Part* p, bool hasDeadline, uint64_t deadlineUs) {
+    if (!p->registered) return;
+    p->hasDeadline = hasDeadline;
+    p->deadlineUs = deadlineUs;
+    p->order = ++c.order;
+    if (!Virtual(c)) {
+        p->state = State::Idle;
+        return;
+    }
+    if (p->state == State::Running) {
+        c.running = nullptr;
+        p->state = State::Idle;
+        if (p->kicked) {
+            p->kicked = false;
+            MakeRunnableLocked(c, p);
+        }
+    }
+    if (p->state == State::Idle && hasDeadline && deadlineUs <= c.monoBaseUs) {
+        MakeRunnableLocked(c, p);
+    }
+    GrantLocked(c);
+}
+
+void KickLocked(ClockState& c, Part* p) {
+    if (p == nullptr || !p->registered || !Virtual(c)) return;
+    if (p->state == State::Idle) {
+        MakeRunnableLocked(c, p);
+        GrantLocked(c);
+    } else if (p->state == State::Running) {
+        p->kicked = true;
+    }
+}
+
+// Waits until it is `p`'s turn, the mode changes, `p` is interrupted or leaves, or the real
+// timeout (< 0: none) passes. True when it is its turn.
+bool WaitTurnLocked(ClockState& c, std::unique_lock<std::mutex>& lock, Part* p, int realTimeoutMs) {
+    auto ready = [&] {
+        return !Virtual(c) || p->state == State::Running || p->interrupted || !p->registered;
+    };
+    if (realTimeoutMs < 0) {
+        p->turn.wait(lock, ready);
+    } else {
+        p->turn.wait_for(lock, std::chrono::milliseconds(realTimeoutMs), ready);
+    }
+    return Virtual(c) && p->registered && p->state == State::Running;
+}
+
+void LeaveLocked(ClockState& c, Part* p) {
+    if (!p->registered) return;
+    p->registered = false;
+    c.parts.erase(std::remove(c.parts.begin(), c.parts.end(), p), c.parts.end());
+    c.runnable.erase(std::remove(c.runnable.begin(), c.runnable.end(), p), c.runnable.end());
+    if (c.running == p) c.running = nullptr;
+    p->state = State::Idle;
+    p->hasDeadline = false;
+    p->kicked = false;
+    // Nobody reads what was on its way to it any more.
+    for (auto& entry : c.lines) {
+        Line& l = *entry.second;
+        if (l.reader == p) {
+            l.reader = nullptr;
+            l.readerFd = -1;
+            l.toReader = 0;
+        }
+        if (l.peer == p) {
+            l.peer = nullptr;
+            l.peerFd = -1;
+            l.toPeer = 0;
+        }
+    }
+    p->turn.notify_all();
+    GrantLocked(c);
+}
+
+Line& LineLocked(ClockState& c, const std::string& path) {
+    auto& slot = c.lines[path];
+    if (!slot) {
+        slot = std::make_unique<Line>();
+        slot->path = path;
+    }
+    return *slot;
+}
+
+// Host time in microseconds of the forward-only clock for a host time in milliseconds.
+uint64_t MonoForHostMs(const ClockState& c, long long hostMs) {
+    const long long mono = hostMs * 1000 - c.offsetUs;
+    return mono < 0 ? 0 : static_cast<uint64_t>(mono);
+}
+
+}  // namespace
+
+void QueueDueLocked(ClockState& c) {
+    if (!Virtual(c)) return;
+    const uint64_t mono = c.monoBaseUs;
+    std::vector<Part*> due;
+    for (Part* p : c.parts) {
+        if (p->state == State::Idle && p->hasDeadline && p->deadlineUs <= mono) due.push_back(p);
+    }
+    std::sort(due.begin(), due.end(), [](const Part* a, const Part* b) {
+        return a->deadlineUs != b->deadlineUs ? a->deadlineUs < b->deadlineUs : a->order < b->order;
+    });
+    for (Part* p : due) MakeRunnableLocked(c, p);
+    bool woke = false;
+    while (!c.sleepers.empty() && c.sleepers.begin()->first <= mono) {
+        c.sleepers.begin()->second->fired = true;
+        c.sleepers.erase(c.sleepers.begin());
+        woke = true;
+    }
+    if (woke) c.changed.notify_all();
+}
+
+void GrantLocked(ClockState& c) {
+    if (!Virtual(c)) return;
+    while (c.running == nullptr) {
+        if (!c.runnable.empty()) {
+            Part* p = c.runnable.front();
+            c.runnable.pop_front();
+            p->state = State::Running;
+            c.running = p;
+            p->turn.notify_all();
+            return;
+        }
+        if (!AdvanceLocked(c)) return;
+    }
+}
+
+void ResetTurnsLocked(ClockState& c) {
+    c.running = nullptr;
+    c.runnable.clear();
+    for (Part* p : c.parts) {
+        p->state = State::Idle;
+        p->kicked = false;
+        p->turn.notify_all();
+    }
+    for (auto& entry : c.lines) {
+        entry.second->toReader = entry.second->toPeer = 0;
+        entry.second->nudgedAt = UINT64_MAX;
+    }
+    // Sleepers re-check under the new mode.
+    for (auto& s : c.sleepers) s.second->fired = true;
+    c.sleepers.clear();
+    c.changed.notify_all();
+}
+
+bool SleepVirtualLocked(ClockState& c, std::unique_lock<std::mutex>& lock, uint64_t deadlineUs) {
+    Part* self = t_part;
+    if (self != nullptr && self->registered) {
+        if (c.monoBaseUs >= deadlineUs && self->state == State::Running) return true;
+        IdleLocked(c, self, true, deadlineUs);
+        WaitTurnLocked(c, lock, self, -1);
+        return Virtual(c) && c.monoBaseUs >= deadlineUs && self->state == State::Running;
+    }
+    if (c.monoBaseUs >= deadlineUs) return true;
+    Sleeper me;
+    const auto entry = c.sleepers.emplace(deadlineUs, &me);
+    GrantLocked(c);  // with everything idle this sleep may be what time jumps to
+    c.changed.wait(lock, [&] { return me.fired || !Virtual(c); });
+    if (!me.fired) c.sleepers.erase(entry);
+    return Virtual(c) && c.monoBaseUs >= deadlineUs;
+}
+
+// ---- The host's own threads ----
+
+void PartRegister(Part* p) {
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    if (p->registered) return;
+    p->registered = true;
+    p->interrupted = false;
+    p->kicked = false;
+    p->state = State::Idle;
+    c.parts.push_back(p);
+    if (Virtual(c)) {
+        MakeRunnableLocked(c, p);
+        GrantLocked(c);
+    }
+}
+
+void PartLeave(Part* p) {
+    if (p == nullptr) return;
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    LeaveLocked(c, p);
+}
+
+void PartBind(Part* p) {
+    t_part = p;
+}
+
+Part* PartCurrent() {
+    return t_part;
+}
+
+bool PartWaitTurn(Part* p, int realTimeoutMs) {
+    ClockState& c = Clock();
+    std::unique_lock<std::mutex> lock(c.mutex);
+    return WaitTurnLocked(c, lock, p, realTimeoutMs);
+}
+
+bool PartHasTurn(Part* p) {
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    return Virtual(c) && p->registered && p->state == State::Running;
+}
+
+bool PartIdleWait(Part* p, bool hasDeadline, uint64_t deadlineUs, int realTimeoutMs) {
+    ClockState& c = Clock();
+    std::unique_lock<std::mutex> lock(c.mutex);
+    IdleLocked(c, p, hasDeadline, deadlineUs);
+    return WaitTurnLocked(c, lock, p, realTimeoutMs);
+}
+
+void PartKick(Part* p) {
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    KickLocked(c, p);
+}
+
+void PartInterrupt(Part* p) {
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    p->interrupted = true;
+    p->turn.notify_all();
+}
+
+// ---- The peripheral's end of its line ----
+
+Line* LineAttachReader(const std::string& path, Part* reader, int fd) {
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    Line& l = LineLocked(c, path);
+    l.reader = reader;
+    l.readerFd = fd;
+    l.toReader = 0;
+    return &l;
+}
+
+bool LineReaderHasInput(Line* l) {
+    if (l == nullptr) return false;
+    int fd = -1;
+    {
+        ClockState& c = Clock();
+        std::lock_guard<std::mutex> lock(c.mutex);
+        if (l->toReader > 0) return true;
+        fd = l->readerFd;
+    }
+    return InputWaiting(fd);
+}
+
+void LineReaderTook(Line* l, size_t n) {
+    if (l == nullptr || n == 0) return;
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    l->toReader = std::max(0LL, l->toReader - static_cast<long long>(n));
+}
+
+void LineReaderGaveUp(Line* l) {
+    if (l == nullptr) return;
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    if (l->toReader > 0) {
+        HOST_LOG(1, "%lld bytes towards the peripheral never arrived", l->toReader);
+    }
+    l->toReader = 0;
+}
+
+void LineReaderWrote(Line* l, long long n) {
+    if (l == nullptr || n == 0) return;
+    ClockState& c = Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    if (!Virtual(c) || l->peer == nullptr) return;
+    l->toPeer += n;
+    if (n > 0) KickLocked(c, l->peer);
+}
+
+}  // namespace detail
+
+// ---- Participant ----
+
+struct Participant::Impl {
+    explicit Impl(std::string name) : part(std::move(name)) {}
+    detail::Part part;
+    detail::Line* line = nullptr;  // guarded by the clock's mutex
+};
+
+Participant::Participant(std::string name) : m_impl(new Impl(std::move(name))) {
+    detail::PartRegister(&m_impl->part);
+}
+
+Participant::~Participant() {
+    Leave();
+    if (detail::t_part == &m_impl->part) detail::t_part = nullptr;
+}
+
+void Participant::Enter() {
+    detail::t_part = &m_impl->part;
+    detail::PartWaitTurn(&m_impl->part, -1);
+}
+
+bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
+    using namespace detail;
+    ClockState& c = Clock();
+    Part* p = &m_impl->part;
+    t_part = p;
+    std::unique_lock<std::mutex> lock(c.mutex);
+    Line* line = m_impl->line;
+    if (line != nullptr && fd >= 0) line->peerFd = fd;
+    if (!Virtual(c)) {
+        int timeout = realTimeoutMs;
+        if (untilMs >= 0) {
+            const uint64_t deadline = MonoForHostMs(c, untilMs);
+            const uint64_t mono = c.MonoLocked();
+            if (mono >= deadline) return true;
+            if (!c.Frozen()) {
+                const double realMs = static_cast<double>(deadline - mono) / c.factor / 1000.0;
+                if (realMs < static_cast<double>(timeout) || timeout < 0) {
+                    timeout = std::max(1, static_cast<int>(std::min(realMs + 1.0, 1e9)));
+                }
+            }
+        }
+        lock.unlock();
+        pollfd pfd{fd, POLLIN, 0};
+        ::poll(&pfd, fd >= 0 ? 1 : 0, timeout);
+        return true;
+    }
+    const bool holding = p->registered && p->state == State::Running;
+    const bool incoming = line != nullptr && line->toPeer > 0;
+    if (!(holding && incoming)) {
+        IdleLocked(c, p, untilMs >= 0, MonoForHostMs(c, untilMs));
+        if (!WaitTurnLocked(c, lock, p, realTimeoutMs)) return false;
+    }
+    if (line != nullptr && fd >= 0 && line->toPeer > 0) {
+        lock.unlock();
+        pollfd pfd{fd, POLLIN, 0};
+        const int rc = ::poll(&pfd, 1, kArriveMs);
+        lock.lock();
+        if (rc <= 0 && line->toPeer > 0) {
+            HOST_LOG(1, "%lld bytes from the peripheral never arrived", line->toPeer);
+            line->toPeer = 0;
+        }
+    }
+    return true;
+}
+
+void Participant::Kick() {
+    detail::PartKick(&m_impl->part);
+}
+
+void Participant::Leave() {
+    detail::PartLeave(&m_impl->part);
+}
+
+void Participant::ServeLine(const std::string& ttyPath) {
+    auto& c = detail::Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    if (!m_impl->part.registered) return;
+    detail::Line& l = detail::LineLocked(c, ttyPath);
+    l.peer = &m_impl->part;
+    l.toPeer = 0;
+    m_impl->line = &l;
+}
+
+void Participant::LineRead(size_t n) {
+    auto& c = detail::Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::Line* l = m_impl->line;
+    if (l == nullptr || l->peer != &m_impl->part) return;
+    l->toPeer = std::max(0LL, l->toPeer - static_cast<long long>(n));
+}
+
+void Participant::LineWrote(size_t n) {
+    using namespace detail;
+    ClockState& c = Clock();
+    std::unique_lock<std::mutex> lock(c.mutex);
+    Line* l = m_impl->line;
+    Part* p = &m_impl->part;
+    if (n == 0 || l == nullptr || l->peer != p || l->reader == nullptr || !Virtual(c)) return;
+    l->toReader += static_cast<long long>(n);
+    KickLocked(c, l->reader);
+    if (t_part != p || p->state != State::Running) return;
+    // Let the reader take these bytes before anything else is written: a read then never holds
+    // two writes, whatever the machine's speed.
+    p->kicked = true;
+    IdleLocked(c, p, false, 0);
+    WaitTurnLocked(c, lock, p, -1);
+}
+
+}  // namespace hostsim
