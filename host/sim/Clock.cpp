@@ -72,40 +72,40 @@ using detail::ClockState;
 
 void ClockUseReal(long long startMs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     detail::SelectLocked(c, ClockMode::Real, 1.0, std::max(0LL, startMs));
 }
 
 bool ClockUseScaled(double factor, long long startMs) {
     if (!(factor > 0.0) || !std::isfinite(factor)) return false;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     detail::SelectLocked(c, ClockMode::Scaled, factor, std::max(0LL, startMs));
     return true;
 }
 
 void ClockUseStepped(long long startMs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     detail::SelectLocked(c, ClockMode::Stepped, 1.0, std::max(0LL, startMs));
 }
 
 void ClockUseVirtual(long long startMs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     detail::SelectLocked(c, ClockMode::Virtual, 1.0, std::max(0LL, startMs));
 }
 
 ClockMode ClockGetMode() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.mode;
 }
 
 bool ClockAdvance(long long ms) {
     if (ms < 0) return false;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     c.monoBaseUs += static_cast<uint64_t>(ms) * 1000;
     c.ChangedLocked();
     detail::QueueDueLocked(c);
@@ -116,7 +116,7 @@ bool ClockAdvance(long long ms) {
 bool ClockSet(long long ms) {
     if (ms < 0) return false;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     const long long delta = ms * 1000 - c.NowUsLocked();
     if (delta >= 0) {
         c.monoBaseUs += static_cast<uint64_t>(delta);
@@ -131,13 +131,13 @@ bool ClockSet(long long ms) {
 
 long long ClockNowMs() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.NowUsLocked() / 1000;
 }
 
 void ClockSetWallStart(long long epochMs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     c.wallBaseMs = epochMs;
     c.wallHostBaseMs = c.NowUsLocked() / 1000;
 }
@@ -146,19 +146,19 @@ namespace detail {
 
 uint64_t ClockMonoUs() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.MonoLocked();
 }
 
 long long ClockNowUs() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.NowUsLocked();
 }
 
 uint64_t ClockGeneration() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.generation;
 }
 
@@ -172,7 +172,7 @@ bool ClockIsVirtual() {
 
 int ClockRealTimeoutMs(uint64_t deadlineUs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     const uint64_t mono = c.MonoLocked();
     if (mono >= deadlineUs) return 0;
     if (c.Frozen()) return -1;
@@ -183,13 +183,13 @@ int ClockRealTimeoutMs(uint64_t deadlineUs) {
 
 void ClockAddWaker(int fd) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     c.wakers.push_back(fd);
 }
 
 void ClockRemoveWaker(int fd) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     c.wakers.erase(std::remove(c.wakers.begin(), c.wakers.end(), fd), c.wakers.end());
 }
 
@@ -208,7 +208,7 @@ int P4X_TMGetShareTime(_datetime_* dt) {
     long long wallMs = 0;
     {
         auto& c = hostsim::detail::Clock();
-        std::lock_guard<std::mutex> lock(c.mutex);
+        hostsim::detail::ClockLock lock(c);
         wallMs = c.wallBaseMs + (c.NowUsLocked() / 1000 - c.wallHostBaseMs);
     }
     if (wallMs < 0) wallMs = 0;
@@ -232,7 +232,7 @@ void P4X_TMSleepMicroSecond(unsigned int us) {
         return;
     }
     auto& c = hostsim::detail::Clock();
-    std::unique_lock<std::mutex> lock(c.mutex);
+    hostsim::detail::ClockLock lock(c);
     const uint64_t deadline = c.MonoLocked() + us;
     for (;;) {
         const uint64_t mono = c.MonoLocked();
@@ -242,10 +242,11 @@ void P4X_TMSleepMicroSecond(unsigned int us) {
         }
         if (mono >= deadline) return;
         if (c.mode == hostsim::ClockMode::Stepped) {
-            c.changed.wait(lock);
+            c.changed.wait(lock.Raw());
         } else {
             const double realUs = std::ceil(static_cast<double>(deadline - mono) / c.factor);
-            c.changed.wait_for(lock, std::chrono::microseconds(static_cast<long long>(realUs)));
+            c.changed.wait_for(lock.Raw(),
+                               std::chrono::microseconds(static_cast<long long>(realUs)));
         }
     }
 }

@@ -2,6 +2,7 @@
 // Internal to libobdhost.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -17,12 +18,15 @@
 namespace hostsim {
 namespace detail {
 
-// One participant of the virtual mode (see HostSim.h). Every field is guarded by the clock's
-// mutex; `turn` is waited on with it.
+// One participant of the virtual mode (see HostSim.h). Every field but `wake` is guarded by the
+// clock's mutex. Records come from a pool and are never freed (see PartNew), so a wake that
+// arrives late only ever finds a record that is still there.
 struct Part {
     enum class State { Idle, Runnable, Running };
     explicit Part(std::string n) : name(std::move(n)) {}
     std::string name;
+    // Bumped on every change its thread may be waiting for; the thread sleeps on it (a futex).
+    std::atomic<uint32_t> wake{0};
     State state = State::Idle;
     bool registered = false;
     bool hasDeadline = false;
@@ -30,7 +34,6 @@ struct Part {
     uint64_t order = 0;       // when it last went idle: ties at one deadline run in this order
     bool kicked = false;      // kicked while running: runnable again as soon as it waits
     bool interrupted = false;
-    std::condition_variable turn;
 };
 
 // The two ends of one serial line and the bytes each has written that the other has not read.
@@ -78,6 +81,8 @@ struct ClockState {
     uint64_t order = 0;
     std::multimap<uint64_t, Sleeper*> sleepers;
     std::map<std::string, std::unique_ptr<Line>> lines;
+    std::vector<Part*> handedTo;   // given the turn under the mutex: woken once it is released
+    std::vector<Part*> freeParts;  // the pool (see Part)
 
     bool Frozen() const { return mode == ClockMode::Stepped || mode == ClockMode::Virtual; }
     uint64_t MonoLocked() const {
@@ -93,6 +98,27 @@ struct ClockState {
 
 ClockState& Clock();
 
+// The clock's mutex, held. A turn handed on while it is held is signalled when it is released,
+// so that the thread given the turn does not wake only to wait for the mutex.
+class ClockLock {
+  public:
+    explicit ClockLock(ClockState& c) : m_c(c), m_lock(c.mutex) {}
+    ~ClockLock() {
+        if (m_lock.owns_lock()) unlock();
+    }
+    void lock() { m_lock.lock(); }
+    void unlock();
+    // For a condition variable: release once with unlock() first, so that no turn handed on
+    // waits for the condition variable's own release.
+    std::unique_lock<std::mutex>& Raw() { return m_lock; }
+    ClockLock(const ClockLock&) = delete;
+    ClockLock& operator=(const ClockLock&) = delete;
+
+  private:
+    ClockState& m_c;
+    std::unique_lock<std::mutex> m_lock;
+};
+
 // ---- Turn-taking, all with the clock's mutex held ----
 // After host time moved forward (a jump, ClockAdvance, ClockSet): due participants become
 // runnable (earliest deadline first, ties in the order they went idle) and due sleepers wake.
@@ -103,7 +129,7 @@ void GrantLocked(ClockState& c);
 void ResetTurnsLocked(ClockState& c);
 // A host sleep in the virtual mode until `deadlineUs` (forward-only time): true once it is over,
 // false when the mode changed first.
-bool SleepVirtualLocked(ClockState& c, std::unique_lock<std::mutex>& lock, uint64_t deadlineUs);
+bool SleepVirtualLocked(ClockState& c, ClockLock& lock, uint64_t deadlineUs);
 
 }  // namespace detail
 #pragma GCC visibility pop

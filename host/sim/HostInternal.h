@@ -41,6 +41,9 @@ bool ClockIsStepped();
 bool ClockIsVirtual();
 
 // ---- Virtual mode: the host's own threads as participants (see HostSim.h, ClockState.h) ----
+// A participant's record, from a pool; PartFree makes it leave and gives it back.
+Part* PartNew(const std::string& name);
+void PartFree(Part* p);
 // Registers `p` (runnable at once in the virtual mode) / takes it out; from any thread.
 void PartRegister(Part* p);
 void PartLeave(Part* p);

@@ -76,8 +76,7 @@ CPeripheralBase::CPeripheralBase(CPeripheralManage* manage, CMsgClientManage* ms
 CPeripheralBase::~CPeripheralBase() {
     StopPeripheralThread();
     if (m_pPeripheralState->wakeFd >= 0) ::close(m_pPeripheralState->wakeFd);
-    hostsim::detail::PartLeave(m_pPeripheralState->part);
-    delete m_pPeripheralState->part;
+    hostsim::detail::PartFree(m_pPeripheralState->part);
     delete m_pPeripheralState;
 }
 
@@ -216,7 +215,7 @@ bool StartPeripheralThread(CPeripheralBase* object) {
     ts->stop = false;
     // A participant from here, so that its first turn follows what the caller did before.
     auto* st = BaseAccess::State(object);
-    if (st->part == nullptr) st->part = new Part("peripheral");
+    if (st->part == nullptr) st->part = PartNew("peripheral");
     PartRegister(st->part);
     if (st->serialFd >= 0) st->line = LineAttachReader(st->serialPath, st->part, st->serialFd);
     Part* part = st->part;

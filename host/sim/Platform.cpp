@@ -20,19 +20,19 @@ std::atomic<int> g_liveWorkers{0};
 struct WorkerStart {
     void* (*entry)(void*);
     void* arg;
-    detail::Part part{"worker"};
+    detail::Part* part = detail::PartNew("worker");
 };
 
 // The count drops only after the plug-in's entry has returned, so once it is zero no worker
 // executes plug-in code and the library may be unloaded.
 void* WorkerTrampoline(void* raw) {
     auto* start = static_cast<WorkerStart*>(raw);
-    detail::PartBind(&start->part);
-    detail::PartWaitTurn(&start->part, -1);
+    detail::PartBind(start->part);
+    detail::PartWaitTurn(start->part, -1);
     start->entry(start->arg);
     g_liveWorkers.fetch_sub(1);
-    detail::PartLeave(&start->part);
     detail::PartBind(nullptr);
+    detail::PartFree(start->part);
     delete start;
     return nullptr;
 }
@@ -95,7 +95,7 @@ int CreateNormalThread(void* (*entry)(void*), void* arg, unsigned long* tid) {
     start->entry = entry;
     start->arg = arg;
     // Registered by the creating thread, so that its first turn follows what that thread did.
-    hostsim::detail::PartRegister(&start->part);
+    hostsim::detail::PartRegister(start->part);
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
@@ -105,7 +105,7 @@ int CreateNormalThread(void* (*entry)(void*), void* arg, unsigned long* tid) {
     pthread_attr_destroy(&attr);
     if (rc != 0) {
         hostsim::g_liveWorkers.fetch_sub(1);
-        hostsim::detail::PartLeave(&start->part);
+        hostsim::detail::PartFree(start->part);
         delete start;
         HOST_LOG(0, "pthread_create failed: %s", std::strerror(rc));
         return -2;

@@ -30,16 +30,16 @@ void RunWithTimePassing(const std::function<void()>& work) {
     if (detail::ClockIsVirtual()) {
         detail::Part* caller = detail::PartCurrent();
         if (caller != nullptr && !detail::PartHasTurn(caller)) caller = nullptr;
-        detail::Part helper("release");
-        detail::PartRegister(&helper);
+        detail::Part* helper = detail::PartNew("release");
+        detail::PartRegister(helper);
         std::atomic<bool> done{false};
         std::thread t([&] {
-            detail::PartBind(&helper);
-            detail::PartWaitTurn(&helper, -1);
+            detail::PartBind(helper);
+            detail::PartWaitTurn(helper, -1);
             work();
             done = true;
             if (caller != nullptr) detail::PartKick(caller);
-            detail::PartLeave(&helper);
+            detail::PartLeave(helper);
         });
         while (!done) {
             if (caller == nullptr || !detail::PartIdleWait(caller, false, 0, -1)) {
@@ -47,6 +47,7 @@ void RunWithTimePassing(const std::function<void()>& work) {
             }
         }
         t.join();
+        detail::PartFree(helper);
         return;
     }
     std::atomic<bool> done{false};

@@ -4,12 +4,19 @@
 // One turn at a time is what makes a run reproducible: when the box answers, the plug-in's send
 // thread has already gone to sleep, whatever the machine's load; when the peripheral thread
 // broadcasts, the bus thread prints before the box writes its next frame.
+//
+// A turn passes from one thread to the next some hundred thousand times per host hour, so the
+// hand-off is a futex wake issued after the clock's mutex is released (ClockLock): the thread
+// given the turn wakes once and finds the mutex free.
+#include <linux/futex.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <climits>
+#include <ctime>
 
 #include "ClockState.h"
 #include "HostInternal.h"
@@ -26,6 +33,32 @@ using State = Part::State;
 constexpr int kArriveMs = 1000;
 
 thread_local Part* t_part = nullptr;
+
+uint32_t* Word(Part* p) {
+    static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t), "a futex is 32 bits");
+    return reinterpret_cast<uint32_t*>(&p->wake);
+}
+
+void FutexWake(Part* p) {
+    ::syscall(SYS_futex, Word(p), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// Sleeps while the word still holds `seen`, at most `timeoutMs` (< 0: no limit).
+void FutexWait(Part* p, uint32_t seen, long long timeoutMs) {
+    timespec ts{};
+    if (timeoutMs >= 0) {
+        ts.tv_sec = static_cast<time_t>(timeoutMs / 1000);
+        ts.tv_nsec = static_cast<long>(timeoutMs % 1000) * 1000000L;
+    }
+    ::syscall(SYS_futex, Word(p), FUTEX_WAIT_PRIVATE, seen, timeoutMs >= 0 ? &ts : nullptr, nullptr,
+              0);
+}
+
+// Wakes `p`'s thread now, for anything but a turn (see GrantLocked).
+void SignalLocked(Part* p) {
+    p->wake.fetch_add(1);
+    FutexWake(p);
+}
 
 bool Virtual(const ClockState& c) {
     return c.mode == ClockMode::Virtual;
@@ -120,14 +153,23 @@ void KickLocked(ClockState& c, Part* p) {
 
 // Waits until it is `p`'s turn, the mode changes, `p` is interrupted or leaves, or the real
 // timeout (< 0: none) passes. True when it is its turn.
-bool WaitTurnLocked(ClockState& c, std::unique_lock<std::mutex>& lock, Part* p, int realTimeoutMs) {
+bool WaitTurnLocked(ClockState& c, ClockLock& lock, Part* p, int realTimeoutMs) {
     auto ready = [&] {
         return !Virtual(c) || p->state == State::Running || p->interrupted || !p->registered;
     };
-    if (realTimeoutMs < 0) {
-        p->turn.wait(lock, ready);
-    } else {
-        p->turn.wait_for(lock, std::chrono::milliseconds(realTimeoutMs), ready);
+    using Steady = std::chrono::steady_clock;
+    const auto limit = Steady::now() + std::chrono::milliseconds(std::max(0, realTimeoutMs));
+    while (!ready()) {
+        long long left = -1;
+        if (realTimeoutMs >= 0) {
+            left = std::chrono::duration_cast<std::chrono::milliseconds>(limit - Steady::now())
+                       .count();
+            if (left <= 0) break;
+        }
+        const uint32_t seen = p->wake.load();
+        lock.unlock();  // also wakes whoever this thread just handed its turn to
+        FutexWait(p, seen, left);
+        lock.lock();
     }
     return Virtual(c) && p->registered && p->state == State::Running;
 }
@@ -155,7 +197,7 @@ void LeaveLocked(ClockState& c, Part* p) {
             l.toPeer = 0;
         }
     }
-    p->turn.notify_all();
+    SignalLocked(p);
     GrantLocked(c);
 }
 
@@ -175,6 +217,13 @@ uint64_t MonoForHostMs(const ClockState& c, long long hostMs) {
 }
 
 }  // namespace
+
+void ClockLock::unlock() {
+    std::vector<Part*> handed;
+    handed.swap(m_c.handedTo);
+    m_lock.unlock();
+    for (Part* p : handed) FutexWake(p);
+}
 
 void QueueDueLocked(ClockState& c) {
     if (!Virtual(c)) return;
@@ -204,7 +253,9 @@ void GrantLocked(ClockState& c) {
             c.runnable.pop_front();
             p->state = State::Running;
             c.running = p;
-            p->turn.notify_all();
+            // Woken when the mutex is released (ClockLock::unlock).
+            p->wake.fetch_add(1);
+            c.handedTo.push_back(p);
             return;
         }
         if (!AdvanceLocked(c)) return;
@@ -217,7 +268,7 @@ void ResetTurnsLocked(ClockState& c) {
     for (Part* p : c.parts) {
         p->state = State::Idle;
         p->kicked = false;
-        p->turn.notify_all();
+        SignalLocked(p);
     }
     for (auto& entry : c.lines) {
         entry.second->toReader = entry.second->toPeer = 0;
@@ -229,7 +280,7 @@ void ResetTurnsLocked(ClockState& c) {
     c.changed.notify_all();
 }
 
-bool SleepVirtualLocked(ClockState& c, std::unique_lock<std::mutex>& lock, uint64_t deadlineUs) {
+bool SleepVirtualLocked(ClockState& c, ClockLock& lock, uint64_t deadlineUs) {
     Part* self = t_part;
     if (self != nullptr && self->registered) {
         if (c.monoBaseUs >= deadlineUs && self->state == State::Running) return true;
@@ -241,16 +292,36 @@ bool SleepVirtualLocked(ClockState& c, std::unique_lock<std::mutex>& lock, uint6
     Sleeper me;
     const auto entry = c.sleepers.emplace(deadlineUs, &me);
     GrantLocked(c);  // with everything idle this sleep may be what time jumps to
-    c.changed.wait(lock, [&] { return me.fired || !Virtual(c); });
+    lock.unlock();   // hands on a turn given just now
+    lock.lock();
+    c.changed.wait(lock.Raw(), [&] { return me.fired || !Virtual(c); });
     if (!me.fired) c.sleepers.erase(entry);
     return Virtual(c) && c.monoBaseUs >= deadlineUs;
 }
 
 // ---- The host's own threads ----
 
+Part* PartNew(const std::string& name) {
+    ClockState& c = Clock();
+    ClockLock lock(c);
+    if (c.freeParts.empty()) return new Part(name);
+    Part* p = c.freeParts.back();
+    c.freeParts.pop_back();
+    p->name = name;
+    return p;
+}
+
+void PartFree(Part* p) {
+    if (p == nullptr) return;
+    ClockState& c = Clock();
+    ClockLock lock(c);
+    LeaveLocked(c, p);
+    c.freeParts.push_back(p);
+}
+
 void PartRegister(Part* p) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     if (p->registered) return;
     p->registered = true;
     p->interrupted = false;
@@ -266,7 +337,7 @@ void PartRegister(Part* p) {
 void PartLeave(Part* p) {
     if (p == nullptr) return;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     LeaveLocked(c, p);
 }
 
@@ -280,41 +351,41 @@ Part* PartCurrent() {
 
 bool PartWaitTurn(Part* p, int realTimeoutMs) {
     ClockState& c = Clock();
-    std::unique_lock<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     return WaitTurnLocked(c, lock, p, realTimeoutMs);
 }
 
 bool PartHasTurn(Part* p) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     return Virtual(c) && p->registered && p->state == State::Running;
 }
 
 bool PartIdleWait(Part* p, bool hasDeadline, uint64_t deadlineUs, int realTimeoutMs) {
     ClockState& c = Clock();
-    std::unique_lock<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     IdleLocked(c, p, hasDeadline, deadlineUs);
     return WaitTurnLocked(c, lock, p, realTimeoutMs);
 }
 
 void PartKick(Part* p) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     KickLocked(c, p);
 }
 
 void PartInterrupt(Part* p) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     p->interrupted = true;
-    p->turn.notify_all();
+    SignalLocked(p);
 }
 
 // ---- The peripheral's end of its line ----
 
 Line* LineAttachReader(const std::string& path, Part* reader, int fd) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     Line& l = LineLocked(c, path);
     l.reader = reader;
     l.readerFd = fd;
@@ -327,7 +398,7 @@ bool LineReaderHasInput(Line* l) {
     int fd = -1;
     {
         ClockState& c = Clock();
-        std::lock_guard<std::mutex> lock(c.mutex);
+        ClockLock lock(c);
         if (l->toReader > 0) return true;
         fd = l->readerFd;
     }
@@ -337,14 +408,14 @@ bool LineReaderHasInput(Line* l) {
 void LineReaderTook(Line* l, size_t n) {
     if (l == nullptr || n == 0) return;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     l->toReader = std::max(0LL, l->toReader - static_cast<long long>(n));
 }
 
 void LineReaderGaveUp(Line* l) {
     if (l == nullptr) return;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     if (l->toReader > 0) {
         HOST_LOG(1, "%lld bytes towards the peripheral never arrived", l->toReader);
     }
@@ -354,7 +425,7 @@ void LineReaderGaveUp(Line* l) {
 void LineReaderWrote(Line* l, long long n) {
     if (l == nullptr || n == 0) return;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     if (!Virtual(c) || l->peer == nullptr) return;
     l->toPeer += n;
     if (n > 0) KickLocked(c, l->peer);
@@ -365,23 +436,30 @@ void LineReaderWrote(Line* l, long long n) {
 // ---- Participant ----
 
 struct Participant::Impl {
-    explicit Impl(std::string name) : part(std::move(name)) {}
-    detail::Part part;
+    explicit Impl(const std::string& name) : part(*detail::PartNew(name)) {}
+    detail::Part& part;            // from the pool: given back, never freed
     detail::Line* line = nullptr;  // guarded by the clock's mutex
+    // Its thread is doing its turn's work (Enter or Wait returned with the turn). A turn given
+    // while the thread was between two Waits (after a real timeout) is not yet begun: the next
+    // Wait begins it instead of giving it away. Guarded by the clock's mutex.
+    bool working = false;
 };
 
-Participant::Participant(std::string name) : m_impl(new Impl(std::move(name))) {
+Participant::Participant(std::string name) : m_impl(new Impl(name)) {
     detail::PartRegister(&m_impl->part);
 }
 
 Participant::~Participant() {
-    Leave();
     if (detail::t_part == &m_impl->part) detail::t_part = nullptr;
+    detail::PartFree(&m_impl->part);
 }
 
 void Participant::Enter() {
-    detail::t_part = &m_impl->part;
-    detail::PartWaitTurn(&m_impl->part, -1);
+    using namespace detail;
+    t_part = &m_impl->part;
+    ClockState& c = Clock();
+    ClockLock lock(c);
+    m_impl->working = WaitTurnLocked(c, lock, &m_impl->part, -1);
 }
 
 bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
@@ -389,7 +467,7 @@ bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
     ClockState& c = Clock();
     Part* p = &m_impl->part;
     t_part = p;
-    std::unique_lock<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     Line* line = m_impl->line;
     if (line != nullptr && fd >= 0) line->peerFd = fd;
     if (!Virtual(c)) {
@@ -412,10 +490,12 @@ bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
     }
     const bool holding = p->registered && p->state == State::Running;
     const bool incoming = line != nullptr && line->toPeer > 0;
-    if (!(holding && incoming)) {
+    if (!holding || (m_impl->working && !incoming)) {
+        m_impl->working = false;
         IdleLocked(c, p, untilMs >= 0, MonoForHostMs(c, untilMs));
         if (!WaitTurnLocked(c, lock, p, realTimeoutMs)) return false;
     }
+    m_impl->working = true;
     if (line != nullptr && fd >= 0 && line->toPeer > 0) {
         lock.unlock();
         pollfd pfd{fd, POLLIN, 0};
@@ -439,7 +519,7 @@ void Participant::Leave() {
 
 void Participant::ServeLine(const std::string& ttyPath) {
     auto& c = detail::Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     if (!m_impl->part.registered) return;
     detail::Line& l = detail::LineLocked(c, ttyPath);
     l.peer = &m_impl->part;
@@ -449,7 +529,7 @@ void Participant::ServeLine(const std::string& ttyPath) {
 
 void Participant::LineRead(size_t n) {
     auto& c = detail::Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     detail::Line* l = m_impl->line;
     if (l == nullptr || l->peer != &m_impl->part) return;
     l->toPeer = std::max(0LL, l->toPeer - static_cast<long long>(n));
@@ -458,7 +538,7 @@ void Participant::LineRead(size_t n) {
 void Participant::LineWrote(size_t n) {
     using namespace detail;
     ClockState& c = Clock();
-    std::unique_lock<std::mutex> lock(c.mutex);
+    ClockLock lock(c);
     Line* l = m_impl->line;
     Part* p = &m_impl->part;
     if (n == 0 || l == nullptr || l->peer != p || l->reader == nullptr || !Virtual(c)) return;

@@ -121,6 +121,7 @@ TEST_F(HostTest, VirtualTimeStandsWithNothingPendingAndKicksAndSleepersWakeOnTim
     hostsim::ClockUseVirtual(0);
     {
         hostsim::Participant p("p");
+        p.Enter();
         // Nothing anywhere has a deadline: host time stands, the wait ends by its real limit.
         EXPECT_FALSE(p.Wait(-1, 30));
         EXPECT_EQ(hostsim::ClockNowMs(), 0);
