@@ -128,6 +128,7 @@ struct CPeripheralBase::PeripheralState {
     std::atomic<uint64_t> idleGeneration{0};
     std::atomic<bool> serialHung{false};
     std::atomic<long long> cycles{0};
+    std::atomic<uint64_t> bytesTaken{0};  // read or flushed by the plug-in
 };
 
 namespace hostsim {

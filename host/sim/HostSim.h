@@ -123,7 +123,9 @@ class Participant {
     bool Wait(long long untilMs, int realTimeoutMs, int fd = -1);
     // Makes it runnable (from any thread).
     void Kick();
-    // No longer waited for; gives up its turn; from any thread, more than once.
+    // No longer waited for; gives up its turn; from any thread, more than once. A Wait or a host
+    // sleep in progress on its thread ends at once (so a thread can be stopped while time
+    // stands); later host sleeps there are those of a thread that takes no part.
     void Leave();
 
     // Plays the far end of the serial line that a peripheral opens as `ttyPath`: bytes the

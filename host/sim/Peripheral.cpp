@@ -154,10 +154,12 @@ int CPeripheralBase::ThreadFuncImpl() {
             }
             Line* line = st->line.load();
             if (!inputGone && st->serialFd >= 0 && LineReaderHasInput(line)) {
+                // A plug-in that leaves the bytes where they are (or bytes that never come) must
+                // not hold host time: until its next cycle it is not asked again.
+                const uint64_t before = st->bytesTaken.load();
                 pollfd p{st->serialFd, POLLIN, 0};
-                if (::poll(&p, 1, 1000) > 0 && (p.revents & POLLIN)) {
-                    ProcessPeripheralData();
-                } else {
+                if (::poll(&p, 1, 1000) > 0 && (p.revents & POLLIN)) ProcessPeripheralData();
+                if (st->bytesTaken.load() == before) {
                     LineReaderGaveUp(line);
                     inputGone = true;
                 }

@@ -160,6 +160,7 @@ int CSerialBase::GetSerialBufferData(char* buf, unsigned int& len) {
         const ssize_t n = ::read(m_pPeripheralState->serialFd, buf, room);
         if (n > 0) {
             len = static_cast<unsigned int>(n);
+            m_pPeripheralState->bytesTaken.fetch_add(len);
             hostsim::detail::LineReaderTook(m_pPeripheralState->line.load(), len);
             return 0;
         }
@@ -221,6 +222,7 @@ int CSerialBase::ClearSerialBufferValue() {
         const ssize_t n = ::read(fd, drop, sizeof(drop));
         if (n <= 0 && !(n < 0 && errno == EINTR)) break;
         if (n > 0) {
+            m_pPeripheralState->bytesTaken.fetch_add(static_cast<uint64_t>(n));
             hostsim::detail::LineReaderTook(m_pPeripheralState->line.load(),
                                             static_cast<size_t>(n));
         }

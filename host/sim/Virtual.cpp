@@ -286,6 +286,7 @@ bool SleepVirtualLocked(ClockState& c, ClockLock& lock, uint64_t deadlineUs) {
         if (c.monoBaseUs >= deadlineUs && self->state == State::Running) return true;
         IdleLocked(c, self, true, deadlineUs);
         WaitTurnLocked(c, lock, self, -1);
+        if (!self->registered) return true;  // it left (see Participant::Leave)
         return Virtual(c) && c.monoBaseUs >= deadlineUs && self->state == State::Running;
     }
     if (c.monoBaseUs >= deadlineUs) return true;
@@ -417,7 +418,7 @@ void LineReaderGaveUp(Line* l) {
     ClockState& c = Clock();
     ClockLock lock(c);
     if (l->toReader > 0) {
-        HOST_LOG(1, "%lld bytes towards the peripheral never arrived", l->toReader);
+        HOST_LOG(1, "%lld bytes towards the peripheral not read", l->toReader);
     }
     l->toReader = 0;
 }

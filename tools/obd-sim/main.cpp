@@ -134,11 +134,15 @@ class Injector {
     }
 
     void Start() {
+        // A file is read at host time's pace: at max speed host time waits for each line. Lines
+        // typed on stdin come when they come.
+        if (m_source != "-") m_part = std::make_unique<hostsim::Participant>("inject");
         m_thread = std::thread([this] { Run(); });
     }
 
     void Stop() {
         m_stop = true;
+        if (m_part) m_part->Leave();
         if (m_thread.joinable()) m_thread.join();
         if (m_own && m_fd >= 0) ::close(m_fd);
         m_fd = -1;
@@ -146,6 +150,12 @@ class Injector {
 
   private:
     void Run() {
+        if (m_part) m_part->Enter();
+        Read();
+        if (m_part) m_part->Leave();
+    }
+
+    void Read() {
         std::string pending;
         char chunk[4096];
         long long lineNo = 0;
@@ -201,6 +211,7 @@ class Injector {
     int m_fd = -1;
     bool m_own = false;
     std::atomic<bool> m_stop{false};
+    std::unique_ptr<hostsim::Participant> m_part;
     std::thread m_thread;
 };
 
