@@ -231,6 +231,8 @@ class PluginHost {
     // the peripheral thread), wait for the threads the plug-in started through
     // CreateNormalThread to end, dlclose. In the stepped mode host time is moved forward in
     // 10 ms steps while this waits, since the plug-in's shutdown handshake sleeps on host time.
+    // In the virtual mode the release runs as a participant; a caller that takes part waits for
+    // it without its turn and has it back when the release is done.
     // Returns PeripheralRelease's result (1), 0 when nothing was loaded.
     int Release();
 
