@@ -1,7 +1,8 @@
 // End to end: the plug-in loaded as the recorder loads it (dlopen through the host layer), on a
-// real pseudo-terminal, against the box emulator. Host time is stepped by the test, so command
-// timeouts of seconds pass in milliseconds; the box answers in real time. What a link unit test
-// pins down byte for byte is only re-proved here where the integration could break it.
+// real pseudo-terminal, against the box emulator. Host time is virtual and the box takes part on
+// it, so command timeouts of seconds pass in milliseconds and host time never moves while the box
+// still has a request to answer, however slow the machine. What a link unit test pins down byte
+// for byte is only re-proved here where the integration could break it.
 // E2E_VERBOSE=1 prints the host log and the serial dumps while the tests run.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -17,7 +18,9 @@
 #include <vector>
 
 #include "BoxEmulator.h"
+#include "BoxHostClock.h"
 #include "COBDCtrlTestPeer.h"
+#include "HostCommon.h"
 #include "HostSim.h"
 #include "SerialDevOBD.h"
 
@@ -40,39 +43,34 @@ class E2eTest : public ::testing::Test {
             std::lock_guard<std::mutex> lock(m_mutex);
             if (!m.response && m.id == 6899) m_canOut.push_back(m.payload);
         });
-        hostsim::ClockUseStepped(0);
+        hostsim::ClockUseVirtual(0);
+        // The test's thread takes part: host time moves only while it sleeps (Step).
+        m_self = std::make_unique<hostsim::Participant>("test");
+        m_self->Enter();
     }
     void TearDown() override {
         if (m_host) {
             // Before the shutdown handshake the send thread must come to rest: a healthy box
             // that does not answer link requests (a link task is never released and would keep
             // the destructor waiting for its 11 attempts), and host time to finish what runs.
+            // Nor does it stream: once the plug-in stops reading, a full line would hold up
+            // every further frame the box writes.
             if (m_box) {
                 m_box->Update([](BoxOptions& o) {
                     o = Answering(o);
-                    o.linkPeriodMs = 0;
+                    o.linkPeriodMs = o.streamPeriodMs = 0;
                     o.unanswered = {0x2C10};
                 });
             }
             Step(30000, 200);
             // The destructor waits for the send thread's current command, which sleeps on host
-            // time: keep time moving faster than the host layer's own 10 ms steps meanwhile.
-            std::atomic<bool> done{false};
-            int released = 0;
-            std::thread release([&] {
-                released = m_host->Release();
-                done = true;
-            });
-            while (!done) {
-                hostsim::ClockAdvance(200);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-            release.join();
-            EXPECT_EQ(released, 1);
+            // time: that time passes while this thread waits for the release.
+            EXPECT_EQ(m_host->Release(), 1);
         }
         m_host.reset();
         if (m_box) m_box->Stop();
         hostsim::BusUnsubscribe(m_token);
+        m_self.reset();
         hostsim::Reset();
     }
     // The box without any fault (its rates and contents unchanged).
@@ -84,8 +82,11 @@ class E2eTest : public ::testing::Test {
     }
     void Launch(BoxOptions o = {}, int productType = 0) {
         hostsim::SetProductType(productType);
+        auto peer = std::make_shared<hostsim::Participant>("box");
+        o.clock = obdsim::BoxHostClock(peer);
         m_box = std::make_unique<BoxEmulator>(o);
         ASSERT_TRUE(m_box->Start()) << m_box->LastError();
+        peer->ServeLine(m_box->SlavePath());
         m_host = std::make_unique<hostsim::PluginHost>();
         m_host->SetSerial(m_box->SlavePath());
         ASSERT_TRUE(m_host->Load(OBD_PLUGIN_PATH)) << m_host->LastError();
@@ -94,15 +95,14 @@ class E2eTest : public ::testing::Test {
         ASSERT_EQ(m_host->RegisterHandlers(), 0);
         ASSERT_TRUE(m_host->Start());
     }
-    // Moves host time on in `step` ms steps, giving the plug-in's threads and the box a moment
-    // of real time after each, until `done` holds or `hostMs` have passed. Host time, not real
-    // time, bounds the wait, so a loaded machine only makes it slower.
+    // Lets host time run on in `step` ms sleeps, each ending only when the plug-in's threads and
+    // the box have done everything due by then, until `done` holds or `hostMs` have passed. Host
+    // time, not real time, bounds the wait, so a loaded machine only makes it slower.
     bool StepUntil(const std::function<bool()>& done, long long hostMs, int step = 50) {
         const long long end = hostsim::ClockNowMs() + hostMs;
         while (!done()) {
             if (hostsim::ClockNowMs() >= end) return false;
-            hostsim::ClockAdvance(step);
-            std::this_thread::sleep_for(std::chrono::microseconds(1000));
+            Common::P4X_TMSleepMicroSecond(static_cast<unsigned int>(step) * 1000);
         }
         return true;
     }
@@ -125,6 +125,7 @@ class E2eTest : public ::testing::Test {
         return m_canOut;
     }
 
+    std::unique_ptr<hostsim::Participant> m_self;
     std::unique_ptr<BoxEmulator> m_box;
     std::unique_ptr<hostsim::PluginHost> m_host;
     std::mutex m_mutex;
