@@ -112,14 +112,17 @@ class Participant {
     ~Participant();
 
     // Makes the calling thread this participant's thread and waits for its turn. A host sleep on
-    // that thread (P4X_TMSleepMicroSecond) is from then on this participant's wait.
+    // that thread (P4X_TMSleepMicroSecond) is from then on this participant's wait; the thread
+    // must not sleep on host time once the participant is destroyed.
     void Enter();
     // Gives up its turn and waits until host time reaches `untilMs` (< 0: no deadline), it is
     // kicked, or `realTimeoutMs` of real time passed; binds the calling thread like Enter. Returns
-    // true when it is its turn again, false after the real timeout (then call Wait again).
-    // With `fd` (its end of a served line) bytes on the way to it are there to read when Wait
-    // returns true. In the other modes it returns true when `untilMs` is reached, `fd` has input
-    // or the real timeout passed, whichever is first.
+    // true when it is its turn again, false after the real timeout (then call Wait again). A
+    // turn given while its thread was not waiting (after registering, after a real timeout) is
+    // begun by the next Wait, which then returns true at once. With `fd` (its end of a served
+    // line) bytes on the way to it are there to read when Wait returns true. In the other modes
+    // it returns true when `untilMs` is reached, `fd` has input or the real timeout passed,
+    // whichever is first.
     bool Wait(long long untilMs, int realTimeoutMs, int fd = -1);
     // Makes it runnable (from any thread).
     void Kick();
