@@ -10,6 +10,7 @@
 
 #include "CMsgClientManage.h"
 #include "CPeripheralBase.h"
+#include "ClockState.h"
 #include "HostInternal.h"
 #include "HostSim.h"
 
@@ -50,6 +51,7 @@ class Bus {
         m_queue.push_back(std::move(item));
         ++m_posted;
         m_work.notify_one();
+        detail::PartKick(&m_part);
         return seq;
     }
 
@@ -118,6 +120,18 @@ class Bus {
         std::unique_lock<std::mutex> lock(m_mutex);
         if (std::this_thread::get_id() == m_threadId) return;
         const uint64_t target = m_posted;
+        detail::Part* self = detail::PartCurrent();
+        if (self != nullptr && m_delivered < target && detail::PartHasTurn(self)) {
+            // A participant waits without its turn, or the bus would never get one; the bus
+            // hands it back once it has delivered up to here.
+            m_drainers.emplace_back(target, self);
+            while (m_delivered < target) {
+                lock.unlock();
+                const bool turn = detail::PartIdleWait(self, false, 0, -1);
+                lock.lock();
+                if (!turn) break;  // the mode changed: wait as anyone else does
+            }
+        }
         m_done.wait(lock, [&] { return m_delivered >= target; });
     }
 
@@ -135,6 +149,7 @@ class Bus {
     void EnsureThreadLocked() {
         if (m_started) return;
         m_started = true;
+        detail::PartRegister(&m_part);
         // Detached and never destroyed, like the bus of the recorder: it lives as long as the
         // process, and plug-in threads may still post while the process exits.
         std::thread t([this] { Run(); });
@@ -143,9 +158,28 @@ class Bus {
     }
 
     void Run() {
+        detail::PartBind(&m_part);
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
-            m_work.wait(lock, [&] { return !m_queue.empty(); });
+            if (detail::ClockIsVirtual()) {
+                // Delivers only in its turn (see HostSim.h); kicked by every post.
+                const bool turn = detail::PartHasTurn(&m_part);
+                const bool pending = !m_queue.empty();
+                if (!pending || !turn) {
+                    lock.unlock();
+                    if (turn) {
+                        detail::PartIdleWait(&m_part, false, 0, -1);
+                    } else {
+                        // Posted before the mode changed, nobody kicked it: ask for a turn.
+                        if (pending) detail::PartKick(&m_part);
+                        detail::PartWaitTurn(&m_part, -1);
+                    }
+                    lock.lock();
+                    continue;
+                }
+            } else {
+                m_work.wait(lock, [&] { return !m_queue.empty(); });
+            }
             Item item = std::move(m_queue.front());
             m_queue.pop_front();
             if (item.inbound) {
@@ -155,6 +189,14 @@ class Bus {
             }
             ++m_delivered;
             m_done.notify_all();
+            for (auto it = m_drainers.begin(); it != m_drainers.end();) {
+                if (it->first <= m_delivered) {
+                    detail::PartKick(it->second);
+                    it = m_drainers.erase(it);
+                } else {
+                    ++it;
+                }
+            }
         }
     }
 
@@ -219,6 +261,8 @@ class Bus {
     int m_nextToken = 1;
     bool m_started = false;
     std::thread::id m_threadId;
+    detail::Part m_part{"bus"};
+    std::vector<std::pair<uint64_t, detail::Part*>> m_drainers;  // virtual-mode BusDrain callers
 };
 
 Bus& TheBus() {

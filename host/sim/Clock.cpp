@@ -11,14 +11,15 @@
 #include <mutex>
 #include <vector>
 
+#include "ClockState.h"
 #include "HostCommon.h"
 #include "HostInternal.h"
 #include "HostSim.h"
 
 namespace hostsim {
-namespace {
+namespace detail {
 
-using Steady = std::chrono::steady_clock;
+namespace {
 
 long long SystemEpochMs() {
     timespec ts{};
@@ -26,99 +27,96 @@ long long SystemEpochMs() {
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-// Host time is split in two: a forward-only part (`mono`) in which every deadline is measured,
-// and an offset that only a jump backwards changes. Reported time = mono + offset.
-struct ClockState {
-    std::mutex mutex;
-    std::condition_variable changed;
-    ClockMode mode = ClockMode::Real;
-    double factor = 1.0;
-    uint64_t monoBaseUs = 0;  // mono at `anchor` (the whole of mono in the stepped mode)
-    Steady::time_point anchor = Steady::now();
-    long long offsetUs = 0;
-    long long wallBaseMs = SystemEpochMs();  // wall time at host time wallHostBaseMs
-    long long wallHostBaseMs = 0;
-    uint64_t generation = 0;
-    std::vector<int> wakers;
+// 2024-01-01 00:00:00 UTC: where the wall clock of a virtual run starts.
+constexpr long long kVirtualWallStartMs = 1704067200000LL;
 
-    uint64_t MonoLocked() const {
-        if (mode == ClockMode::Stepped) return monoBaseUs;
-        const auto realUs =
-            std::chrono::duration_cast<std::chrono::microseconds>(Steady::now() - anchor).count();
-        return monoBaseUs + static_cast<uint64_t>(static_cast<double>(realUs) * factor);
-    }
-    long long NowUsLocked() const { return static_cast<long long>(MonoLocked()) + offsetUs; }
-
-    // Called with the mutex held after any change that is not the clock's own running.
-    void ChangedLocked() {
-        ++generation;
-        changed.notify_all();
-        const uint64_t one = 1;
-        for (int fd : wakers) {
-            ssize_t n = ::write(fd, &one, sizeof(one));
-            (void)n;  // a full eventfd is already signalled
-        }
-    }
-
-    void SelectLocked(ClockMode m, double f, long long startMs) {
-        monoBaseUs = MonoLocked();  // deadlines keep counting across a mode change
-        anchor = Steady::now();
-        mode = m;
-        factor = f;
-        offsetUs = startMs * 1000 - static_cast<long long>(monoBaseUs);
-        wallBaseMs = SystemEpochMs();
-        wallHostBaseMs = startMs;
-        ChangedLocked();
-    }
-};
-
-// Never destroyed: detached plug-in threads may still sleep on it while the process exits.
-ClockState& Clock() {
-    static ClockState* state = new ClockState;
-    return *state;
+void SelectLocked(ClockState& c, ClockMode m, double f, long long startMs) {
+    const bool turns = c.mode == ClockMode::Virtual || m == ClockMode::Virtual;
+    c.monoBaseUs = c.MonoLocked();  // deadlines keep counting across a mode change
+    c.anchor = ClockState::Steady::now();
+    c.mode = m;
+    c.factor = f;
+    c.offsetUs = startMs * 1000 - static_cast<long long>(c.monoBaseUs);
+    c.wallBaseMs = m == ClockMode::Virtual ? kVirtualWallStartMs : SystemEpochMs();
+    c.wallHostBaseMs = startMs;
+    if (turns) ResetTurnsLocked(c);
+    c.ChangedLocked();
 }
 
 }  // namespace
 
+void ClockState::ChangedLocked() {
+    ++generation;
+    changed.notify_all();
+    const uint64_t one = 1;
+    for (int fd : wakers) {
+        ssize_t n = ::write(fd, &one, sizeof(one));
+        (void)n;  // a full eventfd is already signalled
+    }
+}
+
+// Never destroyed: detached plug-in threads may still sleep on it while the process exits.
+ClockState& Clock() {
+    static ClockState* state = [] {
+        auto* s = new ClockState;
+        s->wallBaseMs = SystemEpochMs();
+        return s;
+    }();
+    return *state;
+}
+
+}  // namespace detail
+
+using detail::Clock;
+using detail::ClockState;
+
 void ClockUseReal(long long startMs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
-    c.SelectLocked(ClockMode::Real, 1.0, std::max(0LL, startMs));
+    detail::ClockLock lock(c);
+    detail::SelectLocked(c, ClockMode::Real, 1.0, std::max(0LL, startMs));
 }
 
 bool ClockUseScaled(double factor, long long startMs) {
     if (!(factor > 0.0) || !std::isfinite(factor)) return false;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
-    c.SelectLocked(ClockMode::Scaled, factor, std::max(0LL, startMs));
+    detail::ClockLock lock(c);
+    detail::SelectLocked(c, ClockMode::Scaled, factor, std::max(0LL, startMs));
     return true;
 }
 
 void ClockUseStepped(long long startMs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
-    c.SelectLocked(ClockMode::Stepped, 1.0, std::max(0LL, startMs));
+    detail::ClockLock lock(c);
+    detail::SelectLocked(c, ClockMode::Stepped, 1.0, std::max(0LL, startMs));
+}
+
+void ClockUseVirtual(long long startMs) {
+    ClockState& c = Clock();
+    detail::ClockLock lock(c);
+    detail::SelectLocked(c, ClockMode::Virtual, 1.0, std::max(0LL, startMs));
 }
 
 ClockMode ClockGetMode() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.mode;
 }
 
 bool ClockAdvance(long long ms) {
     if (ms < 0) return false;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     c.monoBaseUs += static_cast<uint64_t>(ms) * 1000;
     c.ChangedLocked();
+    detail::QueueDueLocked(c);
+    detail::GrantLocked(c);
     return true;
 }
 
 bool ClockSet(long long ms) {
     if (ms < 0) return false;
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     const long long delta = ms * 1000 - c.NowUsLocked();
     if (delta >= 0) {
         c.monoBaseUs += static_cast<uint64_t>(delta);
@@ -126,18 +124,20 @@ bool ClockSet(long long ms) {
         c.offsetUs += delta;  // backwards: reported time only, deadlines unaffected
     }
     c.ChangedLocked();
+    detail::QueueDueLocked(c);
+    detail::GrantLocked(c);
     return true;
 }
 
 long long ClockNowMs() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.NowUsLocked() / 1000;
 }
 
 void ClockSetWallStart(long long epochMs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     c.wallBaseMs = epochMs;
     c.wallHostBaseMs = c.NowUsLocked() / 1000;
 }
@@ -146,19 +146,19 @@ namespace detail {
 
 uint64_t ClockMonoUs() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.MonoLocked();
 }
 
 long long ClockNowUs() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.NowUsLocked();
 }
 
 uint64_t ClockGeneration() {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     return c.generation;
 }
 
@@ -166,12 +166,16 @@ bool ClockIsStepped() {
     return ClockGetMode() == ClockMode::Stepped;
 }
 
+bool ClockIsVirtual() {
+    return ClockGetMode() == ClockMode::Virtual;
+}
+
 int ClockRealTimeoutMs(uint64_t deadlineUs) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     const uint64_t mono = c.MonoLocked();
     if (mono >= deadlineUs) return 0;
-    if (c.mode == ClockMode::Stepped) return -1;
+    if (c.Frozen()) return -1;
     const double realMs = static_cast<double>(deadlineUs - mono) / c.factor / 1000.0;
     if (realMs >= static_cast<double>(INT_MAX)) return INT_MAX;
     return std::max(1, static_cast<int>(std::ceil(realMs)));
@@ -179,13 +183,13 @@ int ClockRealTimeoutMs(uint64_t deadlineUs) {
 
 void ClockAddWaker(int fd) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     c.wakers.push_back(fd);
 }
 
 void ClockRemoveWaker(int fd) {
     ClockState& c = Clock();
-    std::lock_guard<std::mutex> lock(c.mutex);
+    detail::ClockLock lock(c);
     c.wakers.erase(std::remove(c.wakers.begin(), c.wakers.end(), fd), c.wakers.end());
 }
 
@@ -203,8 +207,8 @@ int P4X_TMGetShareTime(_datetime_* dt) {
     if (dt == nullptr) return -1;
     long long wallMs = 0;
     {
-        auto& c = hostsim::Clock();
-        std::lock_guard<std::mutex> lock(c.mutex);
+        auto& c = hostsim::detail::Clock();
+        hostsim::detail::ClockLock lock(c);
         wallMs = c.wallBaseMs + (c.NowUsLocked() / 1000 - c.wallHostBaseMs);
     }
     if (wallMs < 0) wallMs = 0;
@@ -227,17 +231,22 @@ void P4X_TMSleepMicroSecond(unsigned int us) {
         std::this_thread::yield();
         return;
     }
-    auto& c = hostsim::Clock();
-    std::unique_lock<std::mutex> lock(c.mutex);
+    auto& c = hostsim::detail::Clock();
+    hostsim::detail::ClockLock lock(c);
     const uint64_t deadline = c.MonoLocked() + us;
     for (;;) {
         const uint64_t mono = c.MonoLocked();
+        if (c.mode == hostsim::ClockMode::Virtual) {
+            if (hostsim::detail::SleepVirtualLocked(c, lock, deadline)) return;
+            continue;  // the mode changed while it slept
+        }
         if (mono >= deadline) return;
         if (c.mode == hostsim::ClockMode::Stepped) {
-            c.changed.wait(lock);
+            c.changed.wait(lock.Raw());
         } else {
             const double realUs = std::ceil(static_cast<double>(deadline - mono) / c.factor);
-            c.changed.wait_for(lock, std::chrono::microseconds(static_cast<long long>(realUs)));
+            c.changed.wait_for(lock.Raw(),
+                               std::chrono::microseconds(static_cast<long long>(realUs)));
         }
     }
 }

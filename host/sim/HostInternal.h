@@ -13,6 +13,12 @@
 #include "CThread.h"
 
 namespace hostsim {
+namespace detail {
+// Default visibility: the peripheral's state, which is not hidden, points to them.
+struct Part;
+struct Line;
+}  // namespace detail
+
 // Internal to libobdhost: not exported.
 #pragma GCC visibility push(hidden)
 namespace detail {
@@ -32,6 +38,38 @@ int ClockRealTimeoutMs(uint64_t deadlineUs);
 void ClockAddWaker(int fd);
 void ClockRemoveWaker(int fd);
 bool ClockIsStepped();
+bool ClockIsVirtual();
+
+// ---- Virtual mode: the host's own threads as participants (see HostSim.h, ClockState.h) ----
+// A participant's record, from a pool; PartFree makes it leave and gives it back.
+Part* PartNew(const std::string& name);
+void PartFree(Part* p);
+// Registers `p` (runnable at once in the virtual mode) / takes it out; from any thread.
+void PartRegister(Part* p);
+void PartLeave(Part* p);
+// Makes the calling thread `p`'s: its host sleeps become `p`'s waits.
+void PartBind(Part* p);
+Part* PartCurrent();
+// Waits for `p`'s turn (realTimeoutMs < 0: no limit); true when it has it. False at once outside
+// the virtual mode, and when `p` is interrupted or leaves.
+bool PartWaitTurn(Part* p, int realTimeoutMs);
+bool PartHasTurn(Part* p);
+// Gives up the turn (idle until `deadlineUs` of forward-only time, or until kicked), then waits
+// for the next one as PartWaitTurn does.
+bool PartIdleWait(Part* p, bool hasDeadline, uint64_t deadlineUs, int realTimeoutMs);
+void PartKick(Part* p);
+// Ends a PartWaitTurn in progress and every later one (a thread being stopped).
+void PartInterrupt(Part* p);
+// The peripheral's end of the line `path` (opened as `fd`); null for no line.
+Line* LineAttachReader(const std::string& path, Part* reader, int fd);
+// Bytes written towards the peripheral that it has not read, or bytes waiting in its tty.
+bool LineReaderHasInput(Line* l);
+void LineReaderTook(Line* l, size_t n);
+// They did not come: forget them.
+void LineReaderGaveUp(Line* l);
+// The peripheral wrote `n` bytes (counted before the write; negative for what a failed write
+// did not send): the far end is kicked.
+void LineReaderWrote(Line* l, long long n);
 
 // ---- Log ----
 void EmitLine(int level, const std::string& line);
@@ -79,6 +117,9 @@ struct CThread::ThreadState {
 struct CPeripheralBase::PeripheralState {
     int wakeFd = -1;  // eventfd: stop requests and clock changes wake the poll
     int serialFd = -1;
+    std::string serialPath;
+    hostsim::detail::Part* part = nullptr;  // the peripheral thread's, made by its first start
+    std::atomic<hostsim::detail::Line*> line{nullptr};
     std::atomic<unsigned int> maxBuffer{1024};
     std::atomic<unsigned int> circleMs{100};
     std::atomic<bool> statusOk{true};
@@ -87,6 +128,7 @@ struct CPeripheralBase::PeripheralState {
     std::atomic<uint64_t> idleGeneration{0};
     std::atomic<bool> serialHung{false};
     std::atomic<long long> cycles{0};
+    std::atomic<uint64_t> bytesTaken{0};  // read or flushed by the plug-in
 };
 
 namespace hostsim {

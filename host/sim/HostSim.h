@@ -13,6 +13,9 @@
 //  - Scaled:  host time runs `factor` times faster; host sleeps last 1/factor as long.
 //  - Stepped: host time moves only through ClockAdvance / ClockSet; a sleeper wakes exactly when
 //             host time reaches its deadline, and not before.
+//  - Virtual: host time stands while anything is left to do at the current instant and then
+//             jumps straight to the earliest deadline, so a run costs only the CPU it needs and
+//             gives the same result every time (see "Virtual time" below).
 // Setting the clock backwards (ClockSet below the current time) moves the reported time back but
 // does not count as time passing: a sleep or a pending cycle still needs the host time it had
 // left at the jump, measured from the new time. So a jump backwards never hangs a sleeper and
@@ -40,7 +43,7 @@ void Reset();
 
 // ---- Clock ------------------------------------------------------------------------------------
 
-enum class ClockMode { Real, Scaled, Stepped };
+enum class ClockMode { Real, Scaled, Stepped, Virtual };
 
 // Each selects the mode and sets host time to `startMs`. The wall clock of P4X_TMGetShareTime is
 // re-anchored to the machine's current date and time at that instant (see ClockSetWallStart).
@@ -48,10 +51,15 @@ void ClockUseReal(long long startMs = 0);
 // `factor` > 0 (e.g. 20: one real second is 20 host seconds). Returns false for a bad factor.
 bool ClockUseScaled(double factor, long long startMs = 0);
 void ClockUseStepped(long long startMs = 0);
+// Select it before the participants start (see "Virtual time"). The wall clock starts at
+// 2024-01-01 00:00:00 UTC instead of the machine's date, so that two runs print the same dates;
+// ClockSetWallStart moves it.
+void ClockUseVirtual(long long startMs = 0);
 ClockMode ClockGetMode();
 
 // Moves host time forward by `ms` (>= 0) in any mode and wakes everything waiting on it. In the
 // stepped mode this is the only way, with ClockSet, for time to pass. Returns false for ms < 0.
+// In the virtual mode it is allowed too and wakes what became due, as a jump would.
 bool ClockAdvance(long long ms);
 // Sets host time to `ms` (>= 0), forwards or backwards (see the header comment for backwards).
 bool ClockSet(long long ms);
@@ -61,6 +69,84 @@ long long ClockNowMs();
 // 1970-01-01 00:00:00 UTC); the date then runs with host time. The date is broken down in UTC so
 // that runs and tests give the same result whatever the machine's time zone.
 void ClockSetWallStart(long long epochMs);
+
+// ---- Virtual time -----------------------------------------------------------------------------
+//
+// In the virtual mode the host knows when nothing is left to do at the current instant through
+// its participants: the threads whose work host time must wait for.
+//  - The host's own threads take part by themselves: the peripheral thread, every thread started
+//    through CreateNormalThread (the plug-in's send thread), the bus thread, and the helper
+//    threads of PluginHost::Release.
+//  - Anything else that must be waited for takes part through a Participant: the runner's main
+//    thread while it sets up and waits for the end of the run, the box on the other end of the
+//    line (which also reports the bytes it moves, see ServeLine).
+//
+// Contract:
+//  - Participants take turns: one runs at a time, from being given its turn until it waits again
+//    (a host sleep on its thread, Participant::Wait, or one of the host's own waits).
+//  - A participant becomes runnable when it registers, when host time reaches its deadline (the
+//    earliest deadline first; ties in the order the participants went idle), or when it is
+//    kicked: bytes written towards it on its line, a bus message posted (the bus thread), a
+//    release step done (the thread waiting for it). Turns are given in the order participants
+//    became runnable.
+//  - Host time jumps to the earliest deadline (of an idle participant, or of a host sleep by any
+//    thread) only when no participant runs or is runnable and no byte is in flight on a line:
+//    written by one end and not yet read by the other, or, for bytes nobody accounted for, waiting
+//    in a tty's input (FIONREAD). With nothing pending at all, host time stands; once a plug-in
+//    runs its next cycle is always pending.
+//  - Since turns follow only from what participants do, never from how fast the machine is, the
+//    same inputs give the same run, byte for byte: the same bus messages with the same host
+//    times, in the same order.
+//  - A thread that is not a participant still wakes from a host sleep at its deadline, but
+//    nothing waits for what it does next: host time may already have moved on.
+//  - A registered participant must wait or leave: one that keeps its turn stops host time.
+// In the other modes a Participant is inert: Enter returns at once, Wait waits on the running
+// clock, the line counts are not kept.
+class Participant {
+  public:
+    // Registers it, runnable at once: registering (like kicking) on a thread that has the turn
+    // is what makes the order of turns reproducible, so create participants before the threads
+    // that use them.
+    explicit Participant(std::string name);
+    // Leaves (see Leave).
+    ~Participant();
+
+    // Makes the calling thread this participant's thread and waits for its turn. A host sleep on
+    // that thread (P4X_TMSleepMicroSecond) is from then on this participant's wait; the thread
+    // must not sleep on host time once the participant is destroyed.
+    void Enter();
+    // Gives up its turn and waits until host time reaches `untilMs` (< 0: no deadline), it is
+    // kicked, or `realTimeoutMs` of real time passed; binds the calling thread like Enter. Returns
+    // true when it is its turn again, false after the real timeout (then call Wait again). A
+    // turn given while its thread was not waiting (after registering, after a real timeout) is
+    // begun by the next Wait, which then returns true at once. With `fd` (its end of a served
+    // line) bytes on the way to it are there to read when Wait returns true. In the other modes
+    // it returns true when `untilMs` is reached, `fd` has input or the real timeout passed,
+    // whichever is first.
+    bool Wait(long long untilMs, int realTimeoutMs, int fd = -1);
+    // Makes it runnable (from any thread).
+    void Kick();
+    // No longer waited for; gives up its turn; from any thread, more than once. A Wait or a host
+    // sleep in progress on its thread ends at once (so a thread can be stopped while time
+    // stands); later host sleeps there are those of a thread that takes no part.
+    void Leave();
+
+    // Plays the far end of the serial line that a peripheral opens as `ttyPath`: bytes the
+    // peripheral writes to it kick this participant and count as in flight until LineRead.
+    void ServeLine(const std::string& ttyPath);
+    // `n` bytes read from the line.
+    void LineRead(size_t n);
+    // `n` bytes written towards the peripheral, which is kicked. On this participant's own thread
+    // it returns once the peripheral has read them, so a later write is a separate read.
+    void LineWrote(size_t n);
+
+    Participant(const Participant&) = delete;
+    Participant& operator=(const Participant&) = delete;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
 
 // ---- Platform ---------------------------------------------------------------------------------
 
@@ -148,6 +234,8 @@ class PluginHost {
     // the peripheral thread), wait for the threads the plug-in started through
     // CreateNormalThread to end, dlclose. In the stepped mode host time is moved forward in
     // 10 ms steps while this waits, since the plug-in's shutdown handshake sleeps on host time.
+    // In the virtual mode the release runs as a participant; a caller that takes part waits for
+    // it without its turn and has it back when the release is done.
     // Returns PeripheralRelease's result (1), 0 when nothing was loaded.
     int Release();
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "CPeripheralBase.h"
+#include "ClockState.h"
 #include "HostInternal.h"
 #include "HostSim.h"
 
@@ -75,6 +76,7 @@ CPeripheralBase::CPeripheralBase(CPeripheralManage* manage, CMsgClientManage* ms
 CPeripheralBase::~CPeripheralBase() {
     StopPeripheralThread();
     if (m_pPeripheralState->wakeFd >= 0) ::close(m_pPeripheralState->wakeFd);
+    hostsim::detail::PartFree(m_pPeripheralState->part);
     delete m_pPeripheralState;
 }
 
@@ -114,6 +116,8 @@ int CPeripheralBase::StopPeripheralThread() {
     if (!ts->thread.joinable()) return 0;
     ts->stop = true;
     if (m_pPeripheralState->wakeFd >= 0) Wake(m_pPeripheralState->wakeFd);
+    if (m_pPeripheralState->part != nullptr)
+        hostsim::detail::PartInterrupt(m_pPeripheralState->part);
     if (ts->thread.get_id() == std::this_thread::get_id()) {
         // Called from a cycle: the thread ends when that call returns.
         ts->thread.detach();
@@ -130,7 +134,40 @@ int CPeripheralBase::ThreadFuncImpl() {
     if (st->wakeFd < 0) return -1;
     ClockAddWaker(st->wakeFd);
     uint64_t next = ClockMonoUs();  // the first cycle runs at once
+    bool inputGone = false;         // bytes announced did not come: not again before the cycle
     while (!ts->stop) {
+        if (ClockIsVirtual()) {
+            // In turns (see HostSim.h): the cycle when due, then whatever came on the line, then
+            // the turn goes to the next participant until the next cycle or the next bytes.
+            st->idle = true;
+            const bool turn = PartWaitTurn(st->part, -1);
+            st->idle = false;
+            if (!turn || ts->stop) continue;
+            const uint64_t mono = ClockMonoUs();
+            if (mono >= next) {
+                PeripheralThreadCycle(ClockNowUs() / 1000);
+                st->cycles.fetch_add(1);
+                next += static_cast<uint64_t>(st->circleMs.load()) * 1000;
+                if (next <= mono) next = mono + static_cast<uint64_t>(st->circleMs.load()) * 1000;
+                inputGone = false;
+                continue;
+            }
+            Line* line = st->line.load();
+            if (!inputGone && st->serialFd >= 0 && LineReaderHasInput(line)) {
+                // A plug-in that leaves the bytes where they are (or bytes that never come) must
+                // not hold host time: until its next cycle it is not asked again.
+                const uint64_t before = st->bytesTaken.load();
+                pollfd p{st->serialFd, POLLIN, 0};
+                if (::poll(&p, 1, 1000) > 0 && (p.revents & POLLIN)) ProcessPeripheralData();
+                if (st->bytesTaken.load() == before) {
+                    LineReaderGaveUp(line);
+                    inputGone = true;
+                }
+                continue;
+            }
+            PartIdleWait(st->part, true, next, 0);
+            continue;
+        }
         const uint64_t generation = ClockGeneration();
         const uint64_t mono = ClockMonoUs();
         if (mono >= next) {
@@ -178,10 +215,19 @@ bool StartPeripheralThread(CPeripheralBase* object) {
     std::lock_guard<std::mutex> lock(ts->control);
     if (ts->thread.joinable()) return false;
     ts->stop = false;
-    ts->thread = std::thread([object] {
+    // A participant from here, so that its first turn follows what the caller did before.
+    auto* st = BaseAccess::State(object);
+    if (st->part == nullptr) st->part = PartNew("peripheral");
+    PartRegister(st->part);
+    if (st->serialFd >= 0) st->line = LineAttachReader(st->serialPath, st->part, st->serialFd);
+    Part* part = st->part;
+    ts->thread = std::thread([object, part] {
+        PartBind(part);
+        PartWaitTurn(part, -1);
         object->PreBeginThread();
         object->ThreadFuncImpl();
         object->PostExitThread();
+        PartLeave(part);
     });
     return true;
 }

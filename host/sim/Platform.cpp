@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "ClockState.h"
 #include "HostCommon.h"
 #include "HostInternal.h"
 #include "HostSim.h"
@@ -19,15 +20,20 @@ std::atomic<int> g_liveWorkers{0};
 struct WorkerStart {
     void* (*entry)(void*);
     void* arg;
+    detail::Part* part = detail::PartNew("worker");
 };
 
 // The count drops only after the plug-in's entry has returned, so once it is zero no worker
 // executes plug-in code and the library may be unloaded.
 void* WorkerTrampoline(void* raw) {
-    WorkerStart start = *static_cast<WorkerStart*>(raw);
-    delete static_cast<WorkerStart*>(raw);
-    start.entry(start.arg);
+    auto* start = static_cast<WorkerStart*>(raw);
+    detail::PartBind(start->part);
+    detail::PartWaitTurn(start->part, -1);
+    start->entry(start->arg);
     g_liveWorkers.fetch_sub(1);
+    detail::PartBind(nullptr);
+    detail::PartFree(start->part);
+    delete start;
     return nullptr;
 }
 
@@ -84,8 +90,12 @@ int CreateNormalThread(void* (*entry)(void*), void* arg, unsigned long* tid) {
         HOST_LOG(0, "thread creation refused on request");
         return -1;
     }
-    auto* start = new (std::nothrow) hostsim::WorkerStart{entry, arg};
+    auto* start = new (std::nothrow) hostsim::WorkerStart;
     if (start == nullptr) return -1;
+    start->entry = entry;
+    start->arg = arg;
+    // Registered by the creating thread, so that its first turn follows what that thread did.
+    hostsim::detail::PartRegister(start->part);
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
@@ -95,6 +105,7 @@ int CreateNormalThread(void* (*entry)(void*), void* arg, unsigned long* tid) {
     pthread_attr_destroy(&attr);
     if (rc != 0) {
         hostsim::g_liveWorkers.fetch_sub(1);
+        hostsim::detail::PartFree(start->part);
         delete start;
         HOST_LOG(0, "pthread_create failed: %s", std::strerror(rc));
         return -2;

@@ -10,6 +10,7 @@
 #include "CMsgClientManage.h"
 #include "CPeripheralBase.h"
 #include "CPeripheralManage.h"
+#include "ClockState.h"
 #include "HostInternal.h"
 #include "HostSim.h"
 
@@ -23,8 +24,32 @@ using ReleaseFn = int (*)(void*);
 std::atomic<unsigned int> g_nextModuleId{0x100};
 
 // Runs `work` on a helper thread; in the stepped mode moves host time forward in 10 ms steps
-// until it is done, since the plug-in's shutdown waits sleep on host time.
+// until it is done, since the plug-in's shutdown waits sleep on host time. In the virtual mode
+// the helper takes part, and a caller that takes part waits for it without its turn.
 void RunWithTimePassing(const std::function<void()>& work) {
+    if (detail::ClockIsVirtual()) {
+        detail::Part* caller = detail::PartCurrent();
+        if (caller != nullptr && !detail::PartHasTurn(caller)) caller = nullptr;
+        detail::Part* helper = detail::PartNew("release");
+        detail::PartRegister(helper);
+        std::atomic<bool> done{false};
+        std::thread t([&] {
+            detail::PartBind(helper);
+            detail::PartWaitTurn(helper, -1);
+            work();
+            done = true;
+            if (caller != nullptr) detail::PartKick(caller);
+            detail::PartLeave(helper);
+        });
+        while (!done) {
+            if (caller == nullptr || !detail::PartIdleWait(caller, false, 0, -1)) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+        t.join();
+        detail::PartFree(helper);
+        return;
+    }
     std::atomic<bool> done{false};
     std::thread helper([&] {
         work();

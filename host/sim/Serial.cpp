@@ -106,6 +106,7 @@ CSerialBase::CSerialBase(CPeripheralManage* manage, CMsgClientManage* msgClient,
             ::close(fd);
         } else {
             m_pPeripheralState->serialFd = fd;
+            m_pPeripheralState->serialPath = path;
             HOST_LOG(1, "serial %s open at %d 8N1", path.c_str(), baud);
         }
     }
@@ -159,6 +160,8 @@ int CSerialBase::GetSerialBufferData(char* buf, unsigned int& len) {
         const ssize_t n = ::read(m_pPeripheralState->serialFd, buf, room);
         if (n > 0) {
             len = static_cast<unsigned int>(n);
+            m_pPeripheralState->bytesTaken.fetch_add(len);
+            hostsim::detail::LineReaderTook(m_pPeripheralState->line.load(), len);
             return 0;
         }
         if (n == 0) return 0;
@@ -177,6 +180,9 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int len) {
     // without any byte accepted (real time; the tty drains in real time).
     constexpr auto kStall = std::chrono::milliseconds(2000);
     std::lock_guard<std::mutex> lock(m_pPeripheralState->writeMutex);
+    // Counted before they leave, so that the far end never reads bytes it was not told about.
+    hostsim::detail::Line* line = m_pPeripheralState->line.load();
+    hostsim::detail::LineReaderWrote(line, len);
     size_t done = 0;
     auto lastProgress = std::chrono::steady_clock::now();
     while (done < len) {
@@ -189,10 +195,12 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int len) {
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
             HOST_LOG(0, "serial write failed: %s", std::strerror(errno));
+            hostsim::detail::LineReaderWrote(line, -static_cast<long long>(len - done));
             return -1;
         }
         if (std::chrono::steady_clock::now() - lastProgress > kStall) {
             HOST_LOG(0, "serial write stalled after %zu of %u bytes", done, len);
+            hostsim::detail::LineReaderWrote(line, -static_cast<long long>(len - done));
             return -1;
         }
         pollfd p{fd, POLLOUT, 0};

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -217,6 +218,60 @@ TEST_F(BoxEmulatorTest, RecordsFramesThatArriveInPiecesAndAfterNoise) {
     EXPECT_EQ(rx[1].raw, b);
     EXPECT_EQ(rx[1].payload, (ByteVec{0xFF, 0, 0, 0, 0}));
     EXPECT_LE(rx[0].tMs, rx[1].tMs);
+}
+
+TEST_F(BoxEmulatorTest, KeepsTheLastFramesAndCountsAllPerCode) {
+    BoxOptions o;
+    o.receivedKept = 3;
+    o.silent = true;
+    StartBox(o);
+    ByteVec all;
+    for (uint8_t seq = 1; seq <= 5; ++seq) {
+        const ByteVec r = Request(seq % 2 ? 0x2C04 : 0x2C01, {}, seq);
+        all.insert(all.end(), r.begin(), r.end());
+    }
+    Write(all);
+    ASSERT_TRUE(m_box->WaitForFrames(5, 1000));
+    const auto rx = m_box->Received();
+    ASSERT_EQ(rx.size(), 3u);
+    EXPECT_EQ(std::vector<int>({rx[0].seq, rx[1].seq, rx[2].seq}), std::vector<int>({3, 4, 5}));
+    EXPECT_EQ(std::vector<uint64_t>({m_box->ReceivedTotal(), m_box->ReceivedCount(0x2C04),
+                                     m_box->ReceivedCount(0x2C01), m_box->ReceivedCount(0x2103)}),
+              std::vector<uint64_t>({5, 3, 2, 0}));
+    m_box->ClearReceived();
+    EXPECT_TRUE(m_box->Received().empty());
+    EXPECT_EQ(m_box->ReceivedTotal(), 0u);
+}
+
+// An embedding simulator's clock drives the periods; the box reports every byte it moves.
+TEST_F(BoxEmulatorTest, PeriodsRunOnTheGivenClockAndEveryByteIsReported) {
+    std::atomic<double> now{5000};
+    std::atomic<size_t> in{0}, out{0};
+    std::atomic<bool> stopping{false};
+    BoxOptions o;
+    o.streamPeriodMs = 1000;
+    o.values = [] { return obdbox::DataItems{{5, 2.0f}}; };
+    o.clock.nowMs = [&now] { return now.load(); };
+    o.clock.wait = [&now](int fd, double until) {
+        pollfd p{fd, POLLIN, 0};
+        poll(&p, 1, 2);
+        return (p.revents & POLLIN) != 0 || (until >= 0 && now.load() >= until);
+    };
+    o.clock.moved = [&](bool toBox, size_t n) { (toBox ? in : out) += n; };
+    o.clock.stopping = [&stopping] { stopping = true; };
+    StartBox(o);
+    Write(Request(0x2C01));
+    EXPECT_EQ(Read(10 + 15, 1000).size(), 25u);  // the answer and the first frame at once
+    EXPECT_TRUE(Read(1, 100).empty());           // real time passes, the given clock does not
+    now = 5999;
+    EXPECT_TRUE(Read(1, 50).empty());
+    now = 6000;
+    EXPECT_EQ(Read(15, 1000).size(), 15u);
+    m_box->Stop();
+    EXPECT_TRUE(stopping);
+    EXPECT_EQ(in.load(), 10u);
+    EXPECT_EQ(out.load(), 40u);
+    EXPECT_EQ(m_box->Received().at(0).tMs, 0.0);  // since Start, on the given clock
 }
 
 TEST(BoxEmulatorStart, MissingTtyIsReported) {

@@ -1,6 +1,7 @@
 // Fixture of the end-to-end tests: the plug-in loaded as the recorder loads it (dlopen through
-// the host layer), on a real pseudo-terminal, against the box emulator. Host time is stepped by
-// the test, so command timeouts of seconds pass in milliseconds; the box answers in real time.
+// the host layer), on a real pseudo-terminal, against the box emulator. Host time is virtual and
+// the box takes part on it, so command timeouts of seconds pass in milliseconds and host time
+// never moves while the box still has a request to answer, however slow the machine.
 // E2E_VERBOSE=1 prints the host log and the serial dumps while the tests run.
 #pragma once
 
@@ -17,7 +18,9 @@
 #include <vector>
 
 #include "BoxEmulator.h"
+#include "BoxHostClock.h"
 #include "COBDCtrlTestPeer.h"
+#include "HostCommon.h"
 #include "HostSim.h"
 #include "SerialDevOBD.h"
 
@@ -42,16 +45,22 @@ class E2eTest : public ::testing::Test {
             if (m.response) m_responses.push_back(m);
             m_bus.push_back(m);
         });
-        hostsim::ClockUseStepped(0);
+        hostsim::ClockUseVirtual(0);
+        // The test's thread takes part: host time moves only while it sleeps (Step).
+        m_self = std::make_unique<hostsim::Participant>("test");
+        m_self->Enter();
     }
     void TearDown() override {
-        // Release gives up the command in hand, whatever the box is doing.
+        // Release gives up the command in hand, whatever the box is doing. The box stops
+        // streaming first: once the plug-in stops reading, a full line would hold up the box.
         if (m_host) {
+            if (m_box) m_box->Update([](BoxOptions& o) { o.linkPeriodMs = o.streamPeriodMs = 0; });
             EXPECT_EQ(m_host->Release(), 1);
         }
         m_host.reset();
         if (m_box) m_box->Stop();
         hostsim::BusUnsubscribe(m_token);
+        m_self.reset();
         hostsim::Reset();
     }
     // The box without any fault (its rates and contents unchanged).
@@ -63,8 +72,11 @@ class E2eTest : public ::testing::Test {
     }
     void Launch(BoxOptions o = {}, int productType = 0) {
         hostsim::SetProductType(productType);
+        auto peer = std::make_shared<hostsim::Participant>("box");
+        o.clock = obdsim::BoxHostClock(peer);
         m_box = std::make_unique<BoxEmulator>(o);
         ASSERT_TRUE(m_box->Start()) << m_box->LastError();
+        peer->ServeLine(m_box->SlavePath());
         m_host = std::make_unique<hostsim::PluginHost>();
         m_host->SetSerial(m_box->SlavePath());
         ASSERT_TRUE(m_host->Load(OBD_PLUGIN_PATH)) << m_host->LastError();
@@ -80,11 +92,7 @@ class E2eTest : public ::testing::Test {
         const long long end = hostsim::ClockNowMs() + hostMs;
         while (!done()) {
             if (hostsim::ClockNowMs() >= end) return false;
-            hostsim::ClockAdvance(step);
-            // The cycle due at the new time runs before time moves on, however loaded the
-            // machine: a second of host time then holds its once-a-second work.
-            if (m_host) m_host->WaitPeripheralIdle(500);
-            std::this_thread::sleep_for(std::chrono::microseconds(1000));
+            Common::P4X_TMSleepMicroSecond(static_cast<unsigned int>(step) * 1000);
         }
         return true;
     }
@@ -122,6 +130,7 @@ class E2eTest : public ::testing::Test {
     }
     size_t BusCount(int id, bool responses = false) { return Bus(id, responses).size(); }
 
+    std::unique_ptr<hostsim::Participant> m_self;
     std::unique_ptr<BoxEmulator> m_box;
     std::unique_ptr<hostsim::PluginHost> m_host;
     std::mutex m_mutex;

@@ -80,6 +80,98 @@ TEST_F(HostTest, ScaledSleepsAreShorterAndBadClockArgumentsAreRefused) {
     EXPECT_EQ(hostsim::ClockNowMs(), 10);
 }
 
+// ---- Virtual time ----
+
+TEST_F(HostTest, VirtualTimeStandsWhileAParticipantRunsAndJumpsToTheEarliestDeadline) {
+    hostsim::ClockUseVirtual(1000);
+    hostsim::Participant self("test");
+    self.Enter();
+    std::mutex mutex;
+    std::vector<std::pair<std::string, long long>> seen;
+    auto note = [&](const std::string& who) {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.emplace_back(who, hostsim::ClockNowMs());
+    };
+    // Registered here, in this order: their first turns come in this order.
+    hostsim::Participant late("late"), early("early");
+    auto run = [&](hostsim::Participant& p, const std::string& name, unsigned int ms) {
+        return std::thread([&p, &note, name, ms] {
+            p.Enter();
+            Common::P4X_TMSleepMicroSecond(ms * 1000);
+            note(name);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));  // busy in real time
+            note(name);
+            p.Leave();
+        });
+    };
+    std::thread a = run(late, "late", 300), b = run(early, "early", 200);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(hostsim::ClockNowMs(), 1000);  // the test still has its turn
+    Common::P4X_TMSleepMicroSecond(500000);
+    note("test");
+    a.join();
+    b.join();
+    EXPECT_EQ(
+        seen,
+        (std::vector<std::pair<std::string, long long>>{
+            {"early", 1200}, {"early", 1200}, {"late", 1300}, {"late", 1300}, {"test", 1500}}));
+}
+
+TEST_F(HostTest, VirtualTimeStandsWithNothingPendingAndKicksAndSleepersWakeOnTime) {
+    hostsim::ClockUseVirtual(0);
+    {
+        hostsim::Participant p("p");
+        p.Enter();
+        // Nothing anywhere has a deadline: host time stands, the wait ends by its real limit.
+        EXPECT_FALSE(p.Wait(-1, 30));
+        EXPECT_EQ(hostsim::ClockNowMs(), 0);
+        ASSERT_TRUE(p.Wait(250, 5000));
+        EXPECT_EQ(hostsim::ClockNowMs(), 250);
+        // Kicked: its turn comes at the same instant.
+        std::thread kicker([&p] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            p.Kick();
+        });
+        EXPECT_TRUE(p.Wait(-1, 5000));
+        EXPECT_EQ(hostsim::ClockNowMs(), 250);
+        kicker.join();
+    }
+    // A thread that takes no part is still woken exactly at its deadline.
+    long long at = -1;
+    std::thread([&at] {
+        Common::P4X_TMSleepMicroSecond(400000);
+        at = hostsim::ClockNowMs();
+    }).join();
+    EXPECT_EQ(at, 650);
+}
+
+TEST_F(HostTest, VirtualCyclesKeepTheirGridAndLineBytesAreReadBeforeTimeMoves) {
+    hostsim::ClockUseVirtual(0);
+    hostsim::Participant box("box");
+    box.Enter();
+    box.ServeLine(pty.path);
+    Probe* probe = Attach();
+    ASSERT_TRUE(host.Start());
+    Common::P4X_TMSleepMicroSecond(1000000);
+    // The box went idle first, so at 1000 it runs before the cycle due then.
+    EXPECT_EQ(probe->Get(probe->cycles),
+              (std::vector<long long>{0, 100, 200, 300, 400, 500, 600, 700, 800, 900}));
+    for (size_t i = 1; i <= 3; ++i) {
+        pty.WriteMaster({'a', 'b', 'c'});
+        box.LineWrote(3);  // returns once the peripheral has read them
+        EXPECT_EQ(probe->Get(probe->received).size(), 3 * i);
+    }
+    EXPECT_EQ(probe->Get(probe->largestRead), 3u);  // one read per write
+    EXPECT_EQ(hostsim::ClockNowMs(), 1000);
+    // Bytes nobody counted (written to the tty behind the host's back) are read before time
+    // moves on too.
+    pty.WriteMaster({'x', 'y'});
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // they reach the slave side
+    Common::P4X_TMSleepMicroSecond(1000);
+    EXPECT_EQ(probe->Get(probe->received).size(), 11u);
+    EXPECT_EQ(hostsim::ClockNowMs(), 1001);
+}
+
 TEST_F(HostTest, ShareTimeRunsWithHostTimeAndLogLinesKeepTheirForm) {
     hostsim::ClockUseStepped(0);
     // 2024-02-29 23:59:59.500 UTC: the next 600 ms cross a leap day, a month and a second.

@@ -82,7 +82,18 @@ DataItems DefaultValues() {
 }  // namespace
 
 BoxEmulator::BoxEmulator(BoxOptions options)
-    : m_opt(std::move(options)), m_rng(m_opt.seed), m_wireTap(m_opt.wireTap) {}
+    : m_opt(std::move(options)),
+      m_rxKept(std::max<size_t>(1, m_opt.receivedKept)),
+      m_clock(m_opt.clock),
+      m_rng(m_opt.seed),
+      m_wireTap(m_opt.wireTap) {}
+
+double BoxEmulator::Now() const {
+    if (m_clock.nowMs) return m_clock.nowMs();
+    return std::chrono::duration<double, std::milli>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 BoxEmulator::~BoxEmulator() {
     Stop();
@@ -120,7 +131,7 @@ bool BoxEmulator::Start() {
     }
     // A line nobody reads must not block the box: what does not fit is lost, as on a UART.
     fcntl(m_masterFd, F_SETFL, fcntl(m_masterFd, F_GETFL) | O_NONBLOCK);
-    m_t0 = std::chrono::steady_clock::now();
+    m_t0 = Now();
     m_run = true;
     m_thread = std::thread([this] { Run(); });
     return true;
@@ -128,7 +139,10 @@ bool BoxEmulator::Start() {
 
 void BoxEmulator::Stop() {
     m_run = false;
-    if (m_thread.joinable()) m_thread.join();
+    if (m_thread.joinable()) {
+        if (m_clock.stopping) m_clock.stopping();
+        m_thread.join();
+    }
     if (m_masterFd >= 0) close(m_masterFd);
     if (m_slaveHoldFd >= 0) close(m_slaveHoldFd);
     m_masterFd = -1;
@@ -148,23 +162,39 @@ void BoxEmulator::Update(const std::function<void(BoxOptions&)>& change) {
 
 std::vector<ReceivedFrame> BoxEmulator::Received() const {
     std::lock_guard<std::mutex> lock(m_rxMutex);
-    return m_rx;
+    return std::vector<ReceivedFrame>(m_rx.begin(), m_rx.end());
+}
+
+uint64_t BoxEmulator::ReceivedTotal() const {
+    std::lock_guard<std::mutex> lock(m_rxMutex);
+    return m_rxTotal;
+}
+
+uint64_t BoxEmulator::ReceivedCount(uint16_t code) const {
+    std::lock_guard<std::mutex> lock(m_rxMutex);
+    const auto it = m_rxCounts.find(code);
+    return it == m_rxCounts.end() ? 0 : it->second;
 }
 
 void BoxEmulator::ClearReceived() {
     std::lock_guard<std::mutex> lock(m_rxMutex);
     m_rx.clear();
+    m_rxTotal = 0;
+    m_rxCounts.clear();
 }
 
 bool BoxEmulator::WaitFor(const std::function<bool(const std::vector<ReceivedFrame>&)>& pred,
                           int timeoutMs) const {
     std::unique_lock<std::mutex> lock(m_rxMutex);
-    return m_rxCv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return pred(m_rx); });
+    return m_rxCv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        return pred(std::vector<ReceivedFrame>(m_rx.begin(), m_rx.end()));
+    });
 }
 
 bool BoxEmulator::WaitForFrames(size_t count, int timeoutMs) const {
-    return WaitFor([count](const std::vector<ReceivedFrame>& rx) { return rx.size() >= count; },
-                   timeoutMs);
+    std::unique_lock<std::mutex> lock(m_rxMutex);
+    return m_rxCv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                           [&] { return m_rxTotal >= count; });
 }
 
 void BoxEmulator::Log(const std::string& line) {
@@ -252,9 +282,10 @@ void BoxEmulator::WriteAll(const uint8_t* data, size_t n) {
         }
         if (w < 0 && errno == EINTR) continue;
         // Full line (nobody reads) or gone: give it a moment, then drop the rest.
-        if (++stalls > 50) return;
+        if (++stalls > 50) break;
         usleep(1000);
     }
+    if (m_clock.moved && done > 0) m_clock.moved(false, done);
 }
 
 void BoxEmulator::Transmit(const ByteVec& frame, const BoxOptions& o) {
@@ -325,28 +356,41 @@ void BoxEmulator::SendRaw(const ByteVec& bytes) {
 }
 
 void BoxEmulator::Run() {
-    auto nextStream = std::chrono::steady_clock::now();
-    auto nextLink = std::chrono::steady_clock::now();
+    double nextStream = Now();
+    double nextLink = nextStream;
     uint8_t buf[1024];
     while (m_run.load()) {
+        BoxOptions o = Snapshot();
+        double due = -1;  // the next periodic frame, if any
+        if (!o.silent && o.streamPeriodMs > 0 && m_streaming.load()) due = nextStream;
+        if (!o.silent && o.linkPeriodMs > 0 && (due < 0 || nextLink < due)) due = nextLink;
+        int r = 0;
         pollfd p{m_masterFd, POLLIN, 0};
-        const int r = poll(&p, 1, 2);
+        if (m_clock.wait) {
+            if (!m_clock.wait(m_masterFd, due)) continue;
+            r = poll(&p, 1, 0);
+        } else {
+            r = poll(&p, 1, 2);
+        }
         if (r > 0 && (p.revents & POLLIN)) {
             const ssize_t n = read(m_masterFd, buf, sizeof(buf));
-            if (n > 0) OnBytes(buf, static_cast<size_t>(n));
+            if (n > 0) {
+                if (m_clock.moved) m_clock.moved(true, static_cast<size_t>(n));
+                OnBytes(buf, static_cast<size_t>(n));
+                o = Snapshot();  // the frames read may have changed the box
+            }
         } else if (r > 0 && (p.revents & (POLLHUP | POLLERR))) {
             usleep(2000);  // no reader on the other side yet
         }
-        const BoxOptions o = Snapshot();
-        const auto now = std::chrono::steady_clock::now();
+        const double now = Now();
         if (o.silent) continue;
         if (o.streamPeriodMs > 0 && m_streaming.load() && now >= nextStream) {
             SendDataStream();
-            nextStream = now + std::chrono::milliseconds(o.streamPeriodMs);
+            nextStream = now + o.streamPeriodMs;
         }
         if (o.linkPeriodMs > 0 && now >= nextLink) {
             SendLink();
-            nextLink = now + std::chrono::milliseconds(o.linkPeriodMs);
+            nextLink = now + o.linkPeriodMs;
         }
     }
 }
@@ -375,8 +419,7 @@ void BoxEmulator::OnBytes(const uint8_t* data, size_t n) {
         }
         if (m_inBuf.size() < l + 7) return;
         ReceivedFrame f;
-        f.tMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - m_t0)
-                    .count();
+        f.tMs = Now() - m_t0;
         f.raw.assign(m_inBuf.begin(), m_inBuf.begin() + static_cast<long>(l + 7));
         f.seq = f.raw[6];
         f.code = static_cast<uint16_t>((f.raw[7] << 8) | f.raw[8]);
@@ -398,7 +441,10 @@ void BoxEmulator::OnFrame(ReceivedFrame f) {
     }
     {
         std::lock_guard<std::mutex> lock(m_rxMutex);
+        ++m_rxTotal;
+        ++m_rxCounts[f.code];
         m_rx.push_back(std::move(f));
+        if (m_rx.size() > m_rxKept) m_rx.pop_front();
     }
     m_rxCv.notify_all();
     if (o.silent) return;

@@ -7,8 +7,9 @@
 //    number;
 //  - sends data-stream frames while the stream is started and link frames, each at its own rate,
 //    and any frame or raw bytes on request;
-//  - records every frame it receives (time, sequence number, code, payload, raw bytes) so a test
-//    can assert on the exact bytes the plug-in sent.
+//  - keeps the last frames it received (time, sequence number, code, payload, raw bytes) so a
+//    test can assert on the exact bytes the plug-in sent, and counts all of them per code; a box
+//    that runs for days keeps no more than that.
 // Fault options make it silent, refuse, drop answers, put garbage between frames, split frames
 // into chunks, corrupt checksums and escape bytes.
 //
@@ -17,14 +18,17 @@
 //
 // Use: fill BoxOptions, construct, Start(), point the plug-in at SlavePath(), ..., Stop() (or
 // destroy). One thread of its own reads the line, answers and sends periodic frames; every
-// public function may be called from any thread. Times are real (steady clock) milliseconds.
+// public function may be called from any thread. Times are milliseconds of BoxOptions::clock:
+// real (steady clock) ones unless a simulator gives its own.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <random>
 #include <string>
@@ -49,6 +53,21 @@ struct ReceivedFrame {
 // Data-stream items: id (1..59) and value, asked for once per data-stream frame.
 using DataItems = std::vector<std::pair<uint8_t, float>>;
 using ValueSource = std::function<DataItems()>;
+
+// Where the box's thread takes its time from and how it waits. Empty members: the machine's
+// steady clock and a short poll of the line, as on a bench.
+struct BoxClock {
+    // Milliseconds, any origin.
+    std::function<double()> nowMs;
+    // Waits until `fd` has input, the clock reaches `untilMs` (< 0: nothing due) or a short real
+    // while has passed. False when there is nothing to do yet (the box just waits again).
+    std::function<bool(int fd, double untilMs)> wait;
+    // The box has read (toBox) or written `n` bytes on the line; after a write it may block until
+    // the other end has read them.
+    std::function<void(bool toBox, size_t n)> moved;
+    // Stop() waits for the box's thread next: a wait in progress must end.
+    std::function<void()> stopping;
+};
 
 struct BoxOptions {
     std::string ttyPath;  // empty: create a pseudo-terminal; else open this tty
@@ -87,6 +106,12 @@ struct BoxOptions {
 
     // Receives one line per frame received or sent (decoded) and per fault applied.
     std::function<void(const std::string&)> log;
+    // Fixed at construction (Update does not change it). A simulator gives its own clock so
+    // that the periods above are periods of its time.
+    BoxClock clock;
+    // How many received frames Received() keeps; the counts cover every frame.
+    size_t receivedKept = 1024;
+
     // Sees every byte on the line as it crosses it: what the box read (toBox) and what it wrote,
     // garbage and split chunks included. Fixed at construction (Update does not change it); it
     // runs on the box's thread and must not call back into the emulator.
@@ -107,12 +132,16 @@ class BoxEmulator {
     const std::string& SlavePath() const { return m_slavePath; }
     const std::string& LastError() const { return m_error; }
 
-    // Frames received so far, in order.
+    // The last frames received (at most BoxOptions::receivedKept), oldest first.
     std::vector<ReceivedFrame> Received() const;
+    // All frames received, and those with `code`, kept or not.
+    uint64_t ReceivedTotal() const;
+    uint64_t ReceivedCount(uint16_t code) const;
     void ClearReceived();
-    // Waits (real time) until `pred` holds for the received frames.
+    // Waits (real time) until `pred` holds for the kept frames.
     bool WaitFor(const std::function<bool(const std::vector<ReceivedFrame>&)>& pred,
                  int timeoutMs) const;
+    // Waits (real time) until `count` frames were received in all.
     bool WaitForFrames(size_t count, int timeoutMs) const;
 
     // Changes options while running (faults, rates, contents). Not ttyPath/baud.
@@ -144,9 +173,15 @@ class BoxEmulator {
 
     mutable std::mutex m_optMutex;  // guards m_opt
     BoxOptions m_opt;
-    mutable std::mutex m_rxMutex;  // guards m_rx
+    double Now() const;
+
+    mutable std::mutex m_rxMutex;  // guards m_rx, m_rxTotal, m_rxCounts
     mutable std::condition_variable m_rxCv;
-    std::vector<ReceivedFrame> m_rx;
+    std::deque<ReceivedFrame> m_rx;
+    uint64_t m_rxTotal = 0;
+    std::map<uint16_t, uint64_t> m_rxCounts;
+    const size_t m_rxKept;
+    const BoxClock m_clock;
     std::mutex m_writeMutex;  // one frame's bytes are never interleaved with another's
     std::mt19937 m_rng;       // under m_writeMutex
     const std::function<void(bool, const uint8_t*, size_t)> m_wireTap;
@@ -161,7 +196,7 @@ class BoxEmulator {
     std::atomic<bool> m_streaming{false};
     std::atomic<uint8_t> m_boxSeq{0};
     uint64_t m_answers = 0;  // box thread only
-    std::chrono::steady_clock::time_point m_t0;
+    double m_t0 = 0;
 };
 
 }  // namespace obdbox

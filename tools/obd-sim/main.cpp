@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -26,6 +27,7 @@
 #include <vector>
 
 #include "BoxEmulator.h"
+#include "BoxHostClock.h"
 #include "BoxSide.h"
 #include "HostCommon.h"
 #include "HostSim.h"
@@ -132,11 +134,15 @@ class Injector {
     }
 
     void Start() {
+        // A file is read at host time's pace: at max speed host time waits for each line. Lines
+        // typed on stdin come when they come.
+        if (m_source != "-") m_part = std::make_unique<hostsim::Participant>("inject");
         m_thread = std::thread([this] { Run(); });
     }
 
     void Stop() {
         m_stop = true;
+        if (m_part) m_part->Leave();
         if (m_thread.joinable()) m_thread.join();
         if (m_own && m_fd >= 0) ::close(m_fd);
         m_fd = -1;
@@ -144,6 +150,12 @@ class Injector {
 
   private:
     void Run() {
+        if (m_part) m_part->Enter();
+        Read();
+        if (m_part) m_part->Leave();
+    }
+
+    void Read() {
         std::string pending;
         char chunk[4096];
         long long lineNo = 0;
@@ -199,6 +211,7 @@ class Injector {
     int m_fd = -1;
     bool m_own = false;
     std::atomic<bool> m_stop{false};
+    std::unique_ptr<hostsim::Participant> m_part;
     std::thread m_thread;
 };
 
@@ -267,7 +280,7 @@ int Run(int argc, char** argv) {
     int productType = 0;
     int logLevel = 1;
     int dumpLevel = 0;
-    double timeScale = 1.0;
+    std::string speed = "1";
     bool json = false;
     bool noBox = false;
     int boxStreamMs = 1000;
@@ -278,10 +291,10 @@ int Run(int argc, char** argv) {
     app.add_flag("--no-box", noBox,
                  "without --serial: a bare pseudo-terminal that answers nothing (wire printed)");
     app.add_option("--box-stream-ms", boxStreamMs,
-                   "built-in box: data-stream frame period in real ms (0: none)")
+                   "built-in box: data-stream frame period in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
     app.add_option("--box-link-ms", boxLinkMs,
-                   "built-in box: link frame period in real ms (0: none)")
+                   "built-in box: link frame period in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
     app.add_option("--baud", baud, "serial speed")
         ->check(CLI::IsMember(
@@ -292,8 +305,14 @@ int Run(int argc, char** argv) {
         ->check(CLI::Range(0, 255));
     app.add_option("--log-level", logLevel, "print log lines up to this level");
     app.add_option("--dump-level", dumpLevel, "print byte dumps up to this level");
-    app.add_option("--time-scale", timeScale, "host time runs this many times faster")
-        ->check(positive);
+    const CLI::Validator speedCheck(
+        [&positive](std::string& text) { return text == "max" ? std::string() : positive(text); },
+        "K|max");
+    app.add_option("--speed", speed,
+                   "host time runs K times faster than real time; max: as fast as the work "
+                   "allows, the same run every time")
+        ->check(speedCheck);
+    app.add_option("--time-scale", speed, "deprecated: the same as --speed K")->check(positive);
     app.add_flag("--json", json, "one JSON object per line on stdout");
     app.add_option("--inject", inject,
                    "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin");
@@ -304,6 +323,9 @@ int Run(int argc, char** argv) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         return Fail(e.what(), 2);
+    }
+    if (speed == "max" && !serial.empty()) {
+        return Fail("--speed max: a real box keeps real time; use the built-in box", 2);
     }
 
     struct sigaction sa {};
@@ -344,6 +366,19 @@ int Run(int argc, char** argv) {
     std::fflush(stdout);
     ::dup2(STDERR_FILENO, STDOUT_FILENO);
     Printer printer(json, out);
+    // Host time 0 is the start of the run. At max speed this thread takes part from here on: the
+    // box, the plug-in and the bus get their turns in the order it starts them, and host time
+    // waits for it until it sleeps till the end of the run.
+    std::unique_ptr<hostsim::Participant> self;
+    if (speed == "max") {
+        hostsim::ClockUseVirtual(0);
+        self = std::make_unique<hostsim::Participant>("obd-sim");
+        self->Enter();
+    } else if (std::stod(speed) == 1.0) {
+        hostsim::ClockUseReal(0);
+    } else {
+        hostsim::ClockUseScaled(std::stod(speed), 0);
+    }
     std::unique_ptr<obdsim::BoxSide> box;
     std::unique_ptr<obdbox::BoxEmulator> emulator;
     int slaveFd = -1;
@@ -360,9 +395,12 @@ int Run(int argc, char** argv) {
         o.log = [&printer](const std::string& line) {
             if (line.rfind("box -> ", 0) != 0) printer.BoxNote(hostsim::ClockNowMs(), line);
         };
+        auto peer = std::make_shared<hostsim::Participant>("obd-box");
+        o.clock = obdsim::BoxHostClock(peer);
         emulator = std::make_unique<obdbox::BoxEmulator>(std::move(o));
         if (!emulator->Start()) return Fail("box emulator: " + emulator->LastError(), 1);
         serial = emulator->SlavePath();
+        peer->ServeLine(serial);
     } else if (serial.empty()) {
         int master = -1;
         char name[256] = {};
@@ -390,12 +428,6 @@ int Run(int argc, char** argv) {
     {
         hostsim::PluginHost host;
         host.SetSerial(serial, baud);
-        // Host time 0 is the plug-in's creation, so --duration and t_ms count from there.
-        if (timeScale == 1.0) {
-            hostsim::ClockUseReal(0);
-        } else {
-            hostsim::ClockUseScaled(timeScale, 0);
-        }
         if (!host.Load(plugin)) {
             status = Fail("cannot load plug-in: " + host.LastError(), 1);
         } else if (!host.SerialOpenError().empty()) {
@@ -410,7 +442,14 @@ int Run(int argc, char** argv) {
             if (injector) injector->Start();
             const long long endMs = static_cast<long long>(duration * 1000.0);
             while (!g_signalled && (duration <= 0.0 || hostsim::ClockNowMs() < endMs)) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                if (self) {
+                    // Sleeps on host time in turn; a signal is seen after at most 10 host s.
+                    const long long left = duration <= 0.0 ? 10000 : endMs - hostsim::ClockNowMs();
+                    Common::P4X_TMSleepMicroSecond(
+                        static_cast<unsigned int>(std::min(left, 10000LL) * 1000));
+                } else {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                }
             }
             if (injector) injector->Stop();
             host.Release();
