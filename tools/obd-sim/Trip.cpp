@@ -14,6 +14,7 @@ namespace {
 constexpr long long kPeriodMs = 1000;          // the plug-in's 1 s broadcasts
 constexpr long long kFirstBroadcastMs = 2000;  // the first one comes at its first 1 s step
 constexpr long long kStaleMs = 3000;           // data that does not follow the box for this long
+constexpr long long kLinkUpMs = 15000;         // the plug-in reports its link up by then
 constexpr long long kAlarmToleranceMs = 2000;  // an expected alarm's start, either way
 constexpr size_t kMaxProblems = 10;
 
@@ -40,8 +41,15 @@ bool TripLog::Suspended() const {
 }
 
 void TripLog::CheckGap(int id, long long& last, long long nowMs) {
+    // Broadcasts are owed from the moment the plug-in reports its link up (or sends its first):
+    // before that the plug-in may still be starting, and a program that is no OBD plug-in at all
+    // owes none.
+    if (last < 0 && m_linkUpMs < 0) {
+        last = nowMs;
+        return;
+    }
+    const long long from = last < 0 ? m_linkUpMs : last;
     const long long limit = (last < 0 ? kFirstBroadcastMs : kPeriodMs) + m_slackMs;
-    const long long from = last < 0 ? 0 : last;
     if (m_drive != nullptr && !Suspended() && nowMs - from > limit) {
         Problem("no " + std::string(id == MSG_OBD_ORIGINAL_DATA ? "OBD data" : "alarm") +
                 " broadcast (" + std::to_string(id) + ") from " + Clock(from) + " to " +
@@ -182,14 +190,16 @@ void TripLog::Finish(long long endMs) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_endMs = endMs;
     if (m_drive == nullptr) return;
-    // A broadcast that stopped before the end has no later one to show the gap.
-    if (m_lastObdMs < 0 || endMs - m_lastObdMs > kPeriodMs + m_slackMs) {
-        long long last = m_lastObdMs;
-        CheckGap(MSG_OBD_ORIGINAL_DATA, last, endMs);
+    if (m_linkUpMs < 0 && endMs > kLinkUpMs + m_slackMs) {
+        Problem("the plug-in never reported the OBD link up");
     }
-    if (m_lastAlarmMs < 0 || endMs - m_lastAlarmMs > kPeriodMs + m_slackMs) {
-        long long last = m_lastAlarmMs;
-        CheckGap(MSG_GDS_ALARM, last, endMs);
+    // A broadcast that stopped before the end has no later one to show the gap.
+    const std::pair<int, long long> lasts[] = {{MSG_OBD_ORIGINAL_DATA, m_lastObdMs},
+                                               {MSG_GDS_ALARM, m_lastAlarmMs}};
+    for (auto [id, last] : lasts) {
+        if (m_linkUpMs >= 0 && (last < 0 || endMs - last > kPeriodMs + m_slackMs)) {
+            CheckGap(id, last, endMs);
+        }
     }
     if (m_drive->Expected().empty()) return;
     const long long tolerance = kAlarmToleranceMs + m_slackMs;

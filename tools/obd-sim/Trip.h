@@ -3,8 +3,9 @@
 // and the checks that tell whether the plug-in behaved.
 //
 // The plug-in misbehaved when, with the built-in box playing a drive:
-//  - its OBD data or alarm broadcast (1 s each) did not come within a second (plus the clock's
-//    slack) of the previous one, or the first not within its first seconds;
+//  - it did not report the OBD link up (status record) within 15 s;
+//  - from then on, its OBD data or alarm broadcast (1 s each) did not come within a second (plus
+//    the clock's slack) of the previous one;
 //  - it reported the OBD link lost (status record, link bit cleared), or its OBD data stopped
 //    following the frames the box kept sending (for longer than 3 s plus the slack);
 //  - for a drive that names its alarms (the built-in one), an alarm did not come once at its

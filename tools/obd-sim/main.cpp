@@ -149,6 +149,7 @@ class Printer {
         if (!m_json && !m_quiet) Line("[" + std::to_string(tMs) + " ms] box: " + text);
     }
 
+  private:
     void Line(const std::string& text) {
         std::lock_guard<std::mutex> lock(m_mutex);
         std::fwrite(text.data(), 1, text.size(), m_out);
@@ -156,7 +157,6 @@ class Printer {
         std::fflush(m_out);
     }
 
-  private:
     bool m_json;
     bool m_quiet;
     FILE* m_out;
@@ -371,10 +371,11 @@ int Run(int argc, char** argv) {
     app.add_option("--time-scale", timeScale, "host time runs this many times faster")
         ->check(positive);
     app.add_flag("--json", json,
-                 "one JSON object per line on stdout: wire, bus messages (decoded), and the "
-                 "summary last; the readable summary goes to stderr");
+                 "one JSON object per line on stdout for every wire chunk and bus message "
+                 "(decoded); the summary goes to stderr");
     app.add_flag("--trace", trace, "print every wire byte and bus message as readable lines");
-    app.add_option("--summary-json", summaryJson, "also write the summary as JSON to this file");
+    app.add_option("--summary-json", summaryJson,
+                   "write the summary as one JSON object to this file");
     app.add_option("--inject", inject,
                    "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin");
     app.add_option("--plugin", plugin, "plug-in library (default: next to this program)");
@@ -593,12 +594,8 @@ int Run(int argc, char** argv) {
         const std::string text = obdsim::SummaryText(summary);
         const std::string line =
             summary.dump(-1, ' ', false, obdsim::Json::error_handler_t::replace);
-        if (json) {
-            printer.Line(line);
-            std::fputs(text.c_str(), stderr);
-        } else {
-            std::fputs(text.c_str(), out);
-        }
+        // With --json stdout stays one message per line; the summary goes where a person reads.
+        std::fputs(text.c_str(), json ? stderr : out);
         if (!summaryJson.empty()) {
             std::ofstream file(summaryJson);
             file << line << "\n";
