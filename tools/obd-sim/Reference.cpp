@@ -67,6 +67,7 @@ ReferenceAnalyser::~ReferenceAnalyser() {
 }
 
 bool ReferenceAnalyser::Load(const std::string& libraryPath, std::string& error) {
+    error.clear();
 #ifndef OBDSIM_SANITIZED
     m_lib = dlmopen(LM_ID_NEWLM, libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);
     m_how = "own namespace";

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <utility>
 
 // The parser's own reading thread buys nothing for files of a few megabytes.
@@ -69,6 +71,26 @@ bool ClockTime(const char* text, double& out) {
         return false;
     }
     out = hours * 3600 + minutes * 60 + seconds;
+    return true;
+}
+
+// The "# expect KEY START_S LEVEL HOLD_S" comment lines: alarms the drive is written to provoke.
+bool ReadExpected(const std::string& path, std::vector<ExpectedAlarm>& out, std::string& error) {
+    std::ifstream in(path);
+    std::string text;
+    for (int line = 1; std::getline(in, text); ++line) {
+        if (text.rfind("# expect ", 0) != 0) continue;
+        std::istringstream words(text.substr(9));
+        ExpectedAlarm e;
+        std::string extra;
+        if (!(words >> e.key >> e.startS >> e.level >> e.holdS) || (words >> extra) ||
+            AlarmIndex(e.key) < 0 || e.level < 1 || e.level > 3 || e.startS < 0 || e.holdS < 0) {
+            error = path + ":" + std::to_string(line) +
+                    ": expected \"# expect KEY START_S LEVEL HOLD_S\" with an alarm key";
+            return false;
+        }
+        out.push_back(e);
+    }
     return true;
 }
 
@@ -247,9 +269,12 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
             error = where + "no rows";
             return false;
         }
+        std::vector<ExpectedAlarm> expected;
+        if (!ReadExpected(path, expected, error)) return false;
         const size_t slash = path.rfind('/');
         Drive d("scenario " + (slash == std::string::npos ? path : path.substr(slash + 1)));
         for (auto& c : channels) d.SetChannel(std::move(c));
+        d.SetExpected(std::move(expected));
         out = std::move(d);
         return true;
     } catch (const io::error::base& e) {

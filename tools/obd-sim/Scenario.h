@@ -13,6 +13,10 @@
 // interpolated onto the box's data-stream rate and the inertial rate: linearly between rows,
 // across gaps of any length; brake, clutch and running brake hold their value to the next row.
 // With six-axis columns the host's inertial messages are sent (a missing axis reads 0).
+// A comment line "# expect KEY START_S LEVEL HOLD_S" names an alarm the drive is written to
+// provoke (ObdNames key, nominal start in vehicle seconds, highest level, seconds its condition
+// must hold): obd-sim then checks the plug-in's alarms against these lines as it does for the
+// built-in drive.
 //
 // A recorded trip in a format of its own is read as it is through a column mapping: a list
 // "SOURCE=NAME[*FACTOR],..." naming, for each column used, the scenario name it stands for (and a

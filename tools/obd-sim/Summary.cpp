@@ -1,5 +1,6 @@
 #include "Summary.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -9,6 +10,9 @@
 
 namespace obdsim {
 namespace {
+
+// Up to this many alarms are listed one by one; more are shown by kind.
+constexpr size_t kListedAlarms = 24;
 
 double Seconds(long long ms) {
     return static_cast<double>(ms) / 1000.0;
@@ -71,7 +75,7 @@ std::string Dur(double s) {
 }
 
 // A table of bands: their edges, then the time and the fuel spent in each.
-std::string BandTable(const char* title, const Json& bands) {
+std::string BandTable(const char* title, const Json& bands, bool withFuel) {
     auto cell = [](std::string text) {
         return text.size() < 11 ? std::string(11 - text.size(), ' ') + text : " " + text;
     };
@@ -85,7 +89,11 @@ std::string BandTable(const char* title, const Json& bands) {
         time += cell(Dur(b["s"].get<double>()));
         fuel += cell(Fmt("%.2f", b["fuel_l"].get<double>()));
     }
-    return head + "\n" + time + "\n" + fuel + "\n";
+    return head + "\n" + time + "\n" + (withFuel ? fuel + "\n" : "");
+}
+
+std::string Level(const Json& alarm) {
+    return Alarm(AlarmIndex(alarm["key"].get<std::string>())).graded ? alarm["level"].dump() : "-";
 }
 
 std::string Str(const Json& j, const char* key) {
@@ -147,20 +155,42 @@ std::string SummaryText(const Json& s) {
     t += "Trip summary: " + Str(s, "source") + ", " + Dur(s["vehicle_s"].get<double>()) +
          " of vehicle time in " + Fmt("%.1f", s["real_s"].get<double>()) + " s\n\n";
 
-    t += "Alarms (the plug-in's alarm broadcasts)\n";
-    if (s["alarms"].empty()) {
-        t += "  none\n";
-    } else {
+    const Json& alarms = s["alarms"];
+    if (alarms.empty()) {
+        t += "Alarms (the plug-in's alarm broadcasts)\n  none\n";
+    } else if (alarms.size() <= kListedAlarms) {
+        t += "Alarms (the plug-in's alarm broadcasts)\n";
         t += "  start      duration   level  alarm\n";
-        for (const Json& a : s["alarms"]) {
+        for (const Json& a : alarms) {
             char line[160];
-            std::snprintf(
-                line, sizeof(line), "  %-9s  %-9s  %5s  %s%s\n",
-                Dur(a["start_s"].get<double>()).c_str(), Dur(a["duration_s"].get<double>()).c_str(),
-                Alarm(AlarmIndex(a["key"].get<std::string>())).graded ? a["level"].dump().c_str()
-                                                                      : "-",
-                a["title"].get<std::string>().c_str(),
-                a["active"].get<bool>() ? " (still on at the end)" : "");
+            std::snprintf(line, sizeof(line), "  %-9s  %-9s  %5s  %s%s\n",
+                          Dur(a["start_s"].get<double>()).c_str(),
+                          Dur(a["duration_s"].get<double>()).c_str(), Level(a).c_str(),
+                          a["title"].get<std::string>().c_str(),
+                          a["active"].get<bool>() ? " (still on at the end)" : "");
+            t += line;
+        }
+    } else {
+        // A long trip's alarms, one line per kind; --summary-json keeps every one.
+        t += "Alarms (the plug-in's alarm broadcasts: " + std::to_string(alarms.size()) +
+             ", by kind)\n";
+        t += "  times  first      longest    in all     level  alarm\n";
+        for (int k = 0; k < kAlarmCount; ++k) {
+            int times = 0, level = 0;
+            double first = -1, longest = 0, total = 0;
+            for (const Json& a : alarms) {
+                if (a["key"] != Alarm(k).key) continue;
+                const double d = a["duration_s"].get<double>();
+                if (times++ == 0) first = a["start_s"].get<double>();
+                longest = std::max(longest, d);
+                total += d;
+                level = std::max(level, a["level"].get<int>());
+            }
+            if (times == 0) continue;
+            char line[160];
+            std::snprintf(line, sizeof(line), "  %5d  %-9s  %-9s  %-9s  %5s  %s\n", times,
+                          Dur(first).c_str(), Dur(longest).c_str(), Dur(total).c_str(),
+                          Alarm(k).graded ? std::to_string(level).c_str() : "-", Alarm(k).title);
             t += line;
         }
     }
@@ -177,17 +207,23 @@ std::string SummaryText(const Json& s) {
         t += "  none: " + Str(s, "statistics_note") + "\n";
     } else {
         t += Fmt("  distance            %.2f km\n", st["distance_km"].get<double>());
-        t += Fmt("  fuel                %.2f L", st["fuel_l"].get<double>()) +
-             Fmt("  (driving %.2f L", st["drive_fuel_l"].get<double>()) +
-             Fmt(", idling %.2f L", st["idle_fuel_l"].get<double>()) +
-             Fmt(", idling past the idling alarm %.2f L)\n", st["idle_alarm_fuel_l"].get<double>());
+        if (st["fuel_l"].get<double>() > 0) {
+            t += Fmt("  fuel                %.2f L", st["fuel_l"].get<double>()) +
+                 Fmt("  (driving %.2f L", st["drive_fuel_l"].get<double>()) +
+                 Fmt(", idling %.2f L", st["idle_fuel_l"].get<double>()) +
+                 Fmt(", idling past the idling alarm %.2f L)\n",
+                     st["idle_alarm_fuel_l"].get<double>());
+        } else {
+            t += "  fuel                none counted (no fuel reading from the box)\n";
+        }
         t += "  time                driving " + Dur(st["drive_s"].get<double>()) + ", idling " +
              Dur(st["idle_s"].get<double>()) + ", engine running " +
              Dur(st["run_s"].get<double>()) + "\n";
         t += "  brake applications  " + st["brake_count"].dump() + "\n";
-        t += BandTable("speed (km/h)", st["speed_bands"]);
-        t += BandTable("engine speed (rpm)", st["engine_speed_bands"]);
-        t += BandTable("accelerator (%)", st["accelerator_bands"]);
+        const bool fuel = st["fuel_l"].get<double>() > 0;
+        t += BandTable("speed (km/h)", st["speed_bands"], fuel);
+        t += BandTable("engine speed (rpm)", st["engine_speed_bands"], fuel);
+        t += BandTable("accelerator (%)", st["accelerator_bands"], fuel);
         std::string idle = "  idling longer than ";
         for (const Json& i : st["idle_over"]) {
             if (i["over_min"].get<int>() == 0) continue;
