@@ -13,6 +13,7 @@ PACKAGES=(
     libgmock-dev
     libcli11-dev             # header-only, used by the simulator for both targets
     nlohmann-json3-dev       # header-only, likewise
+    libfccp-dev              # header-only CSV reader of the simulator's --scenario
     libssl-dev               # libcrypto: independent reference for the MD5 tests (host only)
     g++-arm-linux-gnueabihf  # brings the armhf libc/libstdc++ under /usr/arm-linux-gnueabihf
     qemu-user                # qemu-arm runs the armhf test binaries

@@ -147,6 +147,8 @@ Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const 
     const std::vector<std::string> problems = trip.Problems();
     j["problems"] = problems;
     j["ok"] = problems.empty();
+    j["checked"] = trip.DriveOf() != nullptr;
+    j["slack_s"] = Seconds(facts.slackMs);
     return j;
 }
 
@@ -259,10 +261,13 @@ std::string SummaryText(const Json& s) {
              (box["link_up_at_end"].get<bool>() ? ", up at the end\n" : ", down at the end\n");
     }
 
-    if (s["ok"].get<bool>()) {
-        t += "\nVerdict: the plug-in behaved\n";
+    const std::string slack = "timing to within " + Fmt("%.1f", s["slack_s"].get<double>()) + " s";
+    if (!s["checked"].get<bool>()) {
+        t += "\nVerdict: not judged (the checks need the built-in box)\n";
+    } else if (s["ok"].get<bool>()) {
+        t += "\nVerdict: the plug-in behaved (" + slack + ")\n";
     } else {
-        t += "\nVerdict: the plug-in MISBEHAVED\n";
+        t += "\nVerdict: the plug-in MISBEHAVED (" + slack + ")\n";
         for (const Json& p : s["problems"]) t += "  - " + p.get<std::string>() + "\n";
     }
     return t;

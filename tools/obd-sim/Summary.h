@@ -16,6 +16,7 @@ class ReferenceAnalyser;
 struct RunFacts {
     std::string source;  // what drove the box: "built-in drive", "scenario FILE", "serial PATH"
     double realSeconds = 0;
+    long long slackMs = 0;       // how late the clock may deliver a periodic event (TripLog)
     std::string statisticsNote;  // why there are no statistics, when there are none
 };
 

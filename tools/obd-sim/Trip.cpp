@@ -207,7 +207,6 @@ void TripLog::Finish(long long endMs) {
     for (const ExpectedAlarm& e : m_drive->Expected()) {
         const long long at = std::llround(e.startS * 1000.0);
         const long long late = std::llround(e.holdS * 100.0);
-        if (at + tolerance + late > endMs) continue;  // the run ended before it was due
         const int alarm = AlarmIndex(e.key);
         std::vector<size_t> came;
         for (size_t k = 0; k < m_alarms.size(); ++k) {
@@ -218,7 +217,9 @@ void TripLog::Finish(long long endMs) {
             named[k] = true;
             m_alarms[k].expected = true;
         }
-        if (came.empty()) {
+        if (came.empty() && at + tolerance + late > endMs) {
+            continue;  // the run ended before it was due
+        } else if (came.empty()) {
             m_missing.push_back(e);
             Problem(title + " expected at " + Clock(at) + " did not come");
         } else if (came.size() > 1) {
