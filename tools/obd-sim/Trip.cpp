@@ -169,7 +169,7 @@ std::string TripLog::Status(long long nowMs) const {
     const bool hasRpm = ItemValue(m_lastData, OBD_IDX_ENGINE_SPEED, rpm);
     const bool hasCoolant = ItemValue(m_lastData, OBD_IDX_COOLANT_TEMP, coolant);
     if (hasSpeed || hasRpm || hasCoolant) {
-        std::snprintf(values, sizeof(values), "  %.0f km/h  %.0f rpm  coolant %.0f C",
+        std::snprintf(values, sizeof(values), "  %.0f km/h  %.0f rpm  %.0f C",
                       static_cast<double>(speed), static_cast<double>(rpm),
                       static_cast<double>(coolant));
     }
@@ -179,7 +179,7 @@ std::string TripLog::Status(long long nowMs) const {
     for (int i = 0; i < kAlarmCount; ++i) {
         const int level = AlarmLevel(i, m_words);
         if (level == 0) continue;
-        alarms += alarms.empty() ? "  alarms: " : ", ";
+        alarms += alarms.empty() ? "  | " : ", ";
         alarms += Alarm(i).title;
         if (Alarm(i).graded) alarms += " " + std::to_string(level);
     }
