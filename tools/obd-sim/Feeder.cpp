@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "HostCommon.h"
 #include "HostSim.h"
@@ -9,6 +10,27 @@
 
 namespace obdsim {
 namespace {
+
+// The value nearest `v` none of whose three mantissa bytes is 0x7D. The built-in box sends its
+// frames unescaped, and the plug-in's receiver reads 0x7D 0x01-0x03 inside a box frame as an
+// escape pair; whether a box that escapes counts the pairs in its length field the protocol leaves
+// open. Values that never need the escape rule keep the drive out of that corner: most move by one
+// unit in the last place, one in 256 (0x7D in the high mantissa byte) by up to 0.4 %.
+float WireSafe(float v) {
+    uint32_t u;
+    std::memcpy(&u, &v, 4);
+    for (int shift : {16, 8, 0}) {
+        if (((u >> shift) & 0xFFu) != 0x7Du) continue;
+        // The nearer of 0x7C followed by 0xFF.. and 0x7E followed by 0x00..: the exponent stays.
+        const uint32_t keep = shift == 16 ? 0xFF000000u : 0xFFFFFFFFu << (shift + 8);
+        const uint32_t low = (1u << shift) - 1;
+        const uint32_t down = (u & keep) | (0x7Cu << shift) | low;
+        const uint32_t up = (u & keep) | (0x7Eu << shift);
+        u = u - down <= up - u ? down : up;
+    }
+    std::memcpy(&v, &u, 4);
+    return v;
+}
 
 int16_t Counts(double value, double perUnit) {
     const double c = std::round(value * perUnit);
@@ -62,7 +84,8 @@ obdbox::DataItems Feeder::Frame() {
     obdbox::DataItems items;
     if (m_drive == nullptr) return items;
     const long long tMs = hostsim::ClockNowMs();
-    const DriveSample s = m_drive->ItemsAt(static_cast<double>(tMs) / 1000.0);
+    DriveSample s = m_drive->ItemsAt(static_cast<double>(tMs) / 1000.0);
+    for (float& v : s.value) v = WireSafe(v);
     if (m_reference != nullptr) m_reference->Frame(s);
     if (m_tap) m_tap(tMs, s);
     for (int i = 0; i < kItemCount; ++i) {

@@ -208,15 +208,20 @@ void TripLog::Finish(long long endMs) {
         const long long at = std::llround(e.startS * 1000.0);
         const long long late = std::llround(e.holdS * 100.0);
         const int alarm = AlarmIndex(e.key);
+        // An alarm that drops for a moment and comes back within the tolerance is one event: its
+        // checks count whole seconds of a clock that may be late.
         std::vector<size_t> came;
+        long long lastEnd = -1;
         for (size_t k = 0; k < m_alarms.size(); ++k) {
-            if (m_alarms[k].alarm == alarm) came.push_back(k);
-        }
-        const std::string title = alarm >= 0 ? Alarm(alarm).title : e.key;
-        for (size_t k : came) {
+            if (m_alarms[k].alarm != alarm) continue;
             named[k] = true;
             m_alarms[k].expected = true;
+            if (came.empty() || lastEnd < 0 || m_alarms[k].startMs - lastEnd > tolerance) {
+                came.push_back(k);
+            }
+            lastEnd = m_alarms[k].endMs;
         }
+        const std::string title = alarm >= 0 ? Alarm(alarm).title : e.key;
         if (came.empty() && at + tolerance + late > endMs) {
             continue;  // the run ended before it was due
         } else if (came.empty()) {
