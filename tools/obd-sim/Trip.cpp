@@ -100,6 +100,7 @@ void TripLog::CheckFollows(const hostsim::BusMessage& m) {
 
 void TripLog::OnBus(const hostsim::BusMessage& m) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_endMs >= 0) return;  // the trip is closed; the release's last messages are not in it
     if (m.response) {
         // An accepted upgrade trigger: the plug-in's 1 s work pauses until the upgrade ends.
         if (m.id == MSG_TRIGGER_PERIPHERAL_UPGRADE) m_upgrading = true;
