@@ -16,7 +16,7 @@ using Json = nlohmann::ordered_json;
 // {"error": ...} for a known id whose payload has the wrong size.
 Json Decode(int id, bool response, const std::vector<unsigned char>& payload);
 
-// Parts that the summary and the status line read as well.
+// Pieces that the summary and the status line read as well.
 // The four event words of an alarm message (208 bytes); false for another size.
 bool AlarmWords(const std::vector<unsigned char>& payload, uint64_t words[4]);
 // Value of item `index` in an OBD data message (504 bytes); false when absent or another size.

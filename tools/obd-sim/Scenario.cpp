@@ -102,17 +102,17 @@ std::string KnownNames() {
 
 }  // namespace
 
-bool ParseColumns(const std::string& spec, std::vector<ColumnMap>& out, std::string& error) {
+bool ParseColumns(const std::string& mapping, std::vector<ColumnMap>& out, std::string& error) {
     out.clear();
-    if (spec.empty()) return true;
-    std::string list = spec;
-    if (spec == "polidriving") {
+    if (mapping.empty()) return true;
+    std::string list = mapping;
+    if (mapping == "polidriving") {
         list =
             "time=time,speed=speed,rpm=engine_speed,throttle_position=accelerator,"
             "engine_temperature=coolant_temp,system_voltage=battery_volt,"
             "distance_travelled=mileage";
-    } else if (spec.find('=') == std::string::npos) {
-        error = "unknown column preset \"" + spec + "\" (known: polidriving)";
+    } else if (mapping.find('=') == std::string::npos) {
+        error = "unknown column preset \"" + mapping + "\" (known: polidriving)";
         return false;
     }
     size_t at = 0;

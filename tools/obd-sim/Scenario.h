@@ -40,7 +40,7 @@ struct ColumnMap {
 
 // Parses --columns: empty gives an empty list (the file names its columns itself). False with
 // `error` for an unknown preset, a malformed entry or an unknown target name.
-bool ParseColumns(const std::string& spec, std::vector<ColumnMap>& out, std::string& error);
+bool ParseColumns(const std::string& mapping, std::vector<ColumnMap>& out, std::string& error);
 
 // Reads the scenario. False with a one-line `error` naming the file and, where it applies, the
 // line: a missing file, an unknown or missing column, a bad cell, rows out of time order.
