@@ -204,9 +204,11 @@ TEST_F(SimRun, RealTripGivesWhatItsDriverWouldRecognise) {
     EXPECT_GE(idling[0], longest.first + 238);
     EXPECT_LE(idling[0], longest.second + 2);
     // Over-running only where the engine stayed above 1800 rpm while moving, and in every such
-    // stretch of 20 s or more.
+    // stretch of 20 s or more. The box's stream pauses while the plug-in restarts it every 10 s,
+    // at this scale for a second or two of host time, in which the plug-in's table keeps its last
+    // values: a dip below 1800 rpm shorter than 3 s may pass unseen.
     auto revs1800 = [](int v, int rpm) { return v > 0 && rpm > 1800; };
-    const auto revs = Stretches(trip, revs1800, 1.0);
+    const auto revs = Stretches(trip, revs1800, 3.0);
     for (const auto& alarm : revving) {
         EXPECT_TRUE(std::any_of(
             revs.begin(), revs.end(),
