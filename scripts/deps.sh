@@ -21,6 +21,7 @@ NATIVE=(
     libgmock-dev
     libcli11-dev       # header-only, the simulator's command line
     nlohmann-json3-dev # header-only, the simulator's --json output
+    libfccp-dev        # header-only CSV reader, the simulator's --scenario files
     libssl-dev         # libcrypto: an independent reference for the MD5 tests (host only)
 )
 ARMHF=(

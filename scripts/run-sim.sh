@@ -12,7 +12,7 @@ readonly BUILD_DIR=build
 jobs=${JOBS:-2}
 args=("$@")
 if ((${#args[@]} == 0)); then
-    args=(--duration 12 --speed 4)
+    args=(--speed max)
 fi
 
 bash scripts/deps.sh native

@@ -126,7 +126,7 @@ TEST_F(RunnerTest, JsonLinesShowBusAndWireAndInjectsRunAtTheirHostTimes) {
 }
 
 TEST_F(RunnerTest, ConversesOverStdinAndStopsCleanlyOnSigterm) {
-    Spawn("--plugin " HOST_TEST_PLUGIN " --inject -", "100 0102\n100 zz\n");
+    Spawn("--plugin " HOST_TEST_PLUGIN " --trace --inject -", "100 0102\n100 zz\n");
     EXPECT_TRUE(WaitUntil([&] { return Has(Slurp("/out"), "response"); }));
     kill(pid, SIGTERM);
     EXPECT_EQ(Finish(), 0) << err;

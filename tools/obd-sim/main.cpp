@@ -1,9 +1,13 @@
 // obd-sim: loads the OBD plug-in into the project's host layer and runs it as the recorder does,
-// on a real tty (--serial) or on a pseudo-terminal of its own, printing what it puts on the bus
-// and, on its own pseudo-terminal, on the wire.
+// on a real tty (--serial) or against the built-in box emulator on a pseudo-terminal of its own,
+// which plays a drive (the built-in one or --scenario) with matching inertial samples. It shows a
+// status line while it runs (on a terminal), a trip summary at the end, and on request every
+// wire byte and bus message (--trace, --json).
 //
-// Exit status: 0 after a clean release (end of --duration, SIGINT, SIGTERM); 1 when the plug-in
-// or the tty cannot be used; 2 for bad arguments.
+// Exit status: 0 after a clean release (end of the drive or --duration, SIGINT, SIGTERM); 1 when
+// the plug-in, the tty or a named file cannot be used; 2 for bad arguments; 3 when the plug-in
+// misbehaved (crashed, lost the link, missed a broadcast, or gave other alarms than the built-in
+// drive provokes), with the reason on stderr.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -15,9 +19,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -29,16 +36,54 @@
 #include "BoxEmulator.h"
 #include "BoxHostClock.h"
 #include "BoxSide.h"
+#include "Decode.h"
+#include "Drive.h"
+#include "Feeder.h"
 #include "HostCommon.h"
 #include "HostSim.h"
 #include "InjectLine.h"
+#include "Reference.h"
+#include "Scenario.h"
+#include "StatusLine.h"
+#include "Summary.h"
+#include "Trip.h"
 
 namespace {
 
 volatile sig_atomic_t g_signalled = 0;
+std::atomic<long long> g_hostMs{0};  // last host time the main loop saw, for the crash line
 
 void OnSignal(int) {
     g_signalled = 1;
+}
+
+// A crash in the plug-in (or anywhere) still ends in one line and the misbehaviour status. Only
+// async-signal-safe calls: the line is put together from constant pieces and write(2).
+void OnCrash(int sig) {
+    const char* name = sig == SIGSEGV  ? "SIGSEGV"
+                       : sig == SIGBUS ? "SIGBUS"
+                       : sig == SIGILL ? "SIGILL"
+                       : sig == SIGFPE ? "SIGFPE"
+                                       : "SIGABRT";
+    char at[24];
+    long long s = g_hostMs.load() / 1000;
+    int n = 0;
+    char digits[24];
+    do {
+        digits[n++] = static_cast<char>('0' + s % 10);
+        s /= 10;
+    } while (s > 0 && n < 20);
+    for (int i = 0; i < n; ++i) at[i] = digits[n - 1 - i];
+    const char* parts[] = {"\nobd-sim: plug-in misbehaved: crashed (", name, ") at vehicle second ",
+                           nullptr, "\n"};
+    for (const char* p : parts) {
+        if (p == nullptr) {
+            (void)!::write(STDERR_FILENO, at, static_cast<size_t>(n));
+        } else {
+            (void)!::write(STDERR_FILENO, p, std::strlen(p));
+        }
+    }
+    ::_exit(3);
 }
 
 std::string Hex(const std::vector<unsigned char>& bytes, size_t limit, const char* sep) {
@@ -53,13 +98,16 @@ std::string Hex(const std::vector<unsigned char>& bytes, size_t limit, const cha
     return out;
 }
 
-// Everything on stdout goes through here: whole lines, flushed, so a reading program sees each
-// message as it happens.
+// Every message line on stdout goes through here: whole lines, flushed, so a reading program
+// sees each message as it happens. Without --json or --trace it prints no message lines.
 class Printer {
   public:
-    Printer(bool json, FILE* out) : m_json(json), m_out(out) {}
+    enum class Mode { Quiet, Trace, Json };
+    Printer(Mode mode, FILE* out)
+        : m_json(mode == Mode::Json), m_quiet(mode == Mode::Quiet), m_out(out) {}
 
     void Bus(const hostsim::BusMessage& m) {
+        if (m_quiet) return;
         const char* kind = m.response ? "response" : "send";
         if (m_json) {
             nlohmann::ordered_json j;
@@ -68,7 +116,9 @@ class Printer {
             j["id"] = m.id;
             j["len"] = m.payload.size();
             j["hex"] = Hex(m.payload, m.payload.size(), "");
-            Line(j.dump());
+            nlohmann::ordered_json decoded = obdsim::Decode(m.id, m.response, m.payload);
+            if (!decoded.is_null()) j["decoded"] = std::move(decoded);
+            Line(j.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
             return;
         }
         // Readable lines stay short; --json carries the whole payload.
@@ -82,6 +132,7 @@ class Printer {
     }
 
     void Wire(long long tMs, const std::vector<unsigned char>& bytes, bool toBox = true) {
+        if (m_quiet) return;
         const char* dir = toBox ? "to_box" : "from_box";
         if (m_json) {
             nlohmann::ordered_json j;
@@ -97,7 +148,7 @@ class Printer {
 
     // The built-in box's own account of a frame (readable mode only).
     void BoxNote(long long tMs, const std::string& text) {
-        if (!m_json) Line("[" + std::to_string(tMs) + " ms] box: " + text);
+        if (!m_json && !m_quiet) Line("[" + std::to_string(tMs) + " ms] box: " + text);
     }
 
   private:
@@ -109,6 +160,7 @@ class Printer {
     }
 
     bool m_json;
+    bool m_quiet;
     FILE* m_out;
     std::mutex m_mutex;
 };
@@ -116,7 +168,8 @@ class Printer {
 // Delivers the lines of an inject script, each at its host time or as soon as read.
 class Injector {
   public:
-    explicit Injector(std::string source) : m_source(std::move(source)) {}
+    Injector(std::string source, std::function<void(int id)> onInject)
+        : m_source(std::move(source)), m_onInject(std::move(onInject)) {}
     ~Injector() { Stop(); }
 
     bool Open(std::string& error) {
@@ -193,6 +246,7 @@ class Injector {
                 break;
         }
         if (line.timed && !WaitFor(line.tMs)) return;
+        if (m_onInject) m_onInject(line.id);
         hostsim::BusInject(line.id, line.payload);
     }
 
@@ -208,6 +262,7 @@ class Injector {
     }
 
     std::string m_source;
+    std::function<void(int id)> m_onInject;
     int m_fd = -1;
     bool m_own = false;
     std::atomic<bool> m_stop{false};
@@ -259,9 +314,20 @@ int Fail(const std::string& message, int code) {
     return code;
 }
 
+// How late, in host milliseconds, the clock may deliver a periodic event. The real clock is late
+// by scheduling only; the scaled one multiplies every real delay by its factor, and a busy machine
+// (a build beside it, a test suite running two at a time) holds a thread back for a few hundred
+// real milliseconds now and then: half a real second is allowed for that. Virtual time (scale 0)
+// is never late: one plug-in cycle is left for the cycle's own granularity.
+long long ClockSlackMs(double timeScale) {
+    if (timeScale <= 0.0) return 100;
+    return std::max(500LL, std::llround(500.0 * timeScale));
+}
+
 }  // namespace
 
 int Run(int argc, char** argv) {
+    const auto realStart = std::chrono::steady_clock::now();
     CLI::App app{"Runs the OBD plug-in under the host layer."};
     // CLI11's own positive-number check prints its double range in full; say it plainly.
     const CLI::Validator positive(
@@ -275,6 +341,9 @@ int Run(int argc, char** argv) {
     std::string serial;
     std::string plugin = DefaultPluginPath();
     std::string inject;
+    std::string scenario;
+    std::string columns;
+    std::string summaryJson;
     int baud = 115200;
     double duration = 0.0;
     int productType = 0;
@@ -282,28 +351,39 @@ int Run(int argc, char** argv) {
     int dumpLevel = 0;
     std::string speed = "1";
     bool json = false;
+    bool trace = false;
     bool noBox = false;
     int boxStreamMs = 1000;
-    int boxLinkMs = 5000;
+    // The box's unsolicited link frames make the plug-in queue a link task every 10 s, which
+    // stops the data stream for its eleven unanswered attempts (about 22 s): the built-in box
+    // sends none unless asked, so that a drive reaches the analyser.
+    int boxLinkMs = 0;
     app.add_option("--serial", serial,
-                   "tty of the box; without it a built-in box answers on a pseudo-terminal and "
-                   "the wire is printed");
+                   "tty of the box; without it a built-in box answers on a pseudo-terminal");
     app.add_flag("--no-box", noBox,
-                 "without --serial: a bare pseudo-terminal that answers nothing (wire printed)");
+                 "without --serial: a bare pseudo-terminal that answers nothing");
+    app.add_option("--scenario", scenario,
+                   "built-in box: play this CSV drive instead of the built-in one");
+    app.add_option("--columns", columns,
+                   "--scenario's column mapping: SOURCE=NAME[*FACTOR],... or a preset "
+                   "(polidriving)");
     app.add_option("--box-stream-ms", boxStreamMs,
                    "built-in box: data-stream frame period in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
     app.add_option("--box-link-ms", boxLinkMs,
-                   "built-in box: link frame period in host ms (0: none)")
+                   "built-in box: period of its own link frames in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
     app.add_option("--baud", baud, "serial speed")
         ->check(CLI::IsMember(
             std::set<int>{9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600}));
-    app.add_option("--duration", duration, "stop after this many seconds of host time")
+    app.add_option("--duration", duration,
+                   "stop after this many seconds of host time (default: the drive's length; "
+                   "with --serial or --no-box: until interrupted)")
         ->check(positive);
     app.add_option("--product-type", productType, "host product type (72 = CAN-box mode)")
         ->check(CLI::Range(0, 255));
-    app.add_option("--log-level", logLevel, "print log lines up to this level");
+    CLI::Option* logOption =
+        app.add_option("--log-level", logLevel, "print log lines up to this level");
     app.add_option("--dump-level", dumpLevel, "print byte dumps up to this level");
     const CLI::Validator speedCheck(
         [&positive](std::string& text) { return text == "max" ? std::string() : positive(text); },
@@ -313,7 +393,12 @@ int Run(int argc, char** argv) {
                    "allows, the same run every time")
         ->check(speedCheck);
     app.add_option("--time-scale", speed, "deprecated: the same as --speed K")->check(positive);
-    app.add_flag("--json", json, "one JSON object per line on stdout");
+    app.add_flag("--json", json,
+                 "one JSON object per line on stdout for every wire chunk and bus message "
+                 "(decoded); the summary goes to stderr");
+    app.add_flag("--trace", trace, "print every wire byte and bus message as readable lines");
+    app.add_option("--summary-json", summaryJson,
+                   "write the summary as one JSON object to this file");
     app.add_option("--inject", inject,
                    "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin");
     app.add_option("--plugin", plugin, "plug-in library (default: next to this program)");
@@ -327,6 +412,14 @@ int Run(int argc, char** argv) {
     if (speed == "max" && !serial.empty()) {
         return Fail("--speed max: a real box keeps real time; use the built-in box", 2);
     }
+    const bool builtInBox = serial.empty() && !noBox;
+    if (!builtInBox && !scenario.empty()) return Fail("--scenario needs the built-in box", 2);
+    if (scenario.empty() && !columns.empty()) return Fail("--columns needs --scenario", 2);
+    std::vector<obdsim::ColumnMap> columnMap;
+    {
+        std::string error;
+        if (!obdsim::ParseColumns(columns, columnMap, error)) return Fail("--columns: " + error, 2);
+    }
 
     struct sigaction sa {};
     sa.sa_handler = OnSignal;
@@ -334,8 +427,17 @@ int Run(int argc, char** argv) {
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    struct sigaction crash {};
+    crash.sa_handler = OnCrash;
+    sigemptyset(&crash.sa_mask);
+    crash.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (int sig : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT}) sigaction(sig, &crash, nullptr);
 
-    hostsim::SetLogLevel(logLevel);
+    // On a terminal the status line is the display: the plug-in's routine log would scroll it
+    // away, so only its level-0 lines show, unless a level is asked for.
+    const bool statusLine =
+        !json && !trace && ::isatty(STDOUT_FILENO) != 0 && logOption->count() == 0;
+    hostsim::SetLogLevel(statusLine ? 0 : logLevel);
     hostsim::SetDumpLevel(dumpLevel);
     hostsim::SetProductType(productType);
 
@@ -350,25 +452,64 @@ int Run(int argc, char** argv) {
         std::string error;
         if (!CheckPlugin(plugin, error)) return Fail("cannot load plug-in: " + error, 1);
     }
+    std::unique_ptr<obdsim::Drive> drive;
+    if (builtInBox) {
+        drive = std::make_unique<obdsim::Drive>();
+        std::string error;
+        if (scenario.empty()) {
+            *drive = obdsim::BuiltinDrive();
+        } else if (!obdsim::LoadScenario(scenario, columnMap, *drive, error)) {
+            return Fail("cannot read scenario " + error, 1);
+        }
+    }
+    const long long slackMs = ClockSlackMs(speed == "max" ? 0.0 : std::stod(speed));
+    obdsim::TripLog trip(drive.get(), slackMs);
     std::unique_ptr<Injector> injector;
     if (!inject.empty()) {
-        injector = std::make_unique<Injector>(inject);
+        injector = std::make_unique<Injector>(inject, [&trip](int id) { trip.OnInject(id); });
         std::string error;
         if (!injector->Open(error)) return Fail("cannot read inject file " + error, 1);
     }
+    obdsim::ReferenceAnalyser reference;
+    obdsim::RunFacts facts;
+    facts.slackMs = slackMs;
+    facts.source = drive            ? drive->Name()
+                   : serial.empty() ? "bare pseudo-terminal"
+                                    : "box on " + serial;
+    {
+        std::string error;
+        if (!reference.Load(plugin, error)) {
+            facts.statisticsNote = "the reference analyser could not be loaded (" + error + ")";
+        }
+    }
 
-    // stdout carries only the message lines; the plug-in's own stdout traces join the log on
-    // stderr, so a program reading --json sees nothing but JSON.
+    // stdout carries only what the user asked for (message lines, the status line, the
+    // summary); the plug-in's own stdout traces join the log on stderr, or vanish behind a
+    // status line like its routine log, so a program reading --json sees nothing but JSON.
     FILE* out = nullptr;
     const int outFd = ::dup(STDOUT_FILENO);
     if (outFd >= 0) out = ::fdopen(outFd, "w");
     if (out == nullptr) return Fail(std::string("stdout: ") + std::strerror(errno), 1);
     std::fflush(stdout);
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
-    Printer printer(json, out);
+    const int quiet = statusLine ? ::open("/dev/null", O_WRONLY | O_CLOEXEC) : -1;
+    ::dup2(quiet >= 0 ? quiet : STDERR_FILENO, STDOUT_FILENO);
+    if (quiet >= 0) ::close(quiet);
+    std::unique_ptr<obdsim::StatusLine> shownStatus;
+    if (statusLine) {
+        shownStatus = std::make_unique<obdsim::StatusLine>(out, ::isatty(STDERR_FILENO) != 0);
+        hostsim::SetLogSink(
+            [&shownStatus](int, const std::string& line) { shownStatus->Log(line); });
+    }
+    Printer printer(json    ? Printer::Mode::Json
+                    : trace ? Printer::Mode::Trace
+                            : Printer::Mode::Quiet,
+                    out);
+    obdsim::Feeder feeder(
+        drive.get(), &reference,
+        [&trip](long long tMs, const obdsim::DriveSample& items) { trip.OnFrame(tMs, items); });
     // Host time 0 is the start of the run. At max speed this thread takes part from here on: the
-    // box, the plug-in and the bus get their turns in the order it starts them, and host time
-    // waits for it until it sleeps till the end of the run.
+    // box, the plug-in, the bus and the feeder get their turns in the order it starts them, and
+    // host time waits for it until it sleeps till the end of the run.
     std::unique_ptr<hostsim::Participant> self;
     if (speed == "max") {
         hostsim::ClockUseVirtual(0);
@@ -382,12 +523,12 @@ int Run(int argc, char** argv) {
     std::unique_ptr<obdsim::BoxSide> box;
     std::unique_ptr<obdbox::BoxEmulator> emulator;
     int slaveFd = -1;
-    if (serial.empty() && !noBox) {
-        // The default: the box emulator on a pseudo-terminal of its own, every byte of the line
-        // printed with the host time it crossed.
+    if (builtInBox) {
+        // The default: the box emulator on a pseudo-terminal of its own, playing the drive.
         obdbox::BoxOptions o;
         o.streamPeriodMs = boxStreamMs;
         o.linkPeriodMs = boxLinkMs;
+        o.values = [&feeder] { return feeder.Frame(); };
         o.wireTap = [&printer](bool toBox, const uint8_t* data, size_t n) {
             printer.Wire(hostsim::ClockNowMs(), std::vector<unsigned char>(data, data + n), toBox);
         };
@@ -422,9 +563,19 @@ int Run(int argc, char** argv) {
         box->Start();
     }
 
-    const int token =
-        hostsim::BusSubscribe([&printer](const hostsim::BusMessage& m) { printer.Bus(m); });
+    const int token = hostsim::BusSubscribe([&](const hostsim::BusMessage& m) {
+        printer.Bus(m);
+        trip.OnBus(m);
+        // Without the built-in box the plug-in's own table is the only sample the simulator has.
+        if (!builtInBox && !m.response && m.id == 6702 &&
+            m.payload.size() >= sizeof(_OBD_DataTable_t)) {
+            _OBD_DataTable_t table;
+            std::memcpy(&table, m.payload.data(), sizeof(table));
+            reference.Table(table);
+        }
+    });
     int status = 0;
+    bool ran = false;
     {
         hostsim::PluginHost host;
         host.SetSerial(serial, baud);
@@ -439,19 +590,39 @@ int Run(int argc, char** argv) {
             host.Initialize();
             host.RegisterHandlers();
             host.Start();
+            feeder.Start();
             if (injector) injector->Start();
-            const long long endMs = static_cast<long long>(duration * 1000.0);
-            while (!g_signalled && (duration <= 0.0 || hostsim::ClockNowMs() < endMs)) {
+            // Without --duration a drive runs to its end and a second more, for the broadcasts of
+            // its last second.
+            const long long endMs = duration > 0.0 ? std::llround(duration * 1000.0)
+                                    : drive ? std::llround(drive->DurationS() * 1000.0) + 1000
+                                            : -1;
+            auto shown = std::chrono::steady_clock::now();
+            for (;;) {
+                const long long now = hostsim::ClockNowMs();
+                g_hostMs = now;
+                if (g_signalled || (endMs >= 0 && now >= endMs)) break;
+                if (shownStatus &&
+                    std::chrono::steady_clock::now() - shown > std::chrono::milliseconds(100)) {
+                    shown = std::chrono::steady_clock::now();
+                    shownStatus->Show(trip.Status(now));
+                }
                 if (self) {
-                    // Sleeps on host time in turn; a signal is seen after at most 10 host s.
-                    const long long left = duration <= 0.0 ? 10000 : endMs - hostsim::ClockNowMs();
+                    // Sleeps on host time in turn; a signal or the status line is seen at least
+                    // every host second.
+                    const long long left = endMs < 0 ? 1000 : endMs - now;
                     Common::P4X_TMSleepMicroSecond(
-                        static_cast<unsigned int>(std::min(left, 10000LL) * 1000));
+                        static_cast<unsigned int>(std::min(left, 1000LL) * 1000));
                 } else {
                     std::this_thread::sleep_for(std::chrono::milliseconds(2));
                 }
             }
+            trip.Finish(hostsim::ClockNowMs());
+            facts.realSeconds =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count();
+            ran = true;
             if (injector) injector->Stop();
+            feeder.Stop();
             host.Release();
         }
     }
@@ -460,6 +631,24 @@ int Run(int argc, char** argv) {
     if (box) box->Stop();
     if (emulator) emulator->Stop();
     if (slaveFd >= 0) ::close(slaveFd);
+    if (shownStatus) shownStatus->Clear();
+    hostsim::SetLogSink({});
+    if (ran) {
+        const obdsim::Json summary = obdsim::SummaryJson(trip, &reference, facts);
+        const std::string text = obdsim::SummaryText(summary);
+        const std::string line =
+            summary.dump(-1, ' ', false, obdsim::Json::error_handler_t::replace);
+        // With --json stdout stays one message per line; the summary goes where a person reads.
+        std::fputs(text.c_str(), json ? stderr : out);
+        if (!summaryJson.empty()) {
+            std::ofstream file(summaryJson);
+            file << line << "\n";
+            if (!file) status = Fail("cannot write " + summaryJson, 1);
+        }
+        if (!summary["ok"].get<bool>() && status == 0) {
+            status = Fail("plug-in misbehaved: " + summary["problems"][0].get<std::string>(), 3);
+        }
+    }
     std::fclose(out);
     return status;
 }

@@ -1,0 +1,258 @@
+// obd-sim end to end: the real plug-in, loaded as the recorder loads it, against the built-in box
+// playing the built-in drive, the example scenarios and a real recorded trip, on virtual time.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "Decode.h"
+#include "Drive.h"
+#include "GdsLogicAnalyser.h"
+#include "Scenario.h"
+
+extern char** environ;
+
+namespace obdsim {
+namespace {
+
+const std::string kScenarios = OBD_SOURCE_DIR "/tools/obd-sim/scenarios/";
+const std::string kTrip = OBD_SOURCE_DIR "/tests/data/polidriving/andres_20231222_134710.csv";
+
+class SimRun : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_NE(mkdtemp(&dir[0]), nullptr); }
+    void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
+    std::string Slurp(const std::string& name) const {
+        std::stringstream s;
+        s << std::ifstream(dir + name).rdbuf();
+        return s.str();
+    }
+    // Starts obd-sim with `args` (stdout, stderr to files; stdin empty).
+    void Start(const std::string& args) {
+        const std::string cmd = "exec " OBD_SIM_LAUNCHER " " OBD_SIM " " + args + " </dev/null >" +
+                                dir + "/out 2>" + dir + "/err";
+        const char* argv[] = {"sh", "-c", cmd.c_str(), nullptr};
+        ASSERT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ),
+                  0);
+    }
+    // Its exit code, -1 when it did not end by itself within `seconds`.
+    int Finish(int seconds = 100) {
+        int status = 0;
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+        while (waitpid(pid, &status, WNOHANG) != pid) {
+            if (std::chrono::steady_clock::now() > limit) {
+                kill(pid, SIGKILL);
+                waitpid(pid, &status, 0);
+                return -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        out = Slurp("/out");
+        err = Slurp("/err");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    int Run(const std::string& args, int seconds = 100) {
+        Start(args);
+        return Finish(seconds);
+    }
+    Json Summary() const {
+        Json j = Json::parse(Slurp("/summary.json"), nullptr, false);
+        return j.is_discarded() ? Json() : j;
+    }
+    static std::multiset<std::string> Keys(const Json& summary) {
+        std::multiset<std::string> keys;
+        for (const Json& a : summary["alarms"]) keys.insert(a["key"].get<std::string>());
+        return keys;
+    }
+    static std::multiset<std::string> Keys(const Drive& d) {
+        std::multiset<std::string> keys;
+        for (const ExpectedAlarm& e : d.Expected()) keys.insert(e.key);
+        return keys;
+    }
+    std::string dir = "/tmp/obdsimrunXXXXXX", out, err;
+    pid_t pid = -1;
+};
+
+TEST_F(SimRun, BuiltInDriveGivesEachAlarmOnceAndDecodedMessages) {
+    ASSERT_EQ(Run("--speed max --json --summary-json " + dir + "/summary.json"), 0) << err;
+    const Drive drive = BuiltinDrive();
+    const Json s = Summary();
+    EXPECT_TRUE(s["ok"].get<bool>()) << s["problems"].dump();
+    EXPECT_EQ(Keys(s), Keys(drive));
+    const float km = drive.ItemsAt(drive.DurationS()).value[OBD_IDX_MILEAGE] -
+                     drive.ItemsAt(0).value[OBD_IDX_MILEAGE];
+    EXPECT_NEAR(s["statistics"]["distance_km"].get<double>(), km, 0.01);
+    EXPECT_GT(s["statistics"]["brake_count"].get<int>(), 0);
+    EXPECT_EQ(s["box"]["version"]["hw_name"], "EMU-OBD-BOX");
+    EXPECT_NE(err.find("Trip summary: built-in drive"), std::string::npos) << err;
+    // Every data message shows the plug-in's table following the drive: its speed is one the
+    // drive had in the seconds before; every alarm message names alarms of the summary.
+    std::istringstream lines(out);
+    int data = 0, records = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const Json j = Json::parse(line, nullptr, false);
+        ASSERT_FALSE(j.is_discarded()) << line;
+        if (j["kind"] == "wire") continue;
+        const double t = j["t_ms"].get<double>() / 1000.0;
+        if (j["id"] == 6702 && j["decoded"]["items"].contains("speed")) {
+            const double v = j["decoded"]["items"]["speed"].get<double>();
+            float lo = 1e9f, hi = -1e9f;
+            for (int k = 0; k <= 400; ++k) {
+                const float at = drive.ItemsAt(t - 4.0 + k / 100.0).value[OBD_IDX_SPEED];
+                lo = std::min(lo, at);
+                hi = std::max(hi, at);
+            }
+            EXPECT_TRUE(v >= lo - 0.01 && v <= hi + 0.01) << t << ": " << v;
+            ++data;
+        }
+        if (j["id"] == 6720) {
+            for (const Json& a : j["decoded"]["alarms"]) {
+                EXPECT_EQ(Keys(s).count(a["key"].get<std::string>()), 1u) << line;
+            }
+        }
+        if (j["id"] == 6714) records += j["decoded"]["record_count"].get<int>();
+    }
+    EXPECT_GT(data, 800);
+    EXPECT_GT(records, 500);  // a frame that changes nothing makes no record
+}
+
+TEST_F(SimRun, ExampleScenariosGiveTheAlarmsTheyName) {
+    for (const char* name : {"overheating", "rough-road", "hill-town"}) {
+        const std::string file = kScenarios + name + ".csv";
+        EXPECT_EQ(
+            Run("--scenario " + file + " --speed max --summary-json " + dir + "/summary.json"), 0)
+            << name << ": " << out;
+        Drive d;
+        std::string error;
+        ASSERT_TRUE(LoadScenario(file, {}, d, error)) << error;
+        EXPECT_EQ(Keys(Summary()), Keys(d)) << name;
+        // Off a terminal stdout carries the summary and nothing else.
+        EXPECT_EQ(out.rfind(std::string("Trip summary: scenario ") + name + ".csv, ", 0), 0u)
+            << out;
+    }
+}
+
+// Stretches of the trip where `holds` is true, as [begin, end] vehicle seconds, looked at every
+// 0.1 s; breaks shorter than `bridge` seconds are bridged (a data-stream frame may fall on either
+// side of them).
+template <typename Holds>
+std::vector<std::pair<double, double>> Stretches(const Drive& d, Holds holds, double bridge) {
+    std::vector<std::pair<double, double>> s;
+    for (int k = 0; k <= static_cast<int>(d.DurationS() * 10); ++k) {
+        const double t = k / 10.0;
+        const DriveSample x = d.ItemsAt(t);
+        // The analyser truncates values to integers.
+        if (!holds(static_cast<int>(x.value[OBD_IDX_SPEED]),
+                   static_cast<int>(x.value[OBD_IDX_ENGINE_SPEED]))) {
+            continue;
+        }
+        if (s.empty() || t - s.back().second > bridge + 0.15) s.push_back({t, t});
+        s.back().second = t;
+    }
+    return s;
+}
+
+TEST_F(SimRun, RealTripGivesWhatItsDriverWouldRecognise) {
+    if (std::string(OBD_SIM_LAUNCHER).size() > 0) {
+        GTEST_SKIP() << "168 minutes of trip are too long for an emulated target";
+    }
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the scenarios run under the sanitizer; the long trip runs in the plain build";
+#endif
+    // On virtual time the trip replays in seconds, every plug-in cycle in its place; the distance
+    // comes from the reference analyser, which counts vehicle time exactly.
+    ASSERT_EQ(Run("--scenario " + kTrip + " --columns polidriving --speed max --summary-json " +
+                      dir + "/summary.json",
+                  110),
+              0)
+        << err.substr(0, 2000) << out;
+    const Json s = Summary();
+    Drive trip;
+    std::vector<ColumnMap> map;
+    std::string error;
+    ASSERT_TRUE(ParseColumns("polidriving", map, error) && LoadScenario(kTrip, map, trip, error));
+    std::vector<double> idling;
+    std::vector<std::pair<double, double>> revving;  // [start, end] of each over-running alarm
+    for (const Json& a : s["alarms"]) {
+        const double start = a["start_s"].get<double>();
+        if (a["key"] == "idling_timeout") idling.push_back(start);
+        if (a["key"] == "over_running") {
+            revving.push_back({start, start + a["duration_s"].get<double>()});
+        }
+        EXPECT_NE(a["key"], "coolant_high") << "the trip peaks at 96 C";
+    }
+    // The 5-minute idle: the idling alarm 240 s into it.
+    const auto idles = Stretches(
+        trip, [](int v, int rpm) { return v == 0 && rpm > 0; }, 0);
+    const auto longest = *std::max_element(idles.begin(), idles.end(), [](auto a, auto b) {
+        return a.second - a.first < b.second - b.first;
+    });
+    EXPECT_GT(longest.second - longest.first, 300);
+    ASSERT_EQ(idling.size(), 1u) << s["alarms"].dump();
+    EXPECT_GE(idling[0], longest.first + 238);
+    EXPECT_LE(idling[0], longest.second + 2);
+    // Over-running only where the engine stayed above 1800 rpm while moving, and in every such
+    // stretch of 20 s or more. The box's stream pauses while the plug-in restarts it every 10 s,
+    // at this scale for a second or two of host time, in which the plug-in's table keeps its last
+    // values: a dip below 1800 rpm shorter than 3 s may pass unseen.
+    auto revs1800 = [](int v, int rpm) { return v > 0 && rpm > 1800; };
+    const auto revs = Stretches(trip, revs1800, 3.0);
+    for (const auto& alarm : revving) {
+        EXPECT_TRUE(std::any_of(
+            revs.begin(), revs.end(),
+            [&](auto r) { return alarm.first >= r.first + 4 && alarm.first <= r.second + 3; }))
+            << "over-running at " << alarm.first;
+    }
+    for (const auto& r : Stretches(trip, revs1800, 0)) {
+        if (r.second - r.first < 20) continue;
+        EXPECT_TRUE(
+            std::any_of(revving.begin(), revving.end(),
+                        [&](auto a) { return a.first <= r.second + 3 && a.second >= r.first; }))
+            << "no over-running in " << r.first << "-" << r.second;
+    }
+    const double logged = trip.ItemsAt(trip.DurationS()).value[OBD_IDX_MILEAGE];
+    EXPECT_NEAR(s["statistics"]["distance_km"].get<double>(), logged, 0.03 * logged);
+}
+
+TEST_F(SimRun, UnusableScenarioOrMisbehavingPlugInEndsWithItsReason) {
+    std::ofstream(dir + "/bad.csv") << "t,speed\n0,1\n1,fast\n";
+    const std::vector<std::tuple<std::string, int, std::string>> cases = {
+        {"--scenario /nonexistent/trip.csv", 1, "cannot read scenario"},
+        {"--scenario " + dir + "/bad.csv", 1, "bad.csv:3: column \"speed\": \"fast\" is not"},
+        {"--no-box --scenario " + dir + "/bad.csv", 2, "--scenario needs the built-in box"},
+        {"--columns polidriving", 2, "--columns needs --scenario"},
+        {"--scenario " + dir + "/bad.csv --columns nosuch", 2, "unknown column preset"},
+#ifdef HOST_TEST_PLUGIN
+        // A program that is no OBD plug-in: the drive runs, the link never comes up.
+        {"--plugin " HOST_TEST_PLUGIN " --time-scale 50 --duration 60", 3,
+         "obd-sim: plug-in misbehaved: the plug-in never reported the OBD link up\n"},
+#endif
+    };
+    for (const auto& [args, code, said] : cases) {
+        EXPECT_EQ(Run(args), code) << args << ": " << err;
+        EXPECT_NE(err.find(said), std::string::npos) << args << ": " << err;
+    }
+}
+
+TEST_F(SimRun, CrashEndsInOneLineAndTheMisbehaviourStatus) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's own handler takes the signal";
+#endif
+    Start("--time-scale 20");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    kill(pid, SIGSEGV);
+    EXPECT_EQ(Finish(), 3);
+    EXPECT_NE(err.find("obd-sim: plug-in misbehaved: crashed (SIGSEGV) at vehicle second "),
+              std::string::npos)
+        << err;
+}
+
+}  // namespace
+}  // namespace obdsim

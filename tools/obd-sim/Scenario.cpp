@@ -1,0 +1,287 @@
+#include "Scenario.h"
+
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+// The parser's own reading thread buys nothing for files of a few megabytes.
+#define CSV_IO_NO_THREAD
+// The parser copies file names into its error records with strncpy and terminates them itself;
+// GCC's truncation warning, raised where that code is inlined here, is about that copy.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wstringop-truncation"
+#endif
+#include <libfccp/csv.h>
+
+namespace obdsim {
+namespace {
+
+// Room for every name of the file format (2 time names, 59 items, 6 six-axis components) and as
+// many mapped columns.
+constexpr size_t kMaxColumns = 72;
+using Reader = io::CSVReader<kMaxColumns, io::trim_chars<' ', '\t'>, io::no_quote_escape<','>,
+                             io::throw_on_overflow, io::single_and_empty_line_comment<'#'>>;
+using Cells = std::array<char*, kMaxColumns>;
+using Names = std::array<std::string, kMaxColumns>;
+
+constexpr int kTimeChannel = -2;
+const char* const kMotionNames[] = {"acc_x", "acc_y", "acc_z", "rot_x", "rot_y", "rot_z"};
+
+// The channel a scenario name stands for, kTimeChannel for t and time, -1 for none.
+int Channel(const std::string& name) {
+    if (name == "t" || name == "time") return kTimeChannel;
+    for (int i = 0; i < 6; ++i) {
+        if (name == kMotionNames[i]) return kAccX + i;
+    }
+    return ItemIndex(name);
+}
+
+template <size_t... I>
+void ReadHeader(Reader& r, io::ignore_column policy, const Names& names,
+                std::index_sequence<I...>) {
+    r.read_header(policy, names[I]...);
+}
+
+template <size_t... I>
+bool ReadRow(Reader& r, Cells& cells, std::index_sequence<I...>) {
+    return r.read_row(cells[I]...);
+}
+
+bool Number(const char* text, double& out) {
+    errno = 0;
+    char* end = nullptr;
+    out = std::strtod(text, &end);
+    return end != text && *end == '\0' && errno == 0 && std::isfinite(out);
+}
+
+// H:MM:SS with optional fractions of a second.
+bool ClockTime(const char* text, double& out) {
+    const char* first = std::strchr(text, ':');
+    const char* second = first != nullptr ? std::strchr(first + 1, ':') : nullptr;
+    if (second == nullptr) return false;
+    const std::string h(text, first), m(first + 1, second);
+    double hours = 0, minutes = 0, seconds = 0;
+    if (!Number(h.c_str(), hours) || !Number(m.c_str(), minutes) || !Number(second + 1, seconds) ||
+        hours < 0 || minutes < 0 || minutes >= 60 || seconds < 0 || seconds >= 61) {
+        return false;
+    }
+    out = hours * 3600 + minutes * 60 + seconds;
+    return true;
+}
+
+// The "# expect KEY START_S LEVEL HOLD_S" comment lines: alarms the drive is written to provoke.
+bool ReadExpected(const std::string& path, std::vector<ExpectedAlarm>& out, std::string& error) {
+    std::ifstream in(path);
+    std::string text;
+    for (int line = 1; std::getline(in, text); ++line) {
+        if (text.rfind("# expect ", 0) != 0) continue;
+        std::istringstream words(text.substr(9));
+        ExpectedAlarm e;
+        std::string extra;
+        if (!(words >> e.key >> e.startS >> e.level >> e.holdS) || (words >> extra) ||
+            AlarmIndex(e.key) < 0 || e.level < 1 || e.level > 3 || e.startS < 0 || e.holdS < 0) {
+            error = path + ":" + std::to_string(line) +
+                    ": expected \"# expect KEY START_S LEVEL HOLD_S\" with an alarm key";
+            return false;
+        }
+        out.push_back(e);
+    }
+    return true;
+}
+
+std::string KnownNames() {
+    return "t or time, OBD item names (speed, engine_speed, coolant_temp, battery_volt, "
+           "accelerator, brake, mileage, fuel, ... item_N), acc_x, acc_y, acc_z, rot_x, rot_y, "
+           "rot_z";
+}
+
+}  // namespace
+
+bool ParseColumns(const std::string& mapping, std::vector<ColumnMap>& out, std::string& error) {
+    out.clear();
+    if (mapping.empty()) return true;
+    std::string list = mapping;
+    if (mapping == "polidriving") {
+        list =
+            "time=time,speed=speed,rpm=engine_speed,throttle_position=accelerator,"
+            "engine_temperature=coolant_temp,system_voltage=battery_volt,"
+            "distance_travelled=mileage";
+    } else if (mapping.find('=') == std::string::npos) {
+        error = "unknown column preset \"" + mapping + "\" (known: polidriving)";
+        return false;
+    }
+    size_t at = 0;
+    while (at <= list.size()) {
+        size_t comma = list.find(',', at);
+        if (comma == std::string::npos) comma = list.size();
+        const std::string entry = list.substr(at, comma - at);
+        at = comma + 1;
+        const size_t eq = entry.find('=');
+        ColumnMap c;
+        if (eq == std::string::npos || eq == 0 || eq + 1 == entry.size()) {
+            error = "column mapping \"" + entry + "\": expected SOURCE=NAME[*FACTOR]";
+            return false;
+        }
+        c.source = entry.substr(0, eq);
+        c.target = entry.substr(eq + 1);
+        const size_t star = c.target.find('*');
+        if (star != std::string::npos) {
+            if (!Number(c.target.c_str() + star + 1, c.factor)) {
+                error = "column mapping \"" + entry + "\": bad factor";
+                return false;
+            }
+            c.target.resize(star);
+        }
+        if (Channel(c.target) == -1) {
+            error = "column mapping \"" + entry + "\": unknown name \"" + c.target + "\"";
+            return false;
+        }
+        for (const ColumnMap& o : out) {
+            if (o.source == c.source || o.target == c.target) {
+                error = "column mapping \"" + entry + "\": column or name used twice";
+                return false;
+            }
+        }
+        out.push_back(c);
+        if (out.size() > kMaxColumns) {
+            error = "column mapping: more than " + std::to_string(kMaxColumns) + " columns";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns, Drive& out,
+                  std::string& error) {
+    std::vector<ColumnMap> map = columns;
+    const bool ownNames = map.empty();
+    if (ownNames) {
+        for (const char* n : {"t", "time"}) map.push_back({n, n, 1.0});
+        for (int i = 0; i < kItemCount; ++i) map.push_back({ItemName(i), ItemName(i), 1.0});
+        for (const char* n : kMotionNames) map.push_back({n, n, 1.0});
+    }
+    Names names;
+    for (size_t i = 0; i < kMaxColumns; ++i) {
+        // Unused slots get names no header can hold (a cell never contains a comma).
+        names[i] = i < map.size() ? map[i].source : ",unused" + std::to_string(i);
+    }
+    const std::string where = path + ": ";
+    int line = 0;
+    try {
+        Reader reader(path);
+        const io::ignore_column policy = ownNames
+                                             ? io::ignore_missing_column
+                                             : io::ignore_missing_column | io::ignore_extra_column;
+        try {
+            ReadHeader(reader, policy, names, std::make_index_sequence<kMaxColumns>());
+        } catch (const io::error::extra_column_in_header& e) {
+            error = where + "unknown column \"" + e.column_name + "\" (columns: " + KnownNames() +
+                    "; another file's columns need --columns)";
+            return false;
+        }
+        // Which of the mapped columns the file has, and its time column.
+        std::vector<size_t> used;
+        int timeSlot = -1;
+        for (size_t i = 0; i < map.size(); ++i) {
+            if (!reader.has_column(map[i].source)) {
+                if (!ownNames) {
+                    error = where + "no column \"" + map[i].source + "\" in its header";
+                    return false;
+                }
+                continue;
+            }
+            if (Channel(map[i].target) == kTimeChannel) {
+                if (timeSlot >= 0) {
+                    error = where + "two time columns";
+                    return false;
+                }
+                timeSlot = static_cast<int>(i);
+            } else {
+                used.push_back(i);
+            }
+        }
+        if (timeSlot < 0 || used.empty()) {
+            error = where + "needs a time column (t or time) and at least one more";
+            return false;
+        }
+        std::vector<Drive::Channel> channels(used.size());
+        std::vector<bool> known(used.size(), false);
+        std::vector<float> last(used.size(), 0.0f);
+        for (size_t k = 0; k < used.size(); ++k) {
+            const int ch = Channel(map[used[k]].target);
+            channels[k].id = ch;
+            channels[k].mode =
+                ch < kItemCount && ItemIsState(ch) ? Drive::Mode::Hold : Drive::Mode::Linear;
+        }
+        Cells cells;
+        double t0 = 0, previous = 0, dayOffset = 0, lastClock = 0;
+        bool first = true;
+        for (;;) {
+            cells.fill(nullptr);
+            if (!ReadRow(reader, cells, std::make_index_sequence<kMaxColumns>())) break;
+            line = static_cast<int>(reader.get_file_line());
+            const std::string at = path + ":" + std::to_string(line) + ": ";
+            const char* timeCell = cells[static_cast<size_t>(timeSlot)];
+            double t = 0;
+            const bool clock = timeCell != nullptr && std::strchr(timeCell, ':') != nullptr;
+            if (timeCell == nullptr || !(clock ? ClockTime(timeCell, t) : Number(timeCell, t))) {
+                error = at + "bad time \"" + (timeCell != nullptr ? timeCell : "") + "\"";
+                return false;
+            }
+            if (clock) {
+                // A clock that goes back by more than half a day has passed midnight.
+                if (!first && t + dayOffset < lastClock - 43200) dayOffset += 86400;
+                t += dayOffset;
+                lastClock = t;
+            }
+            if (first) t0 = t;
+            t -= t0;
+            if (!first && t <= previous) {
+                error = at + "time " + timeCell + " is not after the previous row's";
+                return false;
+            }
+            for (size_t k = 0; k < used.size(); ++k) {
+                const char* cell = cells[used[k]];
+                if (cell != nullptr && *cell != '\0') {
+                    double v = 0;
+                    if (!Number(cell, v)) {
+                        error = at + "column \"" + map[used[k]].source + "\": \"" + cell +
+                                "\" is not a number";
+                        return false;
+                    }
+                    last[k] = static_cast<float>(v * map[used[k]].factor);
+                    known[k] = true;
+                }
+                if (known[k]) {
+                    channels[k].t.push_back(t);
+                    channels[k].v.push_back(last[k]);
+                }
+            }
+            previous = t;
+            first = false;
+        }
+        if (first) {
+            error = where + "no rows";
+            return false;
+        }
+        std::vector<ExpectedAlarm> expected;
+        if (!ReadExpected(path, expected, error)) return false;
+        const size_t slash = path.rfind('/');
+        Drive d("scenario " + (slash == std::string::npos ? path : path.substr(slash + 1)));
+        for (auto& c : channels) d.SetChannel(std::move(c));
+        d.SetExpected(std::move(expected));
+        out = std::move(d);
+        return true;
+    } catch (const io::error::base& e) {
+        // The parser's own words name the file and the line ("Too few columns in line 7 ...").
+        error = e.what();
+        return false;
+    }
+}
+
+}  // namespace obdsim

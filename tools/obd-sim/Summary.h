@@ -1,0 +1,27 @@
+// The trip summary printed at the end of a run: the plug-in's alarms (name, level, start,
+// duration), the trip statistics of the reference analyser, the box's device information and
+// the verdict. Built once as JSON (--json's last line, --summary-json) and rendered from that as
+// text, so the two never disagree.
+#pragma once
+
+#include <string>
+
+#include "Decode.h"
+
+namespace obdsim {
+
+class TripLog;
+class ReferenceAnalyser;
+
+struct RunFacts {
+    std::string source;  // what drove the box: "built-in drive", "scenario FILE", "serial PATH"
+    double realSeconds = 0;
+    long long slackMs = 0;       // how late the clock may deliver a periodic event (TripLog)
+    std::string statisticsNote;  // why there are no statistics, when there are none
+};
+
+// `reference` may be null or not loaded: the summary then says why, from `facts`.
+Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const RunFacts& facts);
+std::string SummaryText(const Json& summary);
+
+}  // namespace obdsim

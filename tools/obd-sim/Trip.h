@@ -1,0 +1,100 @@
+// What the recorder would have seen of a trip: the plug-in's broadcasts followed as they arrive
+// (alarms begun and ended, the box's device information, the link state, the latest OBD data),
+// and the checks that tell whether the plug-in behaved.
+//
+// The plug-in misbehaved when, with the built-in box playing a drive:
+//  - it did not report the OBD link up (status record) within 15 s;
+//  - from then on, its OBD data or alarm broadcast (1 s each) did not come within a second (plus
+//    the clock's slack) of the previous one;
+//  - it reported the OBD link lost (status record, link bit cleared), or its OBD data stopped
+//    following the frames the box kept sending (for longer than 3 s plus the slack);
+//  - for a drive that names its alarms (the built-in one), an alarm did not come once at its
+//    time and level, or another one came.
+// An upgrade in progress and a power-down message suspend the broadcast checks, as they suspend
+// the plug-in's 1 s work. A crash is caught by the caller (the process is gone).
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Decode.h"
+#include "Drive.h"
+#include "HostSim.h"
+
+namespace obdsim {
+
+struct AlarmEvent {
+    int alarm = 0;  // ObdNames alarm index
+    int level = 0;  // highest level while it lasted
+    long long startMs = 0;
+    long long endMs = -1;  // -1: still on at the end
+    bool expected = false;
+};
+
+class TripLog {
+  public:
+    // `drive` is what the built-in box plays (null: a real box, or none). `slackMs`: how late a
+    // clock may deliver a periodic event (0 on an exact clock).
+    TripLog(const Drive* drive, long long slackMs);
+
+    // Every outbound bus message, in order (the bus thread).
+    void OnBus(const hostsim::BusMessage& m);
+    // Every data-stream frame the box sent (the box's thread).
+    void OnFrame(long long tMs, const DriveSample& items);
+    // An inbound message the simulator injected for the user.
+    void OnInject(int id);
+
+    // One line for a terminal at host time `nowMs`.
+    std::string Status(long long nowMs) const;
+    // Closes the trip at host time `endMs`: alarms still on stay open, the checks that need the
+    // whole trip run.
+    void Finish(long long endMs);
+
+    std::vector<AlarmEvent> Alarms() const;
+    // Alarms the drive names that did not come (after Finish).
+    std::vector<ExpectedAlarm> Missing() const;
+    // Reasons the plug-in misbehaved, first first; empty when it behaved.
+    std::vector<std::string> Problems() const;
+    // The last status record (decoded), null before any.
+    Json Box() const;
+    long long LinkUpMs() const;
+    long long EndMs() const;
+    const Drive* DriveOf() const { return m_drive; }
+
+  private:
+    struct Frame {
+        long long tMs;
+        DriveSample items;
+    };
+    void Problem(const std::string& text);
+    void CheckGap(int id, long long& last, long long nowMs);
+    void CheckFollows(const hostsim::BusMessage& m);
+    bool Suspended() const;
+
+    const Drive* m_drive;
+    const long long m_slackMs;
+    mutable std::mutex m_mutex;  // guards everything below
+    uint64_t m_words[4] = {0, 0, 0, 0};
+    std::vector<AlarmEvent> m_alarms;
+    int m_open[kAlarmCount];                // index into m_alarms of the alarm on now, -1 when off
+    std::vector<unsigned char> m_lastData;  // latest OBD data message
+    Json m_box;
+    int m_linkState = -1;  // obd_state bit 0 of the last status record, -1 before any
+    long long m_linkUpMs = -1;
+    long long m_lastObdMs = -1, m_lastAlarmMs = -1;
+    bool m_upgrading = false, m_poweredDown = false;
+    std::deque<Frame> m_frames;  // the box's recent frames
+    long long m_staleSinceMs = -1;
+    bool m_staleReported = false;
+    std::vector<std::string> m_problems;
+    std::vector<ExpectedAlarm> m_missing;
+    long long m_endMs = -1;
+};
+
+// Host time as H:MM:SS.
+std::string Clock(long long ms);
+
+}  // namespace obdsim
