@@ -75,8 +75,9 @@ std::string Hex(const ByteVec& b) {
 }
 
 DataItems DefaultValues() {
-    // Engine speed, vehicle speed, coolant temperature and battery voltage.
-    return {{1, 850.0f}, {2, 0.0f}, {3, 88.0f}, {12, 13.8f}};
+    // Engine speed, vehicle speed, battery voltage and coolant temperature (box ids are the
+    // table's indices + 1).
+    return {{7, 850.0f}, {8, 0.0f}, {9, 13.8f}, {10, 88.0f}};
 }
 
 }  // namespace
