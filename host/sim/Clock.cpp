@@ -40,6 +40,7 @@ struct ClockState {
     long long wallHostBaseMs = 0;
     uint64_t generation = 0;
     std::vector<int> wakers;
+    std::vector<std::condition_variable*> events;  // of the live CTMWaitEvents
 
     uint64_t MonoLocked() const {
         if (mode == ClockMode::Stepped) return monoBaseUs;
@@ -53,6 +54,7 @@ struct ClockState {
     void ChangedLocked() {
         ++generation;
         changed.notify_all();
+        for (std::condition_variable* cv : events) cv->notify_all();
         const uint64_t one = 1;
         for (int fd : wakers) {
             ssize_t n = ::write(fd, &one, sizeof(one));
@@ -240,6 +242,50 @@ void P4X_TMSleepMicroSecond(unsigned int us) {
             c.changed.wait_for(lock, std::chrono::microseconds(static_cast<long long>(realUs)));
         }
     }
+}
+
+// Waiters of an event sleep on the event's own condition variable but under the clock's mutex:
+// a clock change (a step, a mode change) reaches them like every sleeper, a Notify only them.
+struct CTMWaitEvent::State {
+    std::condition_variable cv;
+};
+
+CTMWaitEvent::CTMWaitEvent() : m_state(new State) {
+    auto& c = hostsim::Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    c.events.push_back(&m_state->cv);
+}
+
+CTMWaitEvent::~CTMWaitEvent() {
+    {
+        auto& c = hostsim::Clock();
+        std::lock_guard<std::mutex> lock(c.mutex);
+        c.events.erase(std::remove(c.events.begin(), c.events.end(), &m_state->cv), c.events.end());
+    }
+    delete m_state;
+}
+
+bool CTMWaitEvent::WaitMicroSecond(unsigned int us, bool (*ready)(void*), void* arg) {
+    auto& c = hostsim::Clock();
+    std::unique_lock<std::mutex> lock(c.mutex);
+    const uint64_t deadline = c.MonoLocked() + us;
+    for (;;) {
+        if (ready != nullptr && ready(arg)) return true;
+        const uint64_t mono = c.MonoLocked();
+        if (mono >= deadline) return false;
+        if (c.mode == hostsim::ClockMode::Stepped) {
+            m_state->cv.wait(lock);
+        } else {
+            const double realUs = std::ceil(static_cast<double>(deadline - mono) / c.factor);
+            m_state->cv.wait_for(lock, std::chrono::microseconds(static_cast<long long>(realUs)));
+        }
+    }
+}
+
+void CTMWaitEvent::Notify() {
+    auto& c = hostsim::Clock();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    m_state->cv.notify_all();
 }
 
 }  // namespace Common

@@ -8,11 +8,13 @@
 // delivers on its own thread; a bus listener or a log sink must not block for long.
 //
 // Host time. Everything time-based in the host and in the plug-in reads one host clock:
-// the cycle's `now`, P4X_TMGetSystemMicroSecond, P4X_TMGetShareTime and P4X_TMSleepMicroSecond.
+// the cycle's `now`, P4X_TMGetSystemMicroSecond, P4X_TMGetShareTime, P4X_TMSleepMicroSecond and
+// the deadline of CTMWaitEvent::WaitMicroSecond.
 //  - Real:    host time runs with the machine's monotonic clock.
 //  - Scaled:  host time runs `factor` times faster; host sleeps last 1/factor as long.
 //  - Stepped: host time moves only through ClockAdvance / ClockSet; a sleeper wakes exactly when
-//             host time reaches its deadline, and not before.
+//             host time reaches its deadline, and not before (a CTMWaitEvent waiter also when
+//             notified, in real time).
 // Setting the clock backwards (ClockSet below the current time) moves the reported time back but
 // does not count as time passing: a sleep or a pending cycle still needs the host time it had
 // left at the jump, measured from the new time. So a jump backwards never hangs a sleeper and

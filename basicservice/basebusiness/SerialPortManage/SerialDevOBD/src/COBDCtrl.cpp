@@ -14,6 +14,8 @@ COBDCtrl::COBDCtrl(CSerialDevOBD* owner)
       m_demarcateResult(0),
       m_seqNo(0),
       m_waitCmd(OBD_CMD_NONE),
+      m_upgState(0),
+      m_upgPercent(0),
       m_bBoxAlive(0),
       m_bInited(0),
       m_dataTableMutex(),
@@ -22,7 +24,8 @@ COBDCtrl::COBDCtrl(CSerialDevOBD* owner)
       m_recvBuf{},
       m_recvMutex(),
       m_bCanBoxMode(0),
-      m_productType(PRODUCT_TYPE_UNKNOWN) {
+      m_productType(PRODUCT_TYPE_UNKNOWN),
+      m_cmdEvent() {
     for (auto& item : m_dataTable.item) {
         item.id = -1;  // absent until the box sends it
         item.value = 0.0f;

@@ -7,9 +7,11 @@
 //    takes m_dataTableMutex (one item at a time) and, through UpdateDevInfo, the owner's
 //    m_devInfoMutex. So a caller of ReceiveData must not hold m_devInfoMutex.
 //  - sending: the commands (send thread; OBD_StopTs also from the power-down handler). They take
-//    no lock; the awaited-command state and the sequence counter are atomics.
+//    no lock; the awaited-command state and the sequence counter are atomics. A command waits on
+//    m_cmdEvent, which the dispatcher notifies when it moves the awaited-command state.
 // Sources: COBDCtrl.cpp (lifecycle), COBDCtrlReceive.cpp (framing, receiver),
-// COBDCtrlCmd.cpp (commands), COBDCtrlDispatch.cpp (dispatch), COBDParser.cpp (parsers).
+// COBDCtrlCmd.cpp (commands), COBDCtrlDispatch.cpp (dispatch), COBDParser.cpp (parsers),
+// COBDCtrlUpgrade.cpp (firmware transfer).
 #pragma once
 
 #include <pthread.h>
@@ -45,6 +47,11 @@ constexpr int OBD_CMD_TIMEOUT_MS = 2000;
 constexpr int OBD_CMD_RETRIES = 10;
 constexpr int OBD_RESET_TIMEOUT_MS = 100;
 constexpr int OBD_RESET_RETRIES = 1;
+// Firmware transfer: chunk size, and what the name packet can carry (a 128-byte packet with 2
+// length and 4 size bytes, the name's NUL included).
+constexpr int OBD_UPG_CHUNK = 256;
+constexpr int OBD_UPG_NAME_PACKET = 128;
+constexpr int OBD_UPG_NAME_MAX = OBD_UPG_NAME_PACKET - 7;
 
 class COBDCtrl : public COBDParser {
   public:
@@ -82,6 +89,8 @@ class COBDCtrl : public COBDParser {
     int OBD_ExecuteCmd(obdcmd_t cmd, _OBD_PkgInData_t* in, int retry);
     // 0 answered, 1 refused by the box, 2 timed out.
     int OBD_WaitCmd(obdcmd_t awaited, int timeoutMs);
+    // Makes a waiting command look at the awaited-command state again. Any thread.
+    void OBD_WakeCmdWait() { m_cmdEvent.Notify(); }
     // 0 answered, -1 not answered after retries + 1 attempts.
     int OBD_SendCmd(obdcmd_t request, obdcmd_t awaited, _OBD_PkgInData_t* in, int timeoutMs,
                     int retries);
@@ -102,7 +111,18 @@ class COBDCtrl : public COBDParser {
 
     int OBD_ReadInfoProc(GdsGetInfoType_t_ type);
     int OBD_ConfigProc(GdsCfgType_t_ type, void* data);
+
+    // ---- firmware transfer (COBDCtrlUpgrade.cpp; send thread) ----
+    // The whole transfer of the file at `path`: 0, or the failing step's result (-1 for a null
+    // path). Deletes the file once the box has accepted the end.
     int OBD_UpgradeProc(char* path);
+    // File-name packet: `name` (at most OBD_UPG_NAME_MAX characters) and the size of `path`.
+    int OBD_UpgradeSendFileName(char* name, char* path);
+    // The file's contents in chunks, with a progress report after each full chunk.
+    int OBD_UpgradeSendFile(char* path);
+    // The file's MD5 as 32 lowercase hex digits.
+    int OBD_UpgradeSendMD5(char* path);
+    void OBD_SetUpgradePercent(int percent);
 
     // ---- heartbeat and watchdog ----
     int OBD_CheckObdHeartBeat();
@@ -131,6 +151,9 @@ class COBDCtrl : public COBDParser {
     // Written by the send thread (before each send) and the receiving thread (answers), polled by
     // the send thread.
     std::atomic<obdcmd_t> m_waitCmd;
+    // Upgrade progress record {state, percent}; written and reported by the send thread only.
+    int32_t m_upgState;
+    int32_t m_upgPercent;
     std::atomic<int> m_bBoxAlive;
     int m_bInited;
     pthread_mutex_t m_dataTableMutex;
@@ -141,4 +164,9 @@ class COBDCtrl : public COBDParser {
     std::mutex m_recvMutex;
     unsigned char m_bCanBoxMode;  // set once by the constructor
     eProductType m_productType;
+    // Wakes the command wait when the dispatcher has moved m_waitCmd.
+    Common::CTMWaitEvent m_cmdEvent;
+
+    // Hands {m_upgState, m_upgPercent} to the owner's device-information store.
+    void ReportUpgrade();
 };

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "COBDCtrl.h"
 #include "ObdLog.h"
@@ -87,15 +88,41 @@ int COBDCtrl::OBD_ExecuteCmd(obdcmd_t cmd, _OBD_PkgInData_t* in, int retry) {
     return r;
 }
 
+namespace {
+
+struct CmdWait {
+    const std::atomic<obdcmd_t>* state;
+    obdcmd_t awaited;
+};
+
+// What ends a command's wait before its deadline: the answer, or the box's refusal.
+bool CmdSettled(void* arg) {
+    const auto* w = static_cast<const CmdWait*>(arg);
+    const obdcmd_t state = w->state->load();
+    return state == w->awaited || state == OBD_CMD_FAIL;
+}
+
+}  // namespace
+
+// Why not a plain poll of m_waitCmd every 50 ms: an answer would wait for the next poll, so every
+// command cost at least one whole step although the line needs about 25 ms even for a firmware
+// chunk, which halved the upgrade's speed. The wait sleeps instead on m_cmdEvent, which the
+// dispatcher notifies when it moves the state, and ends at once. Its deadline is what the poll
+// slept in all, n + 1 steps of 50 ms, so a command that is not answered times out at the same
+// host time as before (2050 ms for 2000).
 int COBDCtrl::OBD_WaitCmd(obdcmd_t awaited, int timeoutMs) {
     const int steps = timeoutMs / OBD_WAIT_STEP_MS;
-    for (int i = 0;; ++i) {
-        const obdcmd_t state = m_waitCmd.load();
-        if (state == awaited) return 0;
-        if (state == OBD_CMD_FAIL) return 1;
-        if (i > steps) return 2;
-        Common::P4X_TMSleepMicroSecond(OBD_WAIT_STEP_US);
+    CmdWait wait{&m_waitCmd, awaited};
+    if (steps >= 0) {
+        const uint64_t us = (static_cast<uint64_t>(steps) + 1) * OBD_WAIT_STEP_US;
+        const uint64_t most = std::numeric_limits<unsigned int>::max();
+        m_cmdEvent.WaitMicroSecond(static_cast<unsigned int>(us < most ? us : most), CmdSettled,
+                                   &wait);
     }
+    const obdcmd_t state = m_waitCmd.load();
+    if (state == awaited) return 0;
+    if (state == OBD_CMD_FAIL) return 1;
+    return 2;
 }
 
 int COBDCtrl::OBD_SendCmd(obdcmd_t request, obdcmd_t awaited, _OBD_PkgInData_t* in, int timeoutMs,
@@ -263,9 +290,4 @@ int COBDCtrl::OBD_ConfigProc(GdsCfgType_t_ type, void* data) {
         default:
             return stopped;
     }
-}
-
-int COBDCtrl::OBD_UpgradeProc(char* path) {
-    (void)path;
-    return -1;  // The firmware transfer is not built yet.
 }
