@@ -10,10 +10,15 @@ cd "$(dirname "$0")/.."
 jobs=${JOBS:-2}
 mode=${1:-all}
 
+# The plug-in's upgrade file for a build: a temporary directory of its own per build directory,
+# so that no test touches the recorder's path and builds side by side do not share a file.
+upgrade_file() { echo "${TMPDIR:-/tmp}/obd-upgrade-$(printf %s "$PWD/$1" | md5sum | cut -c1-10)/DOWNLOAD.bin"; }
+
 run_suite() { # build-dir, build type, extra cmake args...
     local dir=$1 type=$2
     shift 2
-    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" "$@" >/dev/null
+    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" -DOBD_UPGRADE_FILE_PATH="$(upgrade_file "$dir")" \
+        "$@" >/dev/null
     cmake --build "$dir" -j"$jobs"
     (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 120)
 }

@@ -23,6 +23,7 @@ COBDCtrl::COBDCtrl(CSerialDevOBD* owner)
       m_recvLen(0),
       m_recvBuf{},
       m_recvMutex(),
+      m_bReceiving(false),
       m_bCanBoxMode(0),
       m_productType(PRODUCT_TYPE_UNKNOWN),
       m_cmdEvent() {

@@ -162,6 +162,8 @@ class COBDCtrl : public COBDParser {
     int m_recvLen;
     unsigned char m_recvBuf[OBD_RECV_BUF_SIZE];
     std::mutex m_recvMutex;
+    // Set while ReceiveData handles a read; the command wait holds on until it is done.
+    std::atomic<bool> m_bReceiving;
     unsigned char m_bCanBoxMode;  // set once by the constructor
     eProductType m_productType;
     // Wakes the command wait when the dispatcher has moved m_waitCmd.

@@ -93,13 +93,15 @@ namespace {
 struct CmdWait {
     const std::atomic<obdcmd_t>* state;
     obdcmd_t awaited;
+    const std::atomic<bool>* receiving;
 };
 
-// What ends a command's wait before its deadline: the answer, or the box's refusal.
+// What ends a command's wait before its deadline: the answer, or the box's refusal, once the
+// read that carried it has been handled.
 bool CmdSettled(void* arg) {
     const auto* w = static_cast<const CmdWait*>(arg);
     const obdcmd_t state = w->state->load();
-    return state == w->awaited || state == OBD_CMD_FAIL;
+    return (state == w->awaited || state == OBD_CMD_FAIL) && !w->receiving->load();
 }
 
 }  // namespace
@@ -107,12 +109,12 @@ bool CmdSettled(void* arg) {
 // Why not a plain poll of m_waitCmd every 50 ms: an answer would wait for the next poll, so every
 // command cost at least one whole step although the line needs about 25 ms even for a firmware
 // chunk, which halved the upgrade's speed. The wait sleeps instead on m_cmdEvent, which the
-// dispatcher notifies when it moves the state, and ends at once. Its deadline is what the poll
-// slept in all, n + 1 steps of 50 ms, so a command that is not answered times out at the same
-// host time as before (2050 ms for 2000).
+// receiver notifies when the read that moved the state has been handled, and ends then. Its
+// deadline is what the poll slept in all, n + 1 steps of 50 ms, so a command that is not
+// answered times out at the same host time as before (2050 ms for 2000).
 int COBDCtrl::OBD_WaitCmd(obdcmd_t awaited, int timeoutMs) {
     const int steps = timeoutMs / OBD_WAIT_STEP_MS;
-    CmdWait wait{&m_waitCmd, awaited};
+    CmdWait wait{&m_waitCmd, awaited, &m_bReceiving};
     if (steps >= 0) {
         const uint64_t us = (static_cast<uint64_t>(steps) + 1) * OBD_WAIT_STEP_US;
         const uint64_t most = std::numeric_limits<unsigned int>::max();

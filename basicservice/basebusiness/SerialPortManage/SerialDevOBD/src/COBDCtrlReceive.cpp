@@ -79,6 +79,16 @@ int COBDCtrl::ReceiveData(unsigned char* data, int len) {
 
     // Serial reads (peripheral thread) and relayed bytes (bus thread) never mix in the buffer.
     std::lock_guard<std::mutex> lock(m_recvMutex);
+    // A command released by an answer in this read goes on only once the read is handled: the
+    // clear at its end would discard the box's next answer, were the next request already out.
+    struct Handling {
+        COBDCtrl* c;
+        ~Handling() {
+            c->m_bReceiving = false;
+            c->OBD_WakeCmdWait();
+        }
+    } handling{this};
+    m_bReceiving = true;
     if (m_recvLen + len > OBD_RECV_MAX) {
         std::memset(m_recvBuf, 0, sizeof(m_recvBuf));
         m_recvLen = 0;
