@@ -31,6 +31,7 @@ struct State {
     uint64_t sleepCalls = 0;
     uint64_t sleptUs = 0;
     std::vector<TimedWait> timedWaits;
+    uint64_t waitEpoch = 0;  // bumped whenever timedWaits is emptied
     uint64_t microSeconds = 0;
     Common::_datetime_ shareTime{};
     std::deque<std::vector<unsigned char>> serialIn;
@@ -74,6 +75,7 @@ void Reset() {
     s.sleepCalls = 0;
     s.sleptUs = 0;
     s.timedWaits.clear();
+    ++s.waitEpoch;
     s.microSeconds = 0;
     s.shareTime = Common::_datetime_{};
     s.serialIn.clear();
@@ -98,6 +100,7 @@ void ClearRecords() {
     std::lock_guard<std::mutex> lock(s.mu);
     s.serialOut.clear();
     s.timedWaits.clear();
+    ++s.waitEpoch;
     s.sends.clear();
     s.responses.clear();
     s.logs.clear();
@@ -309,6 +312,7 @@ bool CTMWaitEvent::WaitMicroSecond(unsigned int us, bool (*ready)(void*), void* 
     if (test()) return true;
     const unsigned int divisor = S().sleepDivisor;
     const size_t record = S().timedWaits.size();
+    const uint64_t epoch = S().waitEpoch;
     S().timedWaits.push_back(fakehost::TimedWait{us, false});
     bool done;
     if (divisor == 0) {
@@ -320,8 +324,8 @@ bool CTMWaitEvent::WaitMicroSecond(unsigned int us, bool (*ready)(void*), void* 
         const auto real = std::chrono::microseconds(std::max(1u, us / divisor));
         done = m_state->cv.wait_for(lock, real, test);
     }
-    // A Reset() meanwhile may have dropped the record.
-    if (record < S().timedWaits.size()) S().timedWaits[record].ready = done;
+    // A Reset() meanwhile has dropped the record.
+    if (epoch == S().waitEpoch) S().timedWaits[record].ready = done;
     return done;
 }
 

@@ -97,7 +97,8 @@ struct CmdWait {
 };
 
 // What ends a command's wait before its deadline: the answer, or the box's refusal, once the
-// read that carried it has been handled.
+// read that carried it has been handled. Whatever else should end a wait early belongs here,
+// with an OBD_WakeCmdWait() where it is set.
 bool CmdSettled(void* arg) {
     const auto* w = static_cast<const CmdWait*>(arg);
     const obdcmd_t state = w->state->load();

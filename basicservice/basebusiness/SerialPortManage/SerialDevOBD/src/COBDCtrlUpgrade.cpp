@@ -149,8 +149,8 @@ int COBDCtrl::OBD_UpgradeSendFile(char* path) {
     Buffer block(static_cast<unsigned char*>(std::malloc(kReadBlock)));
     if (!file || !packet || !block) return -1;
 
-    // Sends one chunk of `len` bytes at `offset`; the last, shorter one waits longer, as the box
-    // then finishes writing the image.
+    // Sends one chunk of `len` bytes at `offset`: 500 ms an attempt for a full chunk, 2 s for the
+    // shorter last one.
     auto send = [&](uint32_t offset, const unsigned char* data, int len) {
         std::memset(packet.get(), 0, kChunkPacket);
         PutBe(packet.get(), offset, 4);
