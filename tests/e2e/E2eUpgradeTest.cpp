@@ -100,10 +100,10 @@ class E2eUpgradeTest : public ::testing::Test {
         ASSERT_TRUE(m_host->Start());
     }
     // Moves host time on in `step` ms, `realUs` of real time apart, until `done` or `hostMs`
-    // have passed. Five times real time by default: an answered chunk, whose wait would expire
-    // after 550 ms of host time, has more than 100 ms of real time to come.
+    // have passed. Twice real time by default: an answered chunk, whose wait would expire after
+    // 550 ms of host time, has more than 250 ms of real time to come.
     bool StepUntil(const std::function<bool()>& done, long long hostMs, int step = 10,
-                   int realUs = 2000) {
+                   int realUs = 5000) {
         const long long end = hostsim::ClockNowMs() + hostMs;
         while (!done()) {
             if (hostsim::ClockNowMs() >= end) return false;
@@ -292,7 +292,7 @@ TEST_F(E2eUpgradeTest, E2eCalibrationConfiguresReadsAndAnswersFourBytes) {
             return !s.empty() && (s.back().payload[0] & CFG_MASK_ENGINE) &&
                    s.back().payload[272] == 0x34 && s.back().payload[273] == 0x12;
         },
-        10000, 50, 1000));
+        10000));
     const auto rx = m_box->Received();
     const auto cfg =
         std::find_if(rx.begin(), rx.end(), [](const auto& f) { return f.code == 0x2C03; });

@@ -114,7 +114,9 @@ void BoxEmulator::AnswerUpgrade(const ReceivedFrame& req, BoxOptions& o,
             ++u.chunks;
             const size_t len = p.size() >= 6 ? Be(p, 4, 2) : 0;
             const size_t at = p.size() >= 6 ? Be(p, 0, 4) : 0;
-            ok = ok && len >= 1 && len <= kMaxChunk && p.size() == 6 + len && at + len <= u.size;
+            // (In 64 bits: an offset near 4 GiB must not wrap round on a 32-bit machine.)
+            ok = ok && len >= 1 && len <= kMaxChunk && p.size() == 6 + len &&
+                 static_cast<uint64_t>(at) + len <= u.size;
             if (ok) {
                 if (u.image.size() < at + len) u.image.resize(at + len);
                 std::copy(p.begin() + 6, p.end(), u.image.begin() + static_cast<long>(at));
