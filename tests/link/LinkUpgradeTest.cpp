@@ -28,6 +28,7 @@ class LinkUpgradeTest : public LinkTest {
     void SetUp() override {
         LinkTest::SetUp();
         ObdUpgradePercentReset();
+        fakehost::SetSleepDivisor(5);  // an answer has 400 ms of real time to come
     }
     void TearDown() override {
         unlink(m_path.c_str());
@@ -234,7 +235,7 @@ TEST_F(LinkUpgradeTest, PayloadsOfNameAndDigest) {
     // 70000 bytes under the fixed name; a name of 121 characters fills the 128-byte packet, one
     // of 122 does not fit and is not sent.
     MakeFile(70000);
-    fakehost::Reset();
+    fakehost::ClearRecords();
     char name[] = "DOWNLOAD.BIN";
     EXPECT_EQ(m_ctrl->OBD_UpgradeSendFileName(name, &m_path[0]), 0);
     EXPECT_EQ(Payload(Sent(0x2402).at(0)),
