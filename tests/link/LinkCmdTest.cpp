@@ -177,7 +177,7 @@ TEST_F(LinkTest, AnswersRefusalsAndLateAnswersEndTheWait) {
     EXPECT_EQ(fakehost::SerialWrites().size(), 11u);
     EXPECT_EQ(m_ctrl->OBD_CheckObdHeartBeat(), 1);
     fakehost::Reset();
-    fakehost::SetSleepDivisor(200);
+    fakehost::SetSleepDivisor(50);
     EXPECT_EQ(m_ctrl->OBD_ReadScanTimeLevel(), 0);
     const auto w = fakehost::SerialWrites();
     ASSERT_EQ(w.size(), 2u);
@@ -226,14 +226,14 @@ TEST_F(LinkTest, DispatchersStopTheStreamFirst) {
     EXPECT_EQ(SentCodes(), (std::vector<uint16_t>{0x2C04, 0x2103, 0x2105}));
     EXPECT_STREQ(Peer().Version().HwName, "HW");
     EXPECT_STREQ(Peer().Version().DiagSWVer, "G3");
-    fakehost::Reset();
+    fakehost::ClearRecords();  // (the box keeps its time to answer)
     for (auto t : {GDS_GET_FAULT_CODE, GDS_GET_SCAN_TIME_LEVEL, GDS_GET_DATA_SCAN_LEVEL,
                    GDS_GET_ENGINE, GDS_GET_ALARM_THRESHOLD})
         EXPECT_EQ(m_ctrl->OBD_ReadInfoProc(t), 0) << t;
     // A type without an operation only stops the stream and reports that.
     EXPECT_EQ(SentCodes(), (std::vector<uint16_t>{0x2C04, 0x2CF1, 0x2C04, 0x2C22, 0x2C04, 0x2C42,
                                                   0x2C04, 0x2C12, 0x2C04}));
-    fakehost::Reset();
+    fakehost::ClearRecords();
     unsigned char data[TASK_DATA_SIZE] = {};
     EXPECT_EQ(m_ctrl->OBD_ConfigProc(GDS_CFG_START_TS, data), 0);
     EXPECT_EQ(m_ctrl->OBD_CheckObdHeartBeat(), 0);  // earned again by the next link frame
