@@ -19,8 +19,12 @@ start=$SECONDS
 
 bash scripts/deps.sh armhf
 
+# The plug-in's upgrade file for a build: a temporary directory of its own per build directory,
+# so that no test touches the recorder's path and builds side by side do not share a file.
+upgrade_file() { echo "${TMPDIR:-/tmp}/obd-upgrade-$(printf %s "$PWD/$1" | md5sum | cut -c1-10)/DOWNLOAD.bin"; }
 cmake -S . -B "$BUILD_DIR" \
     -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake \
+    -DOBD_UPGRADE_FILE_PATH="$(upgrade_file "$BUILD_DIR")" \
     -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-Debug}" \
     -DOBD_BUILD_TESTS=ON -DOBD_BUILD_TOOLS=ON
 cmake --build "$BUILD_DIR" -j"$JOBS"

@@ -33,8 +33,12 @@ if setarch "$(uname -m)" -R true 2>/dev/null; then
     norandom=(setarch "$(uname -m)" -R)
 fi
 
+# The plug-in's upgrade file for a build: a temporary directory of its own per build directory,
+# so that no test touches the recorder's path and builds side by side do not share a file.
+upgrade_file() { echo "${TMPDIR:-/tmp}/obd-upgrade-$(printf %s "$PWD/$1" | md5sum | cut -c1-10)/DOWNLOAD.bin"; }
 cmake -S . -B "$BUILD_DIR" \
     -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-Debug}" \
+    -DOBD_UPGRADE_FILE_PATH="$(upgrade_file "$BUILD_DIR")" \
     -DOBD_TSAN=ON -DOBD_SANITIZE=OFF -DOBD_GTEST_FROM_SOURCE=ON \
     -DOBD_BUILD_TESTS=ON -DOBD_BUILD_TOOLS=ON
 "${norandom[@]}" cmake --build "$BUILD_DIR" -j"$JOBS"

@@ -22,13 +22,18 @@ esac
 
 bash scripts/deps.sh native
 
+# The plug-in's upgrade file for a build: a temporary directory of its own per build directory,
+# so that no test touches the recorder's path and builds side by side do not share a file.
+upgrade_file() { echo "${TMPDIR:-/tmp}/obd-upgrade-$(printf %s "$PWD/$1" | md5sum | cut -c1-10)/DOWNLOAD.bin"; }
+
 run_suite() { # name, build dir, build type, first-build time, extra cmake args...
     local name=$1 dir=$2 type=$3 first=$4
     shift 4
     local start=$SECONDS
     echo "build: $name suite in $dir/ ($type) with $jobs jobs" \
         "(the first build takes about $first on 2 cores)"
-    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" "$@" >/dev/null
+    cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE="$type" -DOBD_UPGRADE_FILE_PATH="$(upgrade_file "$dir")" \
+        "$@" >/dev/null
     cmake --build "$dir" -j"$jobs"
     local built=$SECONDS
     echo "test: $name suite ($dir/)"

@@ -65,6 +65,31 @@ uint64_t P4X_TMGetSystemMicroSecond();
 // so a test of a 2 s command timeout does not cost 2 real seconds.
 void P4X_TMSleepMicroSecond(unsigned int us);
 
+// A sleep on host time that another thread can cut short: the way one thread waits for
+// something another thread does (the link's command wait for the box's answer).
+// WaitMicroSecond(us, ready, arg) returns as soon as `ready(arg)` is true, at the latest when `us`
+// microseconds of host time have passed, and returns ready's last result. The deadline counts as
+// P4X_TMSleepMicroSecond(us) does: a wait whose condition never holds returns at the same host
+// time as that sleep would (exactly, with a stepped clock). `ready` is tested at once, after
+// every Notify() and whenever the host decides to look again; it is called with a host lock
+// held, so it must only read (an atomic) and return. Notify: any thread, any time, also when
+// nobody waits. Several threads may wait on one event. On the recorder this is a condition
+// variable waited on with the monotonic clock.
+class CTMWaitEvent {
+  public:
+    CTMWaitEvent();
+    ~CTMWaitEvent();
+    CTMWaitEvent(const CTMWaitEvent&) = delete;
+    CTMWaitEvent& operator=(const CTMWaitEvent&) = delete;
+
+    bool WaitMicroSecond(unsigned int us, bool (*ready)(void* arg), void* arg);
+    void Notify();
+
+  private:
+    struct State;
+    State* m_state;  // the host's
+};
+
 // Level-filtered log line. `file` is the module's source path, `func` and `line` the caller's.
 // Any thread; a line is written whole.
 void gclDebugPrintf(int level, const char* file, const char* func, int line, const char* fmt, ...)

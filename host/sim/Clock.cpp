@@ -48,6 +48,7 @@ void SelectLocked(ClockState& c, ClockMode m, double f, long long startMs) {
 void ClockState::ChangedLocked() {
     ++generation;
     changed.notify_all();
+    for (std::condition_variable* cv : events) cv->notify_all();
     const uint64_t one = 1;
     for (int fd : wakers) {
         ssize_t n = ::write(fd, &one, sizeof(one));
@@ -249,6 +250,61 @@ void P4X_TMSleepMicroSecond(unsigned int us) {
                                std::chrono::microseconds(static_cast<long long>(realUs)));
         }
     }
+}
+
+// Waiters of an event sleep on the event's own condition variable but under the clock's mutex:
+// a clock change (a step, a mode change) reaches them like every sleeper, a Notify only them. On
+// virtual time a participant waits for its turn instead, with the deadline as its wake-up time,
+// and a Notify makes it runnable.
+struct CTMWaitEvent::State {
+    std::condition_variable cv;
+    std::vector<hostsim::detail::Part*> waiters;  // virtual time: the participants waiting
+};
+
+CTMWaitEvent::CTMWaitEvent() : m_state(new State) {
+    auto& c = hostsim::detail::Clock();
+    hostsim::detail::ClockLock lock(c);
+    c.events.push_back(&m_state->cv);
+}
+
+CTMWaitEvent::~CTMWaitEvent() {
+    {
+        auto& c = hostsim::detail::Clock();
+        hostsim::detail::ClockLock lock(c);
+        c.events.erase(std::remove(c.events.begin(), c.events.end(), &m_state->cv), c.events.end());
+    }
+    delete m_state;
+}
+
+bool CTMWaitEvent::WaitMicroSecond(unsigned int us, bool (*ready)(void*), void* arg) {
+    auto& c = hostsim::detail::Clock();
+    hostsim::detail::ClockLock lock(c);
+    const uint64_t deadline = c.MonoLocked() + us;
+    for (;;) {
+        if (ready != nullptr && ready(arg)) return true;
+        const uint64_t mono = c.MonoLocked();
+        if (mono >= deadline) return false;
+        if (c.mode == hostsim::ClockMode::Virtual) {
+            if (hostsim::detail::EventWaitVirtualLocked(c, lock, m_state->waiters, deadline)) {
+                continue;
+            }
+            // Not a participant: nobody can kick it, so it looks again every host millisecond.
+            hostsim::detail::SleepVirtualLocked(c, lock, std::min(deadline, mono + 1000));
+        } else if (c.mode == hostsim::ClockMode::Stepped) {
+            m_state->cv.wait(lock.Raw());
+        } else {
+            const double realUs = std::ceil(static_cast<double>(deadline - mono) / c.factor);
+            m_state->cv.wait_for(lock.Raw(),
+                                 std::chrono::microseconds(static_cast<long long>(realUs)));
+        }
+    }
+}
+
+void CTMWaitEvent::Notify() {
+    auto& c = hostsim::detail::Clock();
+    hostsim::detail::ClockLock lock(c);
+    m_state->cv.notify_all();
+    hostsim::detail::EventNotifyVirtualLocked(c, m_state->waiters);
 }
 
 }  // namespace Common

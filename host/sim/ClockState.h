@@ -73,6 +73,7 @@ struct ClockState {
     long long wallHostBaseMs = 0;
     uint64_t generation = 0;
     std::vector<int> wakers;
+    std::vector<std::condition_variable*> events;  // of the live CTMWaitEvents
 
     // The virtual mode.
     std::vector<Part*> parts;    // registered, in registration order
@@ -130,6 +131,12 @@ void ResetTurnsLocked(ClockState& c);
 // A host sleep in the virtual mode until `deadlineUs` (forward-only time): true once it is over,
 // false when the mode changed first.
 bool SleepVirtualLocked(ClockState& c, ClockLock& lock, uint64_t deadlineUs);
+// A CTMWaitEvent wait in the virtual mode by the calling thread's participant: idle until
+// `deadlineUs` or a kick from EventNotifyVirtualLocked, listed in `waiters` meanwhile. False
+// (nothing done) when the thread takes no part.
+bool EventWaitVirtualLocked(ClockState& c, ClockLock& lock, std::vector<Part*>& waiters,
+                            uint64_t deadlineUs);
+void EventNotifyVirtualLocked(ClockState& c, const std::vector<Part*>& waiters);
 
 }  // namespace detail
 #pragma GCC visibility pop

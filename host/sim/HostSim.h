@@ -8,11 +8,13 @@
 // delivers on its own thread; a bus listener or a log sink must not block for long.
 //
 // Host time. Everything time-based in the host and in the plug-in reads one host clock:
-// the cycle's `now`, P4X_TMGetSystemMicroSecond, P4X_TMGetShareTime and P4X_TMSleepMicroSecond.
+// the cycle's `now`, P4X_TMGetSystemMicroSecond, P4X_TMGetShareTime, P4X_TMSleepMicroSecond and
+// the deadline of CTMWaitEvent::WaitMicroSecond.
 //  - Real:    host time runs with the machine's monotonic clock.
 //  - Scaled:  host time runs `factor` times faster; host sleeps last 1/factor as long.
 //  - Stepped: host time moves only through ClockAdvance / ClockSet; a sleeper wakes exactly when
-//             host time reaches its deadline, and not before.
+//             host time reaches its deadline, and not before (a CTMWaitEvent waiter also when
+//             notified, in real time).
 //  - Virtual: host time stands while anything is left to do at the current instant and then
 //             jumps straight to the earliest deadline, so a run costs only the CPU it needs and
 //             gives the same result every time (see "Virtual time" below).

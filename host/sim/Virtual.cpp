@@ -300,6 +300,21 @@ bool SleepVirtualLocked(ClockState& c, ClockLock& lock, uint64_t deadlineUs) {
     return Virtual(c) && c.monoBaseUs >= deadlineUs;
 }
 
+bool EventWaitVirtualLocked(ClockState& c, ClockLock& lock, std::vector<Part*>& waiters,
+                            uint64_t deadlineUs) {
+    Part* self = t_part;
+    if (self == nullptr || !self->registered) return false;
+    waiters.push_back(self);
+    IdleLocked(c, self, true, deadlineUs);
+    WaitTurnLocked(c, lock, self, -1);
+    waiters.erase(std::remove(waiters.begin(), waiters.end(), self), waiters.end());
+    return true;
+}
+
+void EventNotifyVirtualLocked(ClockState& c, const std::vector<Part*>& waiters) {
+    for (Part* p : waiters) KickLocked(c, p);
+}
+
 // ---- The host's own threads ----
 
 Part* PartNew(const std::string& name) {

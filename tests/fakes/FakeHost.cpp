@@ -30,6 +30,8 @@ struct State {
     unsigned int sleepDivisor = 1000;
     uint64_t sleepCalls = 0;
     uint64_t sleptUs = 0;
+    std::vector<TimedWait> timedWaits;
+    uint64_t waitEpoch = 0;  // bumped whenever timedWaits is emptied
     uint64_t microSeconds = 0;
     Common::_datetime_ shareTime{};
     std::deque<std::vector<unsigned char>> serialIn;
@@ -73,6 +75,8 @@ void Reset() {
     s.sleepDivisor = 1000;
     s.sleepCalls = 0;
     s.sleptUs = 0;
+    s.timedWaits.clear();
+    ++s.waitEpoch;
     s.microSeconds = 0;
     s.shareTime = Common::_datetime_{};
     s.serialIn.clear();
@@ -97,6 +101,8 @@ void ClearRecords() {
     State& s = S();
     std::lock_guard<std::mutex> lock(s.mu);
     s.serialOut.clear();
+    s.timedWaits.clear();
+    ++s.waitEpoch;
     s.sends.clear();
     s.responses.clear();
     s.logs.clear();
@@ -113,6 +119,7 @@ void ClearRecords() {
 FAKE_GET(int, ThreadsStarted, threadsStarted)
 FAKE_GET(uint64_t, SleepCalls, sleepCalls)
 FAKE_GET(uint64_t, SleptUs, sleptUs)
+FAKE_GET(std::vector<TimedWait>, TimedWaits, timedWaits)
 FAKE_GET(std::vector<std::vector<unsigned char>>, SerialWrites, serialOut)
 FAKE_GET(int, ClearCalls, clearCalls)
 FAKE_GET(std::vector<int>, ConfigStatuses, configStatuses)
@@ -305,6 +312,45 @@ void P4X_TMSleepMicroSecond(unsigned int us) {
         return;
     }
     std::this_thread::sleep_for(std::chrono::microseconds(std::max(1u, us / divisor)));
+}
+
+// Waiters block under the fake's one mutex on the event's own condition variable.
+struct CTMWaitEvent::State {
+    std::condition_variable cv;
+};
+
+CTMWaitEvent::CTMWaitEvent() : m_state(new State) {}
+
+CTMWaitEvent::~CTMWaitEvent() {
+    delete m_state;
+}
+
+bool CTMWaitEvent::WaitMicroSecond(unsigned int us, bool (*ready)(void*), void* arg) {
+    std::unique_lock<std::mutex> lock(S().mu);
+    auto test = [&] { return ready != nullptr && ready(arg); };
+    if (test()) return true;
+    const unsigned int divisor = S().sleepDivisor;
+    const size_t record = S().timedWaits.size();
+    const uint64_t epoch = S().waitEpoch;
+    S().timedWaits.push_back(fakehost::TimedWait{us, false});
+    bool done;
+    if (divisor == 0) {
+        lock.unlock();
+        std::this_thread::yield();
+        lock.lock();
+        done = test();
+    } else {
+        const auto real = std::chrono::microseconds(std::max(1u, us / divisor));
+        done = m_state->cv.wait_for(lock, real, test);
+    }
+    // A Reset() meanwhile has dropped the record.
+    if (epoch == S().waitEpoch) S().timedWaits[record].ready = done;
+    return done;
+}
+
+void CTMWaitEvent::Notify() {
+    std::lock_guard<std::mutex> lock(S().mu);
+    m_state->cv.notify_all();
 }
 
 void gclDebugPrintf(int level, const char* file, const char* func, int line, const char* fmt, ...) {

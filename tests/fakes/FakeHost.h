@@ -70,6 +70,14 @@ int ThreadsStarted();
 void SetSleepDivisor(unsigned int divisor);
 uint64_t SleepCalls();
 uint64_t SleptUs();
+// Every CTMWaitEvent wait that had to block (its condition false when called): the host time it
+// was given, and whether its condition held when it returned (false: it ran to its deadline).
+// It lasts us / divisor real microseconds unless notified, like a sleep.
+struct TimedWait {
+    unsigned int us;
+    bool ready;
+};
+std::vector<TimedWait> TimedWaits();
 void SetMicroSeconds(uint64_t us);
 void SetShareTime(const Common::_datetime_& dt);
 

@@ -50,13 +50,17 @@ TEST_F(LinkTest, CancelledCommandsStopAtTheNextPoll) {
     EXPECT_EQ(fakehost::SleepCalls(), 0u);
 }
 
-TEST_F(LinkTest, WaitSleepsTimeoutOverFiftyPlusOneTimesOrReturnsAtOnce) {
+// An unanswered wait ends when timeout / 50 + 1 polls of 50 ms would have: one wait that long.
+TEST_F(LinkTest, WaitEndsWhereFiftyMsPollsWouldHaveOrAtOnce) {
     Peer().SetWaitCmd(OBD_CMD_READ_ENGINE);
-    for (const auto& c : std::vector<std::pair<int, uint64_t>>{{2000, 41}, {100, 3}, {49, 1}}) {
+    for (const auto& c : std::vector<std::pair<int, unsigned int>>{
+             {2000, 2050000}, {100, 150000}, {49, 50000}, {0, 50000}, {-50, 0}}) {
         fakehost::Reset();
         EXPECT_EQ(m_ctrl->OBD_WaitCmd(OBD_CMD_READ_ENGINE_ACK, c.first), 2);
-        EXPECT_EQ(fakehost::SleepCalls(), c.second) << c.first << " ms";
-        EXPECT_EQ(fakehost::SleptUs(), c.second * 50000u);
+        const auto waits = fakehost::TimedWaits();
+        ASSERT_EQ(waits.size(), c.second != 0 ? 1u : 0u) << c.first << " ms";
+        for (const auto& w : waits) EXPECT_EQ(w.us, c.second) << c.first << " ms";
+        EXPECT_EQ(fakehost::SleepCalls(), 0u);
     }
     fakehost::Reset();
     Peer().SetWaitCmd(OBD_CMD_READ_ENGINE_ACK);
@@ -64,7 +68,7 @@ TEST_F(LinkTest, WaitSleepsTimeoutOverFiftyPlusOneTimesOrReturnsAtOnce) {
     Peer().SetWaitCmd(OBD_CMD_FAIL);
     EXPECT_EQ(m_ctrl->OBD_WaitCmd(OBD_CMD_UPG_START_ACK, 2000), 1);
     EXPECT_EQ(m_ctrl->OBD_WaitCmd(OBD_CMD_FAIL, 2000), 0);
-    EXPECT_EQ(fakehost::SleepCalls(), 0u);
+    EXPECT_TRUE(fakehost::TimedWaits().empty());
 }
 
 // Nobody answers: each wrapper sends its frame (sequence number 1, checksum worked out by hand)
@@ -120,8 +124,13 @@ TEST_F(LinkTest, UnansweredWrappersSendTheirExactFrameRetriesPlusOneTimes) {
         const auto writes = fakehost::SerialWrites();
         ASSERT_EQ(writes.size(), c.attempts) << c.frame;
         for (const auto& w : writes) EXPECT_EQ(w, Hex(c.frame));
-        // 2000 ms (100 ms for restart and jump) in 50 ms polls, plus the last look.
-        EXPECT_EQ(fakehost::SleepCalls(), c.attempts * (c.attempts == 2 ? 3u : 41u)) << c.frame;
+        // Each attempt waits what 2000 ms (100 ms for restart and jump) in 50 ms polls took.
+        const auto waits = fakehost::TimedWaits();
+        ASSERT_EQ(waits.size(), c.attempts) << c.frame;
+        for (const auto& w : waits) {
+            EXPECT_EQ(w.us, c.attempts == 2 ? 150000u : 2050000u) << c.frame;
+            EXPECT_FALSE(w.ready) << c.frame;
+        }
     }
     EXPECT_NE(log.find("====================restart OBD===============\n"), std::string::npos);
 }
@@ -158,28 +167,39 @@ TEST_F(LinkTest, AnswersRefusalsAndLateAnswersEndTheWait) {
             return {BoxFrame(0x6C22, {0x00}, static_cast<unsigned char>(seq - 1))};
         return {};
     });
-    fakehost::SetSleepDivisor(50);  // 1 ms per poll: an answer comes within the first polls
+    // Each wait that ends with `ready` was ended by the answer, not by its deadline.
+    auto endings = [] {
+        std::vector<bool> out;
+        for (const auto& w : fakehost::TimedWaits()) out.push_back(w.ready);
+        return out;
+    };
+    fakehost::SetSleepDivisor(50);  // 41 ms per 2 s wait: long enough for the answer to come
     EXPECT_EQ(m_ctrl->OBD_ReadEngine(), 0);
     EXPECT_EQ(fakehost::SerialWrites().size(), 1u);
-    EXPECT_LT(fakehost::SleepCalls(), 41u);
+    EXPECT_LE(endings().size(), 1u);  // none when the answer came before the wait began
+    for (bool ready : endings()) EXPECT_TRUE(ready);
     EXPECT_EQ(Peer().Engine().engine_id, 0x0123);
     EXPECT_EQ(m_obj->InfoPending(GDS_GET_ENGINE), 0);
     fakehost::Reset();
     fakehost::SetSleepDivisor(50);
     EXPECT_EQ(m_ctrl->OBD_SendCmd(OBD_CMD_UPG_START, OBD_CMD_UPG_START_ACK, nullptr, 2000, 3), -1);
     EXPECT_EQ(fakehost::SerialWrites().size(), 4u);  // each refusal ends its attempt at once
-    EXPECT_LT(fakehost::SleepCalls(), 4u * 41u);
+    // (The box may miss the first attempt, sent before it noticed the reset of the fake host.)
+    const auto refused = endings();
+    ASSERT_GE(refused.size(), 3u);
+    for (size_t i = refused.size() - 3; i < refused.size(); ++i) EXPECT_TRUE(refused[i]) << i;
     EXPECT_EQ(m_ctrl->WaitCmdState(), OBD_CMD_FAIL);
     fakehost::Reset();
     EXPECT_EQ(m_ctrl->OBD_Link(), -1);  // the box's link frame releases no link
     EXPECT_EQ(fakehost::SerialWrites().size(), 11u);
     EXPECT_EQ(m_ctrl->OBD_CheckObdHeartBeat(), 1);
     fakehost::Reset();
-    fakehost::SetSleepDivisor(200);
+    fakehost::SetSleepDivisor(50);
     EXPECT_EQ(m_ctrl->OBD_ReadScanTimeLevel(), 0);
     const auto w = fakehost::SerialWrites();
     ASSERT_EQ(w.size(), 2u);
     EXPECT_EQ(w[0], w[1]);
+    EXPECT_FALSE(endings().at(0));  // the first attempt ran to its deadline
 }
 
 TEST_F(LinkTest, InitOnceHeartbeatAndWatchdog) {
@@ -223,14 +243,14 @@ TEST_F(LinkTest, DispatchersStopTheStreamFirst) {
     EXPECT_EQ(SentCodes(), (std::vector<uint16_t>{0x2C04, 0x2103, 0x2105}));
     EXPECT_STREQ(Peer().Version().HwName, "HW");
     EXPECT_STREQ(Peer().Version().DiagSWVer, "G3");
-    fakehost::Reset();
+    fakehost::ClearRecords();  // (the box keeps its time to answer)
     for (auto t : {GDS_GET_FAULT_CODE, GDS_GET_SCAN_TIME_LEVEL, GDS_GET_DATA_SCAN_LEVEL,
                    GDS_GET_ENGINE, GDS_GET_ALARM_THRESHOLD})
         EXPECT_EQ(m_ctrl->OBD_ReadInfoProc(t), 0) << t;
     // A type without an operation only stops the stream and reports that.
     EXPECT_EQ(SentCodes(), (std::vector<uint16_t>{0x2C04, 0x2CF1, 0x2C04, 0x2C22, 0x2C04, 0x2C42,
                                                   0x2C04, 0x2C12, 0x2C04}));
-    fakehost::Reset();
+    fakehost::ClearRecords();
     unsigned char data[TASK_DATA_SIZE] = {};
     EXPECT_EQ(m_ctrl->OBD_ConfigProc(GDS_CFG_START_TS, data), 0);
     EXPECT_EQ(m_ctrl->OBD_CheckObdHeartBeat(), 0);  // earned again by the next link frame

@@ -273,6 +273,7 @@ ByteVec BoxEmulator::Encode(uint16_t code, const ByteVec& payload, uint8_t seq,
 
 void BoxEmulator::WriteAll(const uint8_t* data, size_t n) {
     if (m_wireTap && n > 0) m_wireTap(false, data, n);
+    PaceTransmit(n);
     size_t done = 0;
     int stalls = 0;
     while (done < n && m_masterFd >= 0) {
@@ -377,7 +378,7 @@ void BoxEmulator::Run() {
             const ssize_t n = read(m_masterFd, buf, sizeof(buf));
             if (n > 0) {
                 if (m_clock.moved) m_clock.moved(true, static_cast<size_t>(n));
-                OnBytes(buf, static_cast<size_t>(n));
+                TakeIn(buf, static_cast<size_t>(n));
                 o = Snapshot();  // the frames read may have changed the box
             }
         } else if (r > 0 && (p.revents & (POLLHUP | POLLERR))) {
@@ -449,6 +450,7 @@ void BoxEmulator::OnFrame(ReceivedFrame f) {
     }
     m_rxCv.notify_all();
     if (o.silent) return;
+    PauseBeforeAnswer();
     for (const auto& a : answers) {
         ++m_answers;
         if (o.dropEveryNth > 0 && m_answers % static_cast<uint64_t>(o.dropEveryNth) == 0) {
@@ -555,11 +557,10 @@ void BoxEmulator::Answer(const ReceivedFrame& req, BoxOptions& o, std::vector<By
         case 0x2403:
         case 0x2404:
         case 0x2111:
-            answer(static_cast<uint16_t>(req.code + 0x4000),
-                   {static_cast<uint8_t>(o.refuse ? 2 : o.upgradeStatus)});
+            AnswerUpgrade(req, o, out);
             break;
         default:
-            Log("box: unknown request, not answered");
+            if (o.log) o.log("box: unknown request, not answered");  // m_optMutex is held
             break;
     }
 }

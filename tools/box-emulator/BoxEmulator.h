@@ -9,7 +9,9 @@
 //    and any frame or raw bytes on request;
 //  - keeps the last frames it received (time, sequence number, code, payload, raw bytes) so a
 //    test can assert on the exact bytes the plug-in sent, and counts all of them per code; a box
-//    that runs for days keeps no more than that.
+//    that runs for days keeps no more than that;
+//  - takes a firmware upgrade: keeps the file, checks its size and MD5, reports the new version;
+//  - can pace its line like a UART at a given byte rate.
 // Fault options make it silent, refuse, drop answers, put garbage between frames, split frames
 // into chunks, corrupt checksums and escape bytes.
 //
@@ -48,6 +50,16 @@ struct ReceivedFrame {
     ByteVec payload;
     ByteVec raw;  // the whole frame as it came off the line
     bool checksumOk = false;
+};
+
+// A firmware upgrade as the box saw it (BoxEmulatorUpgrade.cpp). The start step begins a new one.
+struct BoxUpgrade {
+    std::string name;        // from the file-name step, without its NUL
+    uint32_t size = 0;       // announced with the name
+    ByteVec image;           // the chunks' bytes at their offsets
+    int chunks = 0;          // chunk requests received, repetitions included
+    bool md5Ok = false;      // the MD5 text matched the image, and the image the announced size
+    bool installed = false;  // the end step was accepted
 };
 
 // Data-stream items: id (1..59) and value, asked for once per data-stream frame.
@@ -116,6 +128,23 @@ struct BoxOptions {
     // garbage and split chunks included. Fixed at construction (Update does not change it); it
     // runs on the box's thread and must not call back into the emulator.
     std::function<void(bool toBox, const uint8_t* data, size_t n)> wireTap;
+
+    // Firmware upgrade (BoxEmulatorUpgrade.cpp). The box keeps the file it is sent and checks
+    // it: a chunk must lie within the size given with the name, the MD5 text must match the
+    // bytes held, the end needs a matched MD5. Once the end is accepted the software-version
+    // answer carries upgradedSwTexts. A failed check, like `refuse`, answers status 2.
+    std::vector<std::string> upgradedSwTexts{"BOOT1.0", "DL2.0", "DIAG2.0"};
+    uint16_t upgradeRefuseStep = 0;     // request code of a step always refused; 0: none
+    int upgradeSilentAfterChunks = -1;  // after this many chunks the box falls silent (`silent`
+                                        // set, so Update can revive it); -1: never
+    int upgradeDropEveryNthChunk = 0;   // the Nth, 2Nth, ... chunk answer is not sent; 0: none
+    int upgradeFlashUs = 0;             // real time spent storing a chunk before answering it
+
+    // Line pacing (BoxEmulatorPacing.cpp): bytes per second in each direction, as a UART carries
+    // them (11520 for 115200 baud 8N1: ten bit times a byte); 0: as fast as the pseudo-terminal.
+    // Bytes the box writes leave no faster, and bytes it reads count as arrived only when the
+    // line could have delivered them, so the plug-in's timing against it is a real line's.
+    int lineBytesPerSec = 0;
 };
 
 class BoxEmulator {
@@ -155,6 +184,9 @@ class BoxEmulator {
     // Sends bytes exactly as given.
     void SendRaw(const ByteVec& bytes);
 
+    // The firmware upgrade so far.
+    BoxUpgrade Upgrade() const;
+
     // A frame from the box (F8 F0), escaped as asked. Exposed for tests and tools.
     static ByteVec EncodeFrame(uint16_t code, const ByteVec& payload, uint8_t seq, bool escape,
                                bool escapeCountsInLength, bool badChecksum);
@@ -170,6 +202,15 @@ class BoxEmulator {
     void WriteAll(const uint8_t* data, size_t n);
     void Log(const std::string& line);
     BoxOptions Snapshot() const;
+    // Upgrade steps (BoxEmulatorUpgrade.cpp); called like Answer, under m_optMutex.
+    void AnswerUpgrade(const ReceivedFrame& req, BoxOptions& o, std::vector<ByteVec>& out);
+    // The flash time an upgrade chunk asked for, spent before its answer (box thread).
+    void PauseBeforeAnswer();
+    // Line pacing (BoxEmulatorPacing.cpp): PaceTransmit under m_writeMutex before bytes are
+    // written; TakeIn hands bytes read to OnBytes at the line's pace (box thread).
+    void PaceTransmit(size_t n);
+    void TakeIn(const uint8_t* data, size_t n);
+    int LineBytesPerSec() const;
 
     mutable std::mutex m_optMutex;  // guards m_opt
     BoxOptions m_opt;
@@ -197,6 +238,11 @@ class BoxEmulator {
     std::atomic<uint8_t> m_boxSeq{0};
     uint64_t m_answers = 0;  // box thread only
     double m_t0 = 0;
+
+    BoxUpgrade m_upgrade;                                // guarded by m_optMutex
+    int m_answerDelayUs = 0;                             // box thread only
+    std::chrono::steady_clock::time_point m_txLineFree;  // under m_writeMutex
+    std::chrono::steady_clock::time_point m_rxLineFree;  // box thread only
 };
 
 }  // namespace obdbox

@@ -31,7 +31,11 @@ void Usage() {
         "  --escape-in-length  count escape pairs in the length field\n"
         "  --silent | --refuse | --drop N | --garbage N | --split N | --bad-checksum\n"
         "  --stop-ack-2301     acknowledge a stop with 0x2301\n"
-        "  --seed N            seed of garbage and split sizes\n");
+        "  --seed N            seed of garbage and split sizes\n"
+        "  --line-rate N       pace the line at N bytes/s each way (11520: 115200 baud 8N1)\n"
+        "  --flash-us N        time spent storing each upgrade chunk before answering\n"
+        "  --refuse-step CODE  refuse this upgrade step (hex request code, e.g. 2404)\n"
+        "  --silent-after-chunks N | --drop-chunk N   upgrade faults\n");
 }
 
 }  // namespace
@@ -77,6 +81,16 @@ int main(int argc, char** argv) {
             o.stopAckAlt = true;
         else if (a == "--seed")
             o.seed = static_cast<unsigned>(std::atoi(next()));
+        else if (a == "--line-rate")
+            o.lineBytesPerSec = std::atoi(next());
+        else if (a == "--flash-us")
+            o.upgradeFlashUs = std::atoi(next());
+        else if (a == "--refuse-step")
+            o.upgradeRefuseStep = static_cast<uint16_t>(std::strtoul(next(), nullptr, 16));
+        else if (a == "--silent-after-chunks")
+            o.upgradeSilentAfterChunks = std::atoi(next());
+        else if (a == "--drop-chunk")
+            o.upgradeDropEveryNthChunk = std::atoi(next());
         else if (a == "--value") {
             const std::string v = next();
             const auto eq = v.find('=');

@@ -17,6 +17,8 @@ COBDCtrl::COBDCtrl(CSerialDevOBD* owner)
       m_sendMutex(),
       m_bCancelled(0),
       m_waitCmd(OBD_CMD_NONE),
+      m_upgState(0),
+      m_upgPercent(0),
       m_bBoxAlive(0),
       m_bInited(0),
       m_dataTableMutex(),
@@ -24,8 +26,10 @@ COBDCtrl::COBDCtrl(CSerialDevOBD* owner)
       m_recvLen(0),
       m_recvBuf(new unsigned char[OBD_RECV_BUF_SIZE]()),
       m_recvMutex(),
+      m_bReceiving(false),
       m_bCanBoxMode(0),
-      m_productType(PRODUCT_TYPE_UNKNOWN) {
+      m_productType(PRODUCT_TYPE_UNKNOWN),
+      m_cmdEvent() {
     for (auto& item : m_dataTable.item) {
         item.id = -1;  // absent until the box sends it
         item.value = 0.0f;

@@ -7,9 +7,12 @@
 //    takes m_dataTableMutex (one item at a time) and, through UpdateDevInfo, the owner's
 //    m_devInfoMutex. So a caller of ReceiveData must not hold m_devInfoMutex.
 //  - sending: the commands (send thread) and the power-down's single stop (bus thread). A frame
-//    takes its sequence number and goes out under m_sendMutex; nothing holds it while waiting.
+//    takes its sequence number and goes out under m_sendMutex; nothing holds it while waiting. A
+//    command waits on m_cmdEvent, which the receiver notifies when it has moved the
+//    awaited-command state, and the release's cancel too.
 // Sources: COBDCtrl.cpp (lifecycle), COBDCtrlReceive.cpp (framing, receiver),
-// COBDCtrlCmd.cpp (commands), COBDCtrlDispatch.cpp (dispatch), COBDParser.cpp (parsers).
+// COBDCtrlCmd.cpp (commands), COBDCtrlDispatch.cpp (dispatch), COBDParser.cpp (parsers),
+// COBDCtrlUpgrade.cpp (firmware transfer).
 #pragma once
 
 #include <pthread.h>
@@ -46,6 +49,11 @@ constexpr int OBD_CMD_TIMEOUT_MS = 2000;
 constexpr int OBD_CMD_RETRIES = 10;
 constexpr int OBD_RESET_TIMEOUT_MS = 100;
 constexpr int OBD_RESET_RETRIES = 1;
+// Firmware transfer: chunk size, and what the name packet can carry (a 128-byte packet with 2
+// length and 4 size bytes, the name's NUL included).
+constexpr int OBD_UPG_CHUNK = 256;
+constexpr int OBD_UPG_NAME_PACKET = 128;
+constexpr int OBD_UPG_NAME_MAX = OBD_UPG_NAME_PACKET - 7;
 
 class COBDCtrl : public COBDParser {
   public:
@@ -83,6 +91,8 @@ class COBDCtrl : public COBDParser {
     int OBD_ExecuteCmd(obdcmd_t cmd, _OBD_PkgInData_t* in, int retry);
     // 0 answered, 1 refused by the box, 2 timed out (or cancelled).
     int OBD_WaitCmd(obdcmd_t awaited, int timeoutMs);
+    // Makes a waiting command look at the awaited-command state again. Any thread.
+    void OBD_WakeCmdWait() { m_cmdEvent.Notify(); }
     // 0 answered, -1 not answered after retries + 1 attempts, or cancelled.
     int OBD_SendCmd(obdcmd_t request, obdcmd_t awaited, _OBD_PkgInData_t* in, int timeoutMs,
                     int retries);
@@ -108,7 +118,18 @@ class COBDCtrl : public COBDParser {
 
     int OBD_ReadInfoProc(GdsGetInfoType_t_ type);
     int OBD_ConfigProc(GdsCfgType_t_ type, void* data);
+
+    // ---- firmware transfer (COBDCtrlUpgrade.cpp; send thread) ----
+    // The whole transfer of the file at `path`: 0, or the failing step's result (-1 for a null
+    // path). Deletes the file once the box has accepted the end.
     int OBD_UpgradeProc(char* path);
+    // File-name packet: `name` (at most OBD_UPG_NAME_MAX characters) and the size of `path`.
+    int OBD_UpgradeSendFileName(char* name, char* path);
+    // The file's contents in chunks, with a progress report after each full chunk.
+    int OBD_UpgradeSendFile(char* path);
+    // The file's MD5 as 32 lowercase hex digits.
+    int OBD_UpgradeSendMD5(char* path);
+    void OBD_SetUpgradePercent(int percent);
 
     // ---- heartbeat and watchdog ----
     int OBD_CheckObdHeartBeat();
@@ -146,6 +167,9 @@ class COBDCtrl : public COBDParser {
     // Written by the send thread (before each send) and the receiving thread (answers), polled by
     // the send thread.
     std::atomic<obdcmd_t> m_waitCmd;
+    // Upgrade progress record {state, percent}; written and reported by the send thread only.
+    int32_t m_upgState;
+    int32_t m_upgPercent;
     std::atomic<int> m_bBoxAlive;
     int m_bInited;
     pthread_mutex_t m_dataTableMutex;
@@ -156,6 +180,13 @@ class COBDCtrl : public COBDParser {
     int m_recvLen;
     std::unique_ptr<unsigned char[]> m_recvBuf;
     std::mutex m_recvMutex;
+    // Set while ReceiveData handles a read; the command wait holds on until it is done.
+    std::atomic<bool> m_bReceiving;
     unsigned char m_bCanBoxMode;  // set once by the constructor
     eProductType m_productType;
+    // Wakes the command wait when the dispatcher has moved m_waitCmd.
+    Common::CTMWaitEvent m_cmdEvent;
+
+    // Hands {m_upgState, m_upgPercent} to the owner's device-information store.
+    void ReportUpgrade();
 };

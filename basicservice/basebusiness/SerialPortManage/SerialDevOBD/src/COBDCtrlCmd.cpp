@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "COBDCtrl.h"
 #include "ObdLog.h"
@@ -95,16 +96,47 @@ int COBDCtrl::OBD_ExecuteCmd(obdcmd_t cmd, _OBD_PkgInData_t* in, int retry) {
     return r;
 }
 
+namespace {
+
+struct CmdWait {
+    const std::atomic<obdcmd_t>* state;
+    obdcmd_t awaited;
+    const std::atomic<bool>* receiving;
+    const std::atomic<int>* cancelled;
+};
+
+// What ends a command's wait before its deadline: the answer, or the box's refusal, once the
+// read that carried it has been handled; or the release's cancel. Whatever else should end a wait
+// early belongs here, with an OBD_WakeCmdWait() where it is set.
+bool CmdSettled(void* arg) {
+    const auto* w = static_cast<const CmdWait*>(arg);
+    // Cancelled: after release nobody reads the answer, so waiting on would only delay it.
+    if (w->cancelled->load() != 0) return true;
+    const obdcmd_t state = w->state->load();
+    return (state == w->awaited || state == OBD_CMD_FAIL) && !w->receiving->load();
+}
+
+}  // namespace
+
+// Why not a plain poll of m_waitCmd every 50 ms: an answer would wait for the next poll, so every
+// command cost at least one whole step although the line needs about 25 ms even for a firmware
+// chunk, which halved the upgrade's speed. The wait sleeps instead on m_cmdEvent, which the
+// receiver notifies when the read that moved the state has been handled, and ends then. Its
+// deadline is what the poll slept in all, n + 1 steps of 50 ms, so a command that is not
+// answered times out at the same host time as before (2050 ms for 2000).
 int COBDCtrl::OBD_WaitCmd(obdcmd_t awaited, int timeoutMs) {
     const int steps = timeoutMs / OBD_WAIT_STEP_MS;
-    for (int i = 0;; ++i) {
-        const obdcmd_t state = m_waitCmd.load();
-        if (state == awaited) return 0;
-        if (state == OBD_CMD_FAIL) return 1;
-        // Cancelled: after release nobody reads the answer, so waiting on would only delay it.
-        if (i > steps || m_bCancelled.load() != 0) return 2;
-        Common::P4X_TMSleepMicroSecond(OBD_WAIT_STEP_US);
+    CmdWait wait{&m_waitCmd, awaited, &m_bReceiving, &m_bCancelled};
+    if (steps >= 0) {
+        const uint64_t us = (static_cast<uint64_t>(steps) + 1) * OBD_WAIT_STEP_US;
+        const uint64_t most = std::numeric_limits<unsigned int>::max();
+        m_cmdEvent.WaitMicroSecond(static_cast<unsigned int>(us < most ? us : most), CmdSettled,
+                                   &wait);
     }
+    const obdcmd_t state = m_waitCmd.load();
+    if (state == awaited) return 0;
+    if (state == OBD_CMD_FAIL) return 1;
+    return 2;  // timed out, or cancelled
 }
 
 int COBDCtrl::OBD_SendCmd(obdcmd_t request, obdcmd_t awaited, _OBD_PkgInData_t* in, int timeoutMs,
@@ -120,6 +152,7 @@ int COBDCtrl::OBD_SendCmd(obdcmd_t request, obdcmd_t awaited, _OBD_PkgInData_t* 
 
 void COBDCtrl::OBD_CancelCommands() {
     m_bCancelled = 1;
+    OBD_WakeCmdWait();
 }
 
 int COBDCtrl::OBD_ReadVersion() {
@@ -289,9 +322,4 @@ int COBDCtrl::OBD_ConfigProc(GdsCfgType_t_ type, void* data) {
         default:
             return stopped;
     }
-}
-
-int COBDCtrl::OBD_UpgradeProc(char* path) {
-    (void)path;
-    return -1;  // The firmware transfer is not built yet.
 }

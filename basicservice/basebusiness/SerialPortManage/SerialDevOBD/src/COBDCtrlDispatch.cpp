@@ -36,11 +36,12 @@ int COBDCtrl::HandleData(char* frame, int len) {
     char* payload = frame + 3;
     const int plen = len - 3;
 
-    // Releases the command that waits for `request` by moving the state to its answer. A
-    // compare-exchange, so that a command sent meanwhile is never overwritten.
+    // Releases the command that waits for `request` by moving the state to its answer and waking
+    // its wait. A compare-exchange, so that a command sent meanwhile is never overwritten.
     auto release = [this](obdcmd_t request) {
         obdcmd_t expected = request;
-        m_waitCmd.compare_exchange_strong(expected, static_cast<obdcmd_t>(request + 1));
+        if (m_waitCmd.compare_exchange_strong(expected, static_cast<obdcmd_t>(request + 1)))
+            OBD_WakeCmdWait();
     };
 
     for (const UpgStep& step : kUpgSteps) {
@@ -50,6 +51,7 @@ int COBDCtrl::HandleData(char* frame, int len) {
         if (r == 0) {
             if (result != 0) {
                 m_waitCmd = OBD_CMD_FAIL;  // refused: the waiting step returns at once
+                OBD_WakeCmdWait();
             } else {
                 release(step.request);
             }

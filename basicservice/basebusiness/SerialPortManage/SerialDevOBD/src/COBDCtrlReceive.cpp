@@ -96,6 +96,16 @@ int COBDCtrl::ReceiveData(unsigned char* data, int len) {
 
     // Serial reads (peripheral thread) and relayed bytes (bus thread) never mix in the buffer.
     std::lock_guard<std::mutex> lock(m_recvMutex);
+    // A command released by an answer in this read goes on only once the read is handled: the
+    // clear at its end would discard the box's next answer, were the next request already out.
+    struct Handling {
+        COBDCtrl* c;
+        ~Handling() {
+            c->m_bReceiving = false;
+            c->OBD_WakeCmdWait();
+        }
+    } handling{this};
+    m_bReceiving = true;
     // Deliberately no size limit: a full host read (1024 bytes) is taken in pieces that fit.
     // CutFrames always leaves room: what it keeps is shorter than a frame that fits the buffer.
     int pos = 0;

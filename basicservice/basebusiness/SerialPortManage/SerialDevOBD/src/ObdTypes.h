@@ -141,8 +141,8 @@ static_assert(offsetof(UpgradeProgress_t, percent) == 4, "upgrade progress");
 enum { PERIP_UPG_STATE_PROGRESS = 0, PERIP_UPG_STATE_FAILED = 9, PERIP_UPG_STATE_SUCCESS = 10 };
 constexpr int UPG_DEVICE_OBD = 7;
 
-// The firmware file an upgrade trigger sends to the box. A build setting, so that tests and the
-// simulator can use a directory of their own.
+// The firmware file an upgrade trigger sends to the box: the build setting of the same name
+// (CMake cache), so that tests and the simulator can use a directory of their own.
 #ifndef OBD_UPGRADE_FILE_PATH
 #define OBD_UPGRADE_FILE_PATH "/var/run/DOWNLOAD.bin"
 #endif

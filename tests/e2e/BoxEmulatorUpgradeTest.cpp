@@ -1,0 +1,160 @@
+// The box emulator's firmware upgrade and line pacing, from the plug-in's end of its line.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+
+#include "BoxEmulator.h"
+
+namespace {
+
+using obdbox::BoxEmulator;
+using obdbox::BoxOptions;
+using obdbox::ByteVec;
+
+class BoxUpgradeTest : public ::testing::Test {
+  protected:
+    void StartBox(BoxOptions o) {
+        m_box = std::make_unique<BoxEmulator>(o);
+        ASSERT_TRUE(m_box->Start()) << m_box->LastError();
+        m_fd = open(m_box->SlavePath().c_str(), O_RDWR | O_NOCTTY);
+        ASSERT_GE(m_fd, 0);
+        termios t{};
+        tcgetattr(m_fd, &t);
+        cfmakeraw(&t);
+        tcsetattr(m_fd, TCSANOW, &t);
+    }
+    void TearDown() override {
+        if (m_fd >= 0) close(m_fd);
+        if (m_box) m_box->Stop();
+    }
+    // Sends a request (the box's framing with the direction bytes swapped) and returns the
+    // answer's status byte, or -1 when none came within `ms` (real time).
+    int Step(uint16_t code, const ByteVec& payload = {}, int ms = 1000) {
+        ByteVec f = BoxEmulator::EncodeFrame(code, payload, 1, false, false, false);
+        std::swap(f[2], f[3]);
+        EXPECT_EQ(write(m_fd, f.data(), f.size()), static_cast<ssize_t>(f.size()));
+        const ByteVec a = Read(11, ms);
+        if (a.size() != 11) return -1;
+        EXPECT_EQ((a[7] << 8) | a[8], code + 0x4000);
+        return a[9];
+    }
+    ByteVec Read(size_t want, int ms) {
+        ByteVec out;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (out.size() < want && std::chrono::steady_clock::now() < end) {
+            pollfd p{m_fd, POLLIN, 0};
+            uint8_t buf[512];
+            if (poll(&p, 1, 5) <= 0) continue;
+            const ssize_t n = read(m_fd, buf, std::min(sizeof(buf), want - out.size()));
+            if (n > 0) out.insert(out.end(), buf, buf + n);
+        }
+        return out;
+    }
+    static ByteVec Text(const std::string& s) { return ByteVec(s.begin(), s.end()); }
+    static ByteVec Name(uint32_t size) {
+        ByteVec p = {0x00, 0x0D};
+        for (char c : std::string("DOWNLOAD.BIN")) p.push_back(static_cast<uint8_t>(c));
+        p.insert(p.end(), {0x00, static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
+                           static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)});
+        return p;
+    }
+    static ByteVec Chunk(uint32_t offset, const std::string& bytes) {
+        ByteVec p = {static_cast<uint8_t>(offset >> 24),      static_cast<uint8_t>(offset >> 16),
+                     static_cast<uint8_t>(offset >> 8),       static_cast<uint8_t>(offset),
+                     static_cast<uint8_t>(bytes.size() >> 8), static_cast<uint8_t>(bytes.size())};
+        for (char c : bytes) p.push_back(static_cast<uint8_t>(c));
+        return p;
+    }
+    std::unique_ptr<BoxEmulator> m_box;
+    int m_fd = -1;
+};
+
+// The digest of "abc" from RFC 1321's test suite.
+const char kAbcMd5[] = "900150983cd24fb0d6963f7d28e17f72";
+
+TEST_F(BoxUpgradeTest, KeepsTheFileChecksSizeAndDigestAndReportsTheNewVersion) {
+    StartBox({});
+    struct S {
+        uint16_t code;
+        ByteVec payload;
+        int status;
+    };
+    const std::vector<S> steps = {
+        {0x2111, {}, 2},  // nothing received yet
+        {0x2407, {}, 4},
+        {0x2402, Name(3), 4},
+        {0x2403, Chunk(1, "abc"), 2},  // beyond the size given
+        {0x2403, Chunk(0, "ab"), 4},
+        {0x2404, Text(kAbcMd5), 2},  // a byte missing
+        {0x2403, Chunk(2, "c"), 4},
+        {0x2404, Text("900150983cd24fb0d6963f7d28e17f73"), 2},
+        {0x2404, Text(kAbcMd5), 4},
+        {0x2111, {}, 4},
+    };
+    for (size_t i = 0; i < steps.size(); ++i)
+        EXPECT_EQ(Step(steps[i].code, steps[i].payload), steps[i].status) << "step " << i;
+    const obdbox::BoxUpgrade u = m_box->Upgrade();
+    EXPECT_EQ(u.name, "DOWNLOAD.BIN");
+    EXPECT_EQ(u.size, 3u);
+    EXPECT_EQ(u.image, Text("abc"));
+    EXPECT_EQ(u.chunks, 3);
+    EXPECT_TRUE(u.md5Ok && u.installed);
+    // The software version now names the new firmware (its last text).
+    ByteVec f = BoxEmulator::EncodeFrame(0x2105, {}, 2, false, false, false);
+    std::swap(f[2], f[3]);
+    ASSERT_EQ(write(m_fd, f.data(), f.size()), static_cast<ssize_t>(f.size()));
+    const ByteVec a = Read(10 + 3 * 2 + 7 + 5 + 7, 1000);
+    ASSERT_EQ(a.size(), 35u);
+    EXPECT_EQ(ByteVec(a.end() - 8, a.end() - 1), Text("DIAG2.0"));
+}
+
+TEST_F(BoxUpgradeTest, RefusesAStepDropsChunkAnswersAndFallsSilent) {
+    BoxOptions o;
+    o.upgradeRefuseStep = 0x2407;
+    o.upgradeDropEveryNthChunk = 2;
+    o.upgradeSilentAfterChunks = 3;
+    StartBox(o);
+    EXPECT_EQ(Step(0x2407), 2);
+    EXPECT_EQ(Step(0x2402, Name(1024)), 4);
+    EXPECT_EQ(Step(0x2403, Chunk(0, "x")), 4);
+    EXPECT_EQ(Step(0x2403, Chunk(1, "y"), 150), -1);  // the second answer is dropped
+    EXPECT_EQ(Step(0x2403, Chunk(2, "z")), 4);
+    EXPECT_EQ(Step(0x2403, Chunk(3, "w"), 150), -1);  // the fourth: silent from now on
+    EXPECT_EQ(Step(0x2407, {}, 150), -1);
+    EXPECT_EQ(m_box->Upgrade().image, Text("xyzw"));  // dropped answers, kept chunks
+    m_box->Update([](BoxOptions& opt) { opt.silent = false; });
+    EXPECT_EQ(Step(0x2402, Name(1024)), 4);
+}
+
+// At 11520 bytes/s four 272-byte chunk frames written at once reach the box one after the other,
+// and the four 11-byte answers follow at their own pace.
+TEST_F(BoxUpgradeTest, PacedLineDeliversAtItsByteRate) {
+    BoxOptions o;
+    o.lineBytesPerSec = 11520;
+    StartBox(o);
+    ByteVec burst;
+    for (uint32_t k = 0; k < 4; ++k) {
+        ByteVec f = BoxEmulator::EncodeFrame(0x2403, Chunk(256 * k, std::string(256, 'q')), 1,
+                                             false, false, false);
+        std::swap(f[2], f[3]);
+        burst.insert(burst.end(), f.begin(), f.end());
+    }
+    const auto t0 = std::chrono::steady_clock::now();
+    ASSERT_EQ(write(m_fd, burst.data(), burst.size()), static_cast<ssize_t>(burst.size()));
+    ASSERT_EQ(Read(44, 2000).size(), 44u);
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_GE(ms, (4 * 272 + 11) * 1000.0 / 11520);  // the last answer after the last chunk
+    // Each frame is taken in at its own time, not with the whole burst (a late first stamp on a
+    // loaded machine may eat into one frame's time).
+    const auto rx = m_box->Received();
+    ASSERT_EQ(rx.size(), 4u);
+    EXPECT_GE(rx[3].tMs - rx[0].tMs, 2 * 272 * 1000.0 / 11520);
+}
+
+}  // namespace
