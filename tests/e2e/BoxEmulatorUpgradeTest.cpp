@@ -1,59 +1,19 @@
 // The box emulator's firmware upgrade and line pacing, from the plug-in's end of its line.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <memory>
-
-#include "BoxEmulator.h"
+#include "BoxTestSupport.h"
 
 namespace {
 
-using obdbox::BoxEmulator;
-using obdbox::BoxOptions;
-using obdbox::ByteVec;
+using namespace boxtest;
 
-class BoxUpgradeTest : public ::testing::Test {
+class BoxUpgradeTest : public BoxLineTest {
   protected:
-    void StartBox(BoxOptions o) {
-        m_box = std::make_unique<BoxEmulator>(o);
-        ASSERT_TRUE(m_box->Start()) << m_box->LastError();
-        m_fd = open(m_box->SlavePath().c_str(), O_RDWR | O_NOCTTY);
-        ASSERT_GE(m_fd, 0);
-        termios t{};
-        tcgetattr(m_fd, &t);
-        cfmakeraw(&t);
-        tcsetattr(m_fd, TCSANOW, &t);
-    }
-    void TearDown() override {
-        if (m_fd >= 0) close(m_fd);
-        if (m_box) m_box->Stop();
-    }
-    // Sends a request (the box's framing with the direction bytes swapped) and returns the
-    // answer's status byte, or -1 when none came within `ms` (real time).
+    // Sends a request and returns the answer's status byte, or -1 when none came within `ms`.
     int Step(uint16_t code, const ByteVec& payload = {}, int ms = 1000) {
-        ByteVec f = BoxEmulator::EncodeFrame(code, payload, 1, false, false, false);
-        std::swap(f[2], f[3]);
-        EXPECT_EQ(write(m_fd, f.data(), f.size()), static_cast<ssize_t>(f.size()));
+        Write(Request(code, payload));
         const ByteVec a = Read(11, ms);
         if (a.size() != 11) return -1;
         EXPECT_EQ((a[7] << 8) | a[8], code + 0x4000);
         return a[9];
-    }
-    ByteVec Read(size_t want, int ms) {
-        ByteVec out;
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        while (out.size() < want && std::chrono::steady_clock::now() < end) {
-            pollfd p{m_fd, POLLIN, 0};
-            uint8_t buf[512];
-            if (poll(&p, 1, 5) <= 0) continue;
-            const ssize_t n = read(m_fd, buf, std::min(sizeof(buf), want - out.size()));
-            if (n > 0) out.insert(out.end(), buf, buf + n);
-        }
-        return out;
     }
     static ByteVec Text(const std::string& s) { return ByteVec(s.begin(), s.end()); }
     static ByteVec Name(uint32_t size) {
@@ -70,8 +30,6 @@ class BoxUpgradeTest : public ::testing::Test {
         for (char c : bytes) p.push_back(static_cast<uint8_t>(c));
         return p;
     }
-    std::unique_ptr<BoxEmulator> m_box;
-    int m_fd = -1;
 };
 
 // The digest of "abc" from RFC 1321's test suite.
@@ -105,9 +63,7 @@ TEST_F(BoxUpgradeTest, KeepsTheFileChecksSizeAndDigestAndReportsTheNewVersion) {
     EXPECT_EQ(u.chunks, 3);
     EXPECT_TRUE(u.md5Ok && u.installed);
     // The software version now names the new firmware (its last text).
-    ByteVec f = BoxEmulator::EncodeFrame(0x2105, {}, 2, false, false, false);
-    std::swap(f[2], f[3]);
-    ASSERT_EQ(write(m_fd, f.data(), f.size()), static_cast<ssize_t>(f.size()));
+    Write(Request(0x2105, {}, 2));
     const ByteVec a = Read(10 + 3 * 2 + 7 + 5 + 7, 1000);
     ASSERT_EQ(a.size(), 35u);
     EXPECT_EQ(ByteVec(a.end() - 8, a.end() - 1), Text("DIAG2.0"));
@@ -139,13 +95,11 @@ TEST_F(BoxUpgradeTest, PacedLineDeliversAtItsByteRate) {
     StartBox(o);
     ByteVec burst;
     for (uint32_t k = 0; k < 4; ++k) {
-        ByteVec f = BoxEmulator::EncodeFrame(0x2403, Chunk(256 * k, std::string(256, 'q')), 1,
-                                             false, false, false);
-        std::swap(f[2], f[3]);
+        const ByteVec f = Request(0x2403, Chunk(256 * k, std::string(256, 'q')));
         burst.insert(burst.end(), f.begin(), f.end());
     }
     const auto t0 = std::chrono::steady_clock::now();
-    ASSERT_EQ(write(m_fd, burst.data(), burst.size()), static_cast<ssize_t>(burst.size()));
+    Write(burst);
     ASSERT_EQ(Read(44, 2000).size(), 44u);
     const double ms =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();

@@ -188,13 +188,6 @@ TEST_F(E2eUpgradeTest, E2eTriggerTransfersTheFileAndTheNewVersionsAreBroadcast) 
     EXPECT_EQ(u.size, file.size());
     EXPECT_TRUE(u.image == file);
     EXPECT_EQ(u.chunks, 1201);  // none repeated
-    {
-        auto rx = m_box->Received();
-        for (size_t i = 1; i < rx.size(); ++i)
-            if (rx[i].code == 0x2403 && rx[i].seq == rx[i - 1].seq)
-                fprintf(stderr, "DBG repeat seq %u gap %.3f ms prevgap %.3f\n", rx[i].seq,
-                        rx[i].tMs - rx[i - 1].tMs, rx[i - 1].tMs - rx[i - 2].tMs);
-    }
     EXPECT_TRUE(u.installed);
     EXPECT_TRUE(StepUntil([] { return !FileThere(); }, 1000));  // deleted after the report
     EXPECT_FALSE(Upgrading());

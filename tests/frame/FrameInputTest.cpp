@@ -59,70 +59,43 @@ const char kLog[] =
     "[1004 ms] send id=6899 len=14 0a 00 00 00 55 aa f0 f8 00 03 02 2c 04\n";
 
 TEST(FrameInput, EachFormatIsReadIntoChunksPerDirection) {
+    auto C = [](const char* name, std::string content, Format format, Source source,
+                Format detected, std::vector<ChunkExpect> chunks, size_t badLines = 0) {
+        return InputCase{name, content, format, source, detected, chunks, badLines};
+    };
     const std::vector<InputCase> cases = {
-        {"a log: the wire lines and the bus frames first",
-         kLog,
-         Format::Auto,
-         Source::Auto,
-         Format::Log,
-         {{Dir::ToBox, "55 AA F0 F8 00 03 01 2C 04 22", 2},
-          {Dir::FromBox, "55 AA F8 F0 00 03 01 6C 04 62", 3},
-          {Dir::ToBox, "55 AA F0 F8 00 03 02 2C 04", 1004}}},
-        {"a log's reads, a dump continued and a trace not",
-         kLog,
-         Format::Auto,
-         Source::Read,
-         Format::Log,
-         {{Dir::FromBox, "55 AA F8 F0 00 03 01 6C 04 62", -1}, {Dir::FromBox, "13", -1}}},
-        {"a log's frames",
-         kLog,
-         Format::Log,
-         Source::Frame,
-         Format::Log,
-         {{Dir::FromBox, "55 AA F8 F0 00 03 01 6C 04 62", -1}}},
-        {"a log of dumps only falls back to the reads",
-         "[D3] one obd data: 55 AA\n[D2] obd data: 01 02\n",
-         Format::Auto,
-         Source::Auto,
-         Format::Log,
-         {{Dir::FromBox, "01 02", -1}}},
-        {"obd-sim --json",
-         "{\"t_ms\":9,\"kind\":\"wire\",\"dir\":\"from_box\",\"hex\":\"55aaf8f0\"}\n"
-         "{\"t_ms\":10,\"kind\":\"send\",\"id\":6702,\"len\":2,\"hex\":\"0102\"}\n"
-         "{\"t_ms\":11,\"kind\":\"send\",\"id\":6899,\"len\":7,\"hex\":\"02000000aabbcc\"}\n"
-         "{\"t_ms\":12,\"kind\":\"send\",\"id\":6898,\"len\":5,\"hex\":\"09000000dd\"}\n"
-         "{\"t_ms\":13,\"kind\":\"wire\",\"dir\":\"to_box\",\"hex\":\"55zz\"}\n"
-         "{not json\n",
-         Format::Auto,
-         Source::Auto,
-         Format::Json,
-         {{Dir::FromBox, "55 AA F8 F0", 9}, {Dir::ToBox, "AA BB", 11}, {Dir::FromBox, "DD", 12}},
-         2},
-        {"JSON lines among log lines",
-         "[L1 x] start\n{\"t_ms\":1,\"kind\":\"wire\",\"dir\":\"to_box\",\"hex\":\"55aa\"}\n",
-         Format::Auto,
-         Source::Auto,
-         Format::Log,
-         {{Dir::ToBox, "55 AA", 1}}},
-        {"hex text",
-         "# capture\n55 aa, 0xF8 0xf0\n\n0003 # L\n",
-         Format::Auto,
-         Source::Auto,
-         Format::Hex,
-         {{Dir::Unknown, "55 AA F8 F0", -1}, {Dir::Unknown, "00 03", -1}}},
-        {"hex text with a fault",
-         "55 aa 5\n",
-         Format::Hex,
-         Source::Auto,
-         Format::Hex,
-         {{Dir::Unknown, "55 AA", -1}},
-         1},
-        {"binary",
-         std::string("\x55\xAA\x00\x0A", 4),
-         Format::Auto,
-         Source::Auto,
-         Format::Bin,
-         {{Dir::Unknown, "55 AA 00 0A", -1}}},
+        C("a log: the wire lines and the bus frames first", kLog, Format::Auto, Source::Auto,
+          Format::Log,
+          {{Dir::ToBox, "55 AA F0 F8 00 03 01 2C 04 22", 2},
+           {Dir::FromBox, "55 AA F8 F0 00 03 01 6C 04 62", 3},
+           {Dir::ToBox, "55 AA F0 F8 00 03 02 2C 04", 1004}}),
+        C("a log's reads, a dump continued and a trace not", kLog, Format::Auto, Source::Read,
+          Format::Log,
+          {{Dir::FromBox, "55 AA F8 F0 00 03 01 6C 04 62", -1}, {Dir::FromBox, "13", -1}}),
+        C("a log's frames", kLog, Format::Log, Source::Frame, Format::Log,
+          {{Dir::FromBox, "55 AA F8 F0 00 03 01 6C 04 62", -1}}),
+        C("a log of dumps only falls back to the reads",
+          "[D3] one obd data: 55 AA\n[D2] obd data: 01 02\n", Format::Auto, Source::Auto,
+          Format::Log, {{Dir::FromBox, "01 02", -1}}),
+        C("obd-sim --json",
+          "{\"t_ms\":9,\"kind\":\"wire\",\"dir\":\"from_box\",\"hex\":\"55aaf8f0\"}\n"
+          "{\"t_ms\":10,\"kind\":\"send\",\"id\":6702,\"len\":2,\"hex\":\"0102\"}\n"
+          "{\"t_ms\":11,\"kind\":\"send\",\"id\":6899,\"len\":7,\"hex\":\"02000000aabbcc\"}\n"
+          "{\"t_ms\":12,\"kind\":\"send\",\"id\":6898,\"len\":5,\"hex\":\"09000000dd\"}\n"
+          "{\"t_ms\":13,\"kind\":\"wire\",\"dir\":\"to_box\",\"hex\":\"55zz\"}\n"
+          "{not json\n",
+          Format::Auto, Source::Auto, Format::Json,
+          {{Dir::FromBox, "55 AA F8 F0", 9}, {Dir::ToBox, "AA BB", 11}, {Dir::FromBox, "DD", 12}},
+          2),
+        C("JSON lines among log lines",
+          "[L1 x] start\n{\"t_ms\":1,\"kind\":\"wire\",\"dir\":\"to_box\",\"hex\":\"55aa\"}\n",
+          Format::Auto, Source::Auto, Format::Log, {{Dir::ToBox, "55 AA", 1}}),
+        C("hex text", "# capture\n55 aa, 0xF8 0xf0\n\n0003 # L\n", Format::Auto, Source::Auto,
+          Format::Hex, {{Dir::Unknown, "55 AA F8 F0", -1}, {Dir::Unknown, "00 03", -1}}),
+        C("hex text with a fault", "55 aa 5\n", Format::Hex, Source::Auto, Format::Hex,
+          {{Dir::Unknown, "55 AA", -1}}, 1),
+        C("binary", std::string("\x55\xAA\x00\x0A", 4), Format::Auto, Source::Auto, Format::Bin,
+          {{Dir::Unknown, "55 AA 00 0A", -1}}),
     };
     for (const InputCase& c : cases) {
         SCOPED_TRACE(c.name);
