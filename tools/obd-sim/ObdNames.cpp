@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "GdsItemNames.h"
 #include "GdsLogicAnalyser.h"
 
 namespace obdsim {
@@ -12,20 +13,11 @@ static_assert(kItemCount == OBD_ITEM_COUNT, "one name per table item");
 const std::array<std::string, kItemCount>& Names() {
     static const std::array<std::string, kItemCount> names = [] {
         std::array<std::string, kItemCount> n;
-        for (int i = 0; i < kItemCount; ++i) n[i] = "item_" + std::to_string(i);
-        n[OBD_IDX_MILEAGE] = "mileage";
-        n[OBD_IDX_GROSS] = "gross_fuel";
-        n[OBD_IDX_MILEAGE2] = "mileage2";
-        n[OBD_IDX_FUEL] = "fuel";
-        n[OBD_IDX_ENGINE_SPEED] = "engine_speed";
-        n[OBD_IDX_SPEED] = "speed";
-        n[OBD_IDX_BATTERY_VOLT] = "battery_volt";
-        n[OBD_IDX_COOLANT_TEMP] = "coolant_temp";
-        n[OBD_IDX_ACCELERATOR] = "accelerator";
-        n[OBD_IDX_CLUTCH] = "clutch";
-        n[OBD_IDX_BRAKE] = "brake";
-        n[OBD_IDX_RUNNING_BRAKE] = "running_brake";
-        n[OBD_IDX_OIL_TEMP] = "oil_temp";
+        // The shared names of the interpreted items; the others by their index.
+        for (int i = 0; i < kItemCount; ++i) {
+            const char* shared = kGdsItemNames[i].name;
+            n[i] = shared != nullptr ? shared : "item_" + std::to_string(i);
+        }
         return n;
     }();
     return names;
