@@ -134,44 +134,43 @@ int CSerialDevOBD::BroadcastGdsAlarm() {
         return (prev[word] & bits) != 0 && (cur[word] & bits) == 0;
     };
 
-    if (began(3, ALARM_BIT_NEUTRAL_GLIDE)) {
-        m_neutralGlideRecord = AlarmOverData{};
-        m_neutralGlideRecord.maxValue = ToI16(speed);
-        g_neutralGlideStart = now;
-    } else if (ended(3, ALARM_BIT_NEUTRAL_GLIDE)) {
-        m_neutralGlideRecord.continueTime = Seconds(now, g_neutralGlideStart);
-        m_neutralGlideRecord.threshold = static_cast<uint16_t>(thr.neutralGlide.speed);
-        msg.neutralGlide = m_neutralGlideRecord;
+    // The three timed trackers: a beginning zeroes the record and keeps its start value and time;
+    // an end fills duration and threshold and puts the record into this message.
+    auto timed = [&](int word, uint64_t bits, AlarmOverData& rec, std::atomic<uint64_t>& start,
+                     int16_t startValue, uint16_t threshold, AlarmOverData& slot) {
+        if (began(word, bits)) {
+            rec = AlarmOverData{};
+            rec.maxValue = startValue;
+            start = now;
+            return false;
+        }
+        if (!ended(word, bits)) return false;
+        rec.continueTime = Seconds(now, start);
+        rec.threshold = threshold;
+        slot = rec;
+        return true;
+    };
+    if (timed(3, ALARM_BIT_NEUTRAL_GLIDE, m_neutralGlideRecord, g_neutralGlideStart, ToI16(speed),
+              static_cast<uint16_t>(thr.neutralGlide.speed), msg.neutralGlide)) {
         OBD_DEV_LOG(
             1,
             "S38_OBD: NetralGlide alarm over, continue time = %d, threshold = %d, maxValue = %d\n",
             m_neutralGlideRecord.continueTime, m_neutralGlideRecord.threshold,
             m_neutralGlideRecord.maxValue);
     }
-
-    if (began(1, ALARM_BITS_IDLING)) {
-        m_idlingRecord = AlarmOverData{};
-        g_idlingStart = now;
-    } else if (ended(1, ALARM_BITS_IDLING)) {
-        m_idlingRecord.continueTime = Seconds(now, g_idlingStart);
-        m_idlingRecord.threshold = static_cast<uint16_t>(
-            LevelThreshold(prev[1], 10, thr.idlingTimeout.level1Time, thr.idlingTimeout.level2Time,
-                           thr.idlingTimeout.level3Time));
-        msg.idling = m_idlingRecord;
+    // Idling keeps no start value; both graded trackers report the lowest level that was set.
+    const auto idlingThreshold = static_cast<uint16_t>(
+        LevelThreshold(prev[1], 10, thr.idlingTimeout.level1Time, thr.idlingTimeout.level2Time,
+                       thr.idlingTimeout.level3Time));
+    if (timed(1, ALARM_BITS_IDLING, m_idlingRecord, g_idlingStart, 0, idlingThreshold,
+              msg.idling)) {
         OBD_DEV_LOG(1, "S38_OBD: KdlingTimeout alarm over, continue time = %d, threshold = %d\n",
                     m_idlingRecord.continueTime, m_idlingRecord.threshold);
     }
-
-    if (began(1, ALARM_BITS_OVERSPEED)) {
-        m_overspeedRecord = AlarmOverData{};
-        m_overspeedRecord.maxValue = ToI16(engineSpeed);
-        g_overspeedStart = now;
-    } else if (ended(1, ALARM_BITS_OVERSPEED)) {
-        m_overspeedRecord.continueTime = Seconds(now, g_overspeedStart);
-        m_overspeedRecord.threshold = static_cast<uint16_t>(
-            LevelThreshold(prev[1], 0, thr.revving.engineSpeed1, thr.revving.engineSpeed2,
-                           thr.revving.engineSpeed3));
-        msg.overspeed = m_overspeedRecord;
+    const auto overspeedThreshold = static_cast<uint16_t>(LevelThreshold(
+        prev[1], 0, thr.revving.engineSpeed1, thr.revving.engineSpeed2, thr.revving.engineSpeed3));
+    if (timed(1, ALARM_BITS_OVERSPEED, m_overspeedRecord, g_overspeedStart, ToI16(engineSpeed),
+              overspeedThreshold, msg.overspeed)) {
         OBD_DEV_LOG(1,
                     "S38_OBD: Engine overspeed alarm over, continue time = %d, threshold = %d, "
                     "maxValue = %d\n",
