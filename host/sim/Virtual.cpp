@@ -120,9 +120,14 @@ bool AdvanceLocked(ClockState& c) {
 
 void IdleLocked(ClockState& c, Part* p, bool hasDeadline, uint64_t deadlineUs) {
     if (!p->registered) return;
+    // A thread that waits again for the same thing (its real timeout passed before its turn came)
+    // keeps its place among those due at the same instant: how often a real timeout passes on a
+    // slow or loaded machine must not change the order of turns.
+    const bool again = p->state == State::Idle && p->hasDeadline == hasDeadline &&
+                       (!hasDeadline || p->deadlineUs == deadlineUs);
     p->hasDeadline = hasDeadline;
     p->deadlineUs = deadlineUs;
-    p->order = ++c.order;
+    if (!again) p->order = ++c.order;
     if (!Virtual(c)) {
         p->state = State::Idle;
         return;
