@@ -4,6 +4,7 @@
 #
 #   bash scripts/deps.sh [native]   compiler, CMake, GoogleTest, CLI11, nlohmann-json, libssl:
 #                                   the simulator, the native, ASan and TSan suites
+#   bash scripts/deps.sh test       native + chromium and libpng: the report page's browser test
 #   bash scripts/deps.sh armhf      native + the armhf cross compiler and qemu-user
 #   bash scripts/deps.sh fuzz       native + clang and its libFuzzer runtime
 #   bash scripts/deps.sh ci         all of the above
@@ -23,6 +24,11 @@ NATIVE=(
     nlohmann-json3-dev # header-only, the simulator's --json output
     libfccp-dev        # header-only CSV reader, the simulator's --scenario files
     libssl-dev         # libcrypto: an independent reference for the MD5 tests (host only)
+    libjs-chart.js     # Chart.js, inlined into obd-sim's report page at build time
+)
+BROWSER=(
+    chromium   # renders the report page headless in its end-to-end test
+    libpng-dev # reads the screenshot back
 )
 ARMHF=(
     g++-arm-linux-gnueabihf # brings the armhf libc/libstdc++ under /usr/arm-linux-gnueabihf
@@ -36,11 +42,12 @@ FUZZ=(
 profile=${1:-native}
 case $profile in
 native) packages=("${NATIVE[@]}") ;;
+test) packages=("${NATIVE[@]}" "${BROWSER[@]}") ;;
 armhf) packages=("${NATIVE[@]}" "${ARMHF[@]}") ;;
 fuzz) packages=("${NATIVE[@]}" "${FUZZ[@]}") ;;
-ci) packages=("${NATIVE[@]}" "${ARMHF[@]}" "${FUZZ[@]}") ;;
+ci) packages=("${NATIVE[@]}" "${BROWSER[@]}" "${ARMHF[@]}" "${FUZZ[@]}") ;;
 *)
-    echo "deps: unknown profile '$profile' (native, armhf, fuzz or ci)" >&2
+    echo "deps: unknown profile '$profile' (native, test, armhf, fuzz or ci)" >&2
     exit 2
     ;;
 esac

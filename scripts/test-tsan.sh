@@ -22,7 +22,7 @@ if [[ ${1:-} == --all ]]; then
     labels=
     shift
 fi
-bash scripts/deps.sh native
+bash scripts/deps.sh test
 start=$SECONDS
 
 # TSan maps its shadow memory at fixed addresses; with the large mmap randomisation of newer

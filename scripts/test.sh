@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs what is missing (scripts/deps.sh native), then builds and runs the whole test suite
+# Installs what is missing (scripts/deps.sh test), then builds and runs the whole test suite
 # twice: an optimised build (the one the simulator command uses, where the compiler's flow analysis
 # warns most), then the same suite under AddressSanitizer + UndefinedBehaviorSanitizer (no
 # recovery: the first finding fails the run).
@@ -20,7 +20,7 @@ all | --native | --asan) ;;
     ;;
 esac
 
-bash scripts/deps.sh native
+bash scripts/deps.sh test
 
 # The plug-in's upgrade file for a build: a temporary directory of its own per build directory,
 # so that no test touches the recorder's path and builds side by side do not share a file.

@@ -174,6 +174,18 @@ int DumpLevel();
 using LogSink = std::function<void(int level, const std::string& line)>;
 void SetLogSink(LogSink sink);
 
+// ---- Serial line ------------------------------------------------------------------------------
+
+// Receives every chunk the plug-in reads from its tty (`toDevice` false) and every chunk it
+// writes there (`toDevice` true), with the host time of the read or write, on the thread that
+// did it. A tool that follows the line's health sees the bytes as the plug-in does, whatever is
+// on the far end (the built-in box or a real one). An empty function removes it. Set it before
+// the plug-in starts and remove it after the release: it is not guarded against a call in
+// flight.
+using SerialTap =
+    std::function<void(bool toDevice, const unsigned char* data, size_t n, long long tMs)>;
+void SetSerialTap(SerialTap tap);
+
 // ---- Bus --------------------------------------------------------------------------------------
 
 // One outbound bus message as a listener sees it.

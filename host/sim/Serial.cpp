@@ -8,9 +8,12 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
+#include <memory>
+#include <mutex>
 
 #include "CSerialBase.h"
 #include "HostInternal.h"
+#include "HostSim.h"
 
 namespace {
 
@@ -79,7 +82,27 @@ int ApplyTermios(int fd, int baud, int dataBits, int stopBits, int parity, int f
     return 0;
 }
 
+// The tap is taken under a lock and called outside it, so that setting it never races a read or
+// a write in flight and a slow tap holds back only its own caller.
+std::mutex g_tapMutex;
+std::shared_ptr<const hostsim::SerialTap> g_tap;
+
+void TapSerial(bool toDevice, const void* data, size_t n) {
+    std::shared_ptr<const hostsim::SerialTap> tap;
+    {
+        std::lock_guard<std::mutex> lock(g_tapMutex);
+        tap = g_tap;
+    }
+    if (tap) (*tap)(toDevice, static_cast<const unsigned char*>(data), n, hostsim::ClockNowMs());
+}
+
 }  // namespace
+
+void hostsim::SetSerialTap(SerialTap tap) {
+    auto shared = tap ? std::make_shared<const SerialTap>(std::move(tap)) : nullptr;
+    std::lock_guard<std::mutex> lock(g_tapMutex);
+    g_tap = std::move(shared);
+}
 
 CSerialBase::CSerialBase(CPeripheralManage* manage, CMsgClientManage* msgClient,
                          unsigned int periphId, unsigned int portIndex)
@@ -162,6 +185,7 @@ int CSerialBase::GetSerialBufferData(char* buf, unsigned int& len) {
             len = static_cast<unsigned int>(n);
             m_pPeripheralState->bytesTaken.fetch_add(len);
             hostsim::detail::LineReaderTook(m_pPeripheralState->line.load(), len);
+            TapSerial(false, buf, len);
             return 0;
         }
         if (n == 0) return 0;
@@ -206,6 +230,7 @@ int CSerialBase::SendDataToPeripheral(const char* data, unsigned int len) {
         pollfd p{fd, POLLOUT, 0};
         ::poll(&p, 1, 50);
     }
+    TapSerial(true, data, len);
     return static_cast<int>(len);
 }
 

@@ -100,6 +100,38 @@ std::string Str(const Json& j, const char* key) {
     return j.contains(key) && j[key].is_string() ? j[key].get<std::string>() : std::string();
 }
 
+std::string Count(const Json& j, const char* key) {
+    return j.contains(key) ? j[key].dump() : std::string("0");
+}
+
+std::string LinkText(const Json& link) {
+    if (!link.is_object()) return {};
+    const Json& to = link["to_box"];
+    const Json& from = link["from_box"];
+    const Json& cmd = link["commands"];
+    const Json& lat = link["latency"];
+    const Json& ds = link["data_stream"];
+    std::string t = "\nLink (the bytes as the plug-in read and wrote them)\n";
+    t += "  frames       to the box " + Count(to, "frames") + ", from the box " +
+         Count(from, "frames") + "\n";
+    t += "  refused      bad checksum " + Count(from, "bad_checksum") + ", cut off " +
+         Count(from, "cut_off") + "; garbage " + Count(from, "garbage_bytes") + " bytes, " +
+         Count(from, "resyncs") + " resynchronisations\n";
+    t += "  commands     " + Count(cmd, "sent") + " sent, " + Count(cmd, "answered") +
+         " answered, " + Count(cmd, "retries") + " retries, " + Count(cmd, "unanswered") +
+         " unanswered\n";
+    if (lat.contains("median_ms")) {
+        t += "  answer time  median " + lat["median_ms"].dump() + " ms, 99th percentile " +
+             lat["p99_ms"].dump() + " ms, longest " + lat["max_ms"].dump() + " ms (host time)\n";
+    }
+    t += "  data stream  " + Count(ds, "frames") + " frames";
+    if (ds.contains("period_ms")) {
+        t += ", every " + ds["period_ms"].dump() + " ms; " + Count(ds, "gaps") + " gaps, longest " +
+             Fmt("%.1f", ds["longest_ms"].get<double>() / 1000.0) + " s";
+    }
+    return t + "\n";
+}
+
 }  // namespace
 
 Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const RunFacts& facts) {
@@ -144,6 +176,7 @@ Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const 
     outBox["link_up_s"] = up < 0 ? Json(nullptr) : Json(Seconds(up));
     outBox["link_up_at_end"] = box.is_object() && box.value("link_up", false);
     j["box"] = outBox;
+    j["link"] = facts.link;
     const std::vector<std::string> problems = trip.Problems();
     j["problems"] = problems;
     j["ok"] = problems.empty();
@@ -260,6 +293,8 @@ std::string SummaryText(const Json& s) {
         t += "  link       up from " + Dur(box["link_up_s"].get<double>()) +
              (box["link_up_at_end"].get<bool>() ? ", up at the end\n" : ", down at the end\n");
     }
+
+    t += LinkText(s["link"]);
 
     const std::string slack = "timing to within " + Fmt("%.1f", s["slack_s"].get<double>()) + " s";
     if (!s["checked"].get<bool>()) {

@@ -18,6 +18,7 @@ struct RunFacts {
     double realSeconds = 0;
     long long slackMs = 0;       // how late the clock may deliver a periodic event (TripLog)
     std::string statisticsNote;  // why there are no statistics, when there are none
+    Json link;                   // LinkMonitor's figures; null when the line was not seen
 };
 
 // `reference` may be null or not loaded: the summary then says why, from `facts`.

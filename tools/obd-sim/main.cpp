@@ -42,7 +42,9 @@
 #include "HostCommon.h"
 #include "HostSim.h"
 #include "InjectLine.h"
+#include "LinkHealth.h"
 #include "Reference.h"
+#include "Report.h"
 #include "Scenario.h"
 #include "StatusLine.h"
 #include "Summary.h"
@@ -344,6 +346,7 @@ int Run(int argc, char** argv) {
     std::string scenario;
     std::string columns;
     std::string summaryJson;
+    std::string report;
     int baud = 115200;
     double duration = 0.0;
     int productType = 0;
@@ -399,6 +402,8 @@ int Run(int argc, char** argv) {
     app.add_flag("--trace", trace, "print every wire byte and bus message as readable lines");
     app.add_option("--summary-json", summaryJson,
                    "write the summary as one JSON object to this file");
+    app.add_option("--report", report,
+                   "write a self-contained HTML page of the trip (timeline, summary, link health)");
     app.add_option("--inject", inject,
                    "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin");
     app.add_option("--plugin", plugin, "plug-in library (default: next to this program)");
@@ -415,6 +420,10 @@ int Run(int argc, char** argv) {
     const bool builtInBox = serial.empty() && !noBox;
     if (!builtInBox && !scenario.empty()) return Fail("--scenario needs the built-in box", 2);
     if (scenario.empty() && !columns.empty()) return Fail("--columns needs --scenario", 2);
+    if (!report.empty() && !obdsim::ReportAvailable()) {
+        return Fail("--report: built without Chart.js (install libjs-chart.js and rebuild)", 2);
+    }
+    if (!report.empty() && !std::ofstream(report)) return Fail("cannot write " + report, 1);
     std::vector<obdsim::ColumnMap> columnMap;
     {
         std::string error;
@@ -563,9 +572,19 @@ int Run(int argc, char** argv) {
         box->Start();
     }
 
+    std::unique_ptr<obdsim::Timeline> timeline;
+    if (!report.empty()) timeline = std::make_unique<obdsim::Timeline>(drive.get());
+    // In CAN-box mode the box is not on the line: there is no line to follow.
+    std::unique_ptr<obdsim::LinkMonitor> link;
+    if (productType != 72) {
+        link = std::make_unique<obdsim::LinkMonitor>();
+        hostsim::SetSerialTap([&link](bool toBox, const unsigned char* data, size_t n,
+                                      long long tMs) { link->OnChunk(toBox, data, n, tMs); });
+    }
     const int token = hostsim::BusSubscribe([&](const hostsim::BusMessage& m) {
         printer.Bus(m);
         trip.OnBus(m);
+        if (timeline) timeline->OnBus(m);
         // Without the built-in box the plug-in's own table is the only sample the simulator has.
         if (!builtInBox && !m.response && m.id == 6702 &&
             m.payload.size() >= sizeof(_OBD_DataTable_t)) {
@@ -626,6 +645,7 @@ int Run(int argc, char** argv) {
             host.Release();
         }
     }
+    hostsim::SetSerialTap({});
     hostsim::BusDrain();
     hostsim::BusUnsubscribe(token);
     if (box) box->Stop();
@@ -634,6 +654,7 @@ int Run(int argc, char** argv) {
     if (shownStatus) shownStatus->Clear();
     hostsim::SetLogSink({});
     if (ran) {
+        if (link) facts.link = link->Figures();
         const obdsim::Json summary = obdsim::SummaryJson(trip, &reference, facts);
         const std::string text = obdsim::SummaryText(summary);
         const std::string line =
@@ -644,6 +665,24 @@ int Run(int argc, char** argv) {
             std::ofstream file(summaryJson);
             file << line << "\n";
             if (!file) status = Fail("cannot write " + summaryJson, 1);
+        }
+        if (!report.empty()) {
+            obdsim::Json settings;
+            settings["source"] = facts.source;
+            settings["speed"] = speed;
+            if (duration > 0.0) settings["duration_s"] = duration;
+            if (!columns.empty()) settings["columns"] = columns;
+            settings["baud"] = baud;
+            settings["product type"] = productType;
+            if (builtInBox) {
+                settings["box stream period (ms)"] = boxStreamMs;
+                settings["box link period (ms)"] = boxLinkMs;
+            }
+            if (!inject.empty()) settings["inject"] = inject;
+            settings["plug-in"] = plugin;
+            std::ofstream file(report);
+            file << obdsim::ReportHtml(summary, timeline->Points(), settings);
+            if (!file) status = Fail("cannot write " + report, 1);
         }
         if (!summary["ok"].get<bool>() && status == 0) {
             status = Fail("plug-in misbehaved: " + summary["problems"][0].get<std::string>(), 3);
