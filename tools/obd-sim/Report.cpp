@@ -234,14 +234,16 @@ tr.missing td { color: #b00; }
 // a browser test can tell a drawn plot from an empty canvas.
 const char* const kScript = R"js(
 (function () {
-  const palette = ['rgba(214,39,40,0.22)', 'rgba(255,127,14,0.22)', 'rgba(148,103,189,0.22)',
-    'rgba(140,86,75,0.22)', 'rgba(227,119,194,0.22)', 'rgba(188,189,34,0.22)',
-    'rgba(23,190,207,0.22)', 'rgba(127,127,127,0.22)'];
+  const palette = ['214,39,40', '255,127,14', '148,103,189', '140,86,75', '227,119,194',
+    '188,189,34', '23,190,207', '127,127,127'];
   const kinds = [...new Set(TRIP.alarms.map(a => a.key))];
-  const colour = key => palette[kinds.indexOf(key) % palette.length];
+  const colour = (key, alpha) => 'rgba(' + palette[kinds.indexOf(key) % palette.length] + ',' + alpha + ')';
   const clock = s => { s = Math.round(s); const h = Math.floor(s / 3600), m = Math.floor(s / 60) % 60;
     return h + ':' + String(m).padStart(2, '0') + ':' + String(s % 60).padStart(2, '0'); };
-  // The alarms as bands behind the lines, labelled where a band is wide enough for its name.
+  // The alarms as bands: a faint one behind the lines, and a strip in a lane of its own per kind
+  // along the top, so that a trip of hours with long and overlapping alarms stays readable. A
+  // short list also gets a label at each band's start.
+  const lane = 9;
   const bands = { id: 'alarmBands', beforeDatasetsDraw(chart) {
     const x = chart.scales.x, area = chart.chartArea, g = chart.ctx;
     g.save(); g.font = '11px sans-serif';
@@ -249,10 +251,13 @@ const char* const kScript = R"js(
       const x0 = Math.max(area.left, x.getPixelForValue(a.start_s));
       const x1 = Math.min(area.right, Math.max(x0 + 2, x.getPixelForValue(a.start_s + a.duration_s)));
       if (x1 <= area.left || x0 >= area.right) return;
-      g.fillStyle = colour(a.key); g.fillRect(x0, area.top, x1 - x0, area.bottom - area.top);
-      const label = a.title + (a.level > 1 ? ' ' + a.level : '');
-      if (x1 - x0 > g.measureText(label).width + 4 || TRIP.alarms.length <= 12) {
-        g.fillStyle = '#333'; g.fillText(label, x0 + 2, area.top + 12 + 13 * (i % 4));
+      g.fillStyle = colour(a.key, 0.10); g.fillRect(x0, area.top, x1 - x0, area.bottom - area.top);
+      g.fillStyle = colour(a.key, 0.85);
+      g.fillRect(x0, area.top + lane * kinds.indexOf(a.key), x1 - x0, lane - 2);
+      if (TRIP.alarms.length <= 12) {
+        g.fillStyle = '#333';
+        g.fillText(a.title + (a.level > 1 ? ' ' + a.level : ''), x0 + 2,
+                   area.top + lane * kinds.length + 12 + 13 * (i % 4));
       }
     });
     g.restore(); } };
@@ -289,7 +294,7 @@ const char* const kScript = R"js(
   }
   document.getElementById('legend').innerHTML = kinds.map(k => {
     const a = TRIP.alarms.find(x => x.key === k);
-    return '<span><i style="background:' + colour(k).replace('0.22', '0.6') + '"></i>' + a.title + '</span>';
+    return '<span><i style="background:' + colour(k, 0.85) + '"></i>' + a.title + '</span>';
   }).join('');
   let painted = 0;
   charts.forEach(c => {
