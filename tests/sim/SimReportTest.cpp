@@ -2,12 +2,7 @@
 // page and link figures end to end: the page rendered in headless Chromium as a person sees it,
 // and the figures of a box with injected faults.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -19,12 +14,11 @@
 #include "LinkHealth.h"
 #include "ObdNames.h"
 #include "Report.h"
+#include "SimProcess.h"
 
 #ifdef OBD_HAVE_PNG
 #include <png.h>
 #endif
-
-extern char** environ;
 
 namespace obdsim {
 namespace {
@@ -205,26 +199,7 @@ class SimReport : public ::testing::Test {
         s << std::ifstream(path).rdbuf();
         return s.str();
     }
-    // Runs `cmd` through the shell; its exit code, -1 when it outlasts `seconds`.
-    static int Shell(const std::string& cmd, int seconds = 100) {
-        const std::string line = "exec " + cmd;
-        const char* argv[] = {"sh", "-c", line.c_str(), nullptr};
-        pid_t pid = -1;
-        if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ)) {
-            return -1;
-        }
-        int status = 0;
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        while (waitpid(pid, &status, WNOHANG) != pid) {
-            if (std::chrono::steady_clock::now() > limit) {
-                kill(pid, SIGKILL);
-                waitpid(pid, &status, 0);
-                return -1;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
+    static int Shell(const std::string& cmd) { return RunShell(cmd); }
     int Sim(const std::string& args) {
         return Shell(OBD_SIM_LAUNCHER " " OBD_SIM " " + args + " </dev/null >" + dir + "/out 2>" +
                      dir + "/err");

@@ -2,7 +2,6 @@
 // playing the built-in drive, the example scenarios and a real recorded trip, on virtual time.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,8 +15,7 @@
 #include "Drive.h"
 #include "GdsLogicAnalyser.h"
 #include "Scenario.h"
-
-extern char** environ;
+#include "SimProcess.h"
 
 namespace obdsim {
 namespace {
@@ -36,27 +34,16 @@ class SimRun : public ::testing::Test {
     }
     // Starts obd-sim with `args` (stdout, stderr to files; stdin empty).
     void Start(const std::string& args) {
-        const std::string cmd = "exec " OBD_SIM_LAUNCHER " " OBD_SIM " " + args + " </dev/null >" +
-                                dir + "/out 2>" + dir + "/err";
-        const char* argv[] = {"sh", "-c", cmd.c_str(), nullptr};
-        ASSERT_EQ(posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ),
-                  0);
+        pid = SpawnShell(OBD_SIM_LAUNCHER " " OBD_SIM " " + args + " </dev/null >" + dir +
+                         "/out 2>" + dir + "/err");
+        ASSERT_GT(pid, 0);
     }
     // Its exit code, -1 when it did not end by itself within `seconds`.
     int Finish(int seconds = 100) {
-        int status = 0;
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        while (waitpid(pid, &status, WNOHANG) != pid) {
-            if (std::chrono::steady_clock::now() > limit) {
-                kill(pid, SIGKILL);
-                waitpid(pid, &status, 0);
-                return -1;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        const int code = WaitExit(pid, seconds);
         out = Slurp("/out");
         err = Slurp("/err");
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return code;
     }
     int Run(const std::string& args, int seconds = 100) {
         Start(args);

@@ -7,6 +7,7 @@
 
 #include "Drive.h"
 #include "GdsLogicAnalyser.h"
+#include "Summary.h"
 #include "Trip.h"
 
 extern const char* const kChartJs;  // ChartJs.cpp, generated at build time; null without it
@@ -54,16 +55,6 @@ std::string ScriptJson(const Json& j) {
         text.replace(at, 2, "<\\/");
     }
     return text;
-}
-
-std::string Fmt(const char* format, double v) {
-    char text[64];
-    std::snprintf(text, sizeof(text), format, v);
-    return text;
-}
-
-std::string Dur(double s) {
-    return Clock(std::llround(s * 1000.0));
 }
 
 std::string Str(const Json& j, const char* key) {

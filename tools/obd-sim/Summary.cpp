@@ -64,16 +64,6 @@ Json Statistics(const ReferenceAnalyser& ref) {
     return j;
 }
 
-std::string Fmt(const char* format, double v) {
-    char text[64];
-    std::snprintf(text, sizeof(text), format, v);
-    return text;
-}
-
-std::string Dur(double s) {
-    return Clock(std::llround(s * 1000.0));
-}
-
 // A table of bands: their edges, then the time and the fuel spent in each.
 std::string BandTable(const char* title, const Json& bands, bool withFuel) {
     auto cell = [](std::string text) {
@@ -133,6 +123,16 @@ std::string LinkText(const Json& link) {
 }
 
 }  // namespace
+
+std::string Fmt(const char* format, double v) {
+    char text[64];
+    std::snprintf(text, sizeof(text), format, v);
+    return text;
+}
+
+std::string Dur(double s) {
+    return Clock(std::llround(s * 1000.0));
+}
 
 Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const RunFacts& facts) {
     Json j;

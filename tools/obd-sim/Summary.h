@@ -25,4 +25,8 @@ struct RunFacts {
 Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const RunFacts& facts);
 std::string SummaryText(const Json& summary);
 
+// Pieces of the text that the report shares: one number in a printf format, seconds as H:MM:SS.
+std::string Fmt(const char* format, double v);
+std::string Dur(double s);
+
 }  // namespace obdsim
