@@ -117,10 +117,18 @@ void Feeder::Run() {
         // machine at a high time scale) catches up instead of losing vehicle time.
         const long long now = hostsim::ClockNowMs();
         while (!m_stop && next * kInertialPeriodMs <= now) Tick(next++);
+        // Without motion only the reference's seconds are left to play: waking ten times a second
+        // for nothing costs a run at max speed a turn each time.
+        constexpr long long kPerSecond = 1000 / kInertialPeriodMs;
+        if (m_drive == nullptr || !m_drive->HasMotion()) {
+            while (!m_stop && next % kPerSecond != 0) Tick(next++);
+        }
         const long long wait = next * kInertialPeriodMs - hostsim::ClockNowMs();
-        // Short steps, so that a stop is noticed soon whatever the clock.
+        // On virtual time leaving the clock ends the sleep (Stop); on the others short steps, so
+        // that a stop is noticed soon.
+        const long long step = hostsim::ClockGetMode() == hostsim::ClockMode::Virtual ? wait : 50;
         if (wait > 0)
-            Common::P4X_TMSleepMicroSecond(static_cast<unsigned>(std::min(wait, 50LL) * 1000));
+            Common::P4X_TMSleepMicroSecond(static_cast<unsigned>(std::min(wait, step) * 1000));
     }
 }
 
