@@ -21,7 +21,7 @@ start=$SECONDS
 echo "build: configuring $BUILD_DIR/ (Release)"
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=Release >/dev/null
 echo "build: obd-sim, obd-box and the plug-in with $jobs jobs" \
-    "(the first build takes about half a minute on 2 cores)"
+    "(the first build takes about 40 s on 2 cores)"
 cmake --build "$BUILD_DIR" -j"$jobs" --target obd-sim obd-box
 echo "build: done in $((SECONDS - start)) s"
 

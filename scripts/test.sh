@@ -42,10 +42,10 @@ run_suite() { # name, build dir, build type, first-build time, extra cmake args.
 }
 
 if [[ $mode == all || $mode == --native ]]; then
-    run_suite native build Release "1 min"
+    run_suite native build Release "2 min"
 fi
 if [[ $mode == all || $mode == --asan ]]; then
     export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-    run_suite ASan+UBSan build-asan Debug "1 min" -DOBD_SANITIZE=ON
+    run_suite ASan+UBSan build-asan Debug "2 min" -DOBD_SANITIZE=ON
 fi
