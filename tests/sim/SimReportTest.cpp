@@ -15,6 +15,7 @@
 #include "ObdNames.h"
 #include "Report.h"
 #include "SimProcess.h"
+#include "Summary.h"
 
 #ifdef OBD_HAVE_PNG
 #include <png.h>
@@ -262,35 +263,48 @@ int CountColour(const std::string& png, uint8_t r, uint8_t g, uint8_t b, int tol
     return n;
 }
 
+// The real recorded trip (hours, 142 alarms, no inertial data) and a scenario with six-axis data.
 TEST_F(SimReport, PageRendersInABrowserWithThePlotAndEveryAlarm) {
-    const std::string page = dir + "/trip.html";
-    ASSERT_EQ(Sim("--scenario " OBD_SOURCE_DIR "/tools/obd-sim/scenarios/rough-road.csv "
-                  "--speed max --report " +
-                  page + " --summary-json " + dir + "/summary.json"),
-              0)
-        << Slurp(dir + "/err");
-    const Json s = Summary();
-    ASSERT_FALSE(s["alarms"].empty());
     const std::string browser = OBD_CHROMIUM
         " --headless --no-sandbox --disable-gpu --hide-scrollbars --window-size=1300,1800 ";
-    ASSERT_EQ(Shell(browser + "--dump-dom file://" + page + " >" + dir + "/dom 2>/dev/null"), 0);
-    const std::string dom = Slurp(dir + "/dom");
-    // The script ran and the charts painted their canvases.
-    const size_t painted = dom.find("data-painted=\"");
-    ASSERT_NE(painted, std::string::npos) << dom.substr(0, 400);
-    EXPECT_GT(std::stol(dom.substr(painted + 14)), 5000);
-    for (const Json& a : s["alarms"]) {
-        EXPECT_NE(dom.find("data-key=\"" + a["key"].get<std::string>() + "\""), std::string::npos)
-            << a.dump();
+    for (const std::string args :
+         {"--scenario " OBD_SOURCE_DIR "/tests/data/polidriving/andres_20231222_134710.csv "
+          "--columns polidriving",
+          "--scenario " OBD_SOURCE_DIR "/tools/obd-sim/scenarios/rough-road.csv"}) {
+        SCOPED_TRACE(args);
+        const std::string page = dir + "/trip.html";
+        ASSERT_EQ(Sim(args + " --speed max --report " + page + " --summary-json " + dir +
+                      "/summary.json"),
+                  0)
+            << Slurp(dir + "/err");
+        const Json s = Summary();
+        ASSERT_FALSE(s["alarms"].empty());
+        ASSERT_EQ(Shell(browser + "--dump-dom file://" + page + " >" + dir + "/dom 2>/dev/null"),
+                  0);
+        const std::string dom = Slurp(dir + "/dom");
+        // The script ran and the charts painted their canvases.
+        const size_t painted = dom.find("data-painted=\"");
+        ASSERT_NE(painted, std::string::npos) << dom.substr(0, 400);
+        EXPECT_GT(std::stol(dom.substr(painted + 14)), 5000);
+        // Every alarm has its row, with its start.
+        size_t rows = 0;
+        for (size_t at = 0; (at = dom.find("<tr data-key=", at)) != std::string::npos; ++at) ++rows;
+        EXPECT_EQ(rows, s["alarms"].size());
+        for (const Json& a : s["alarms"]) {
+            const std::string row = "<tr data-key=\"" + a["key"].get<std::string>() + "\"><td>" +
+                                    Dur(a["start_s"].get<double>()) + "</td>";
+            EXPECT_NE(dom.find(row), std::string::npos) << row;
+        }
+        char distance[64];
+        std::snprintf(distance, sizeof(distance), "<span id=\"distance\">%.2f</span>",
+                      s["statistics"]["distance_km"].get<double>());
+        EXPECT_NE(dom.find(distance), std::string::npos) << distance;
+        // What a person sees: the speed line drawn in its colour on the screenshot.
+        const std::string shot = dir + "/trip.png";
+        ASSERT_EQ(Shell(browser + "--screenshot=" + shot + " file://" + page + " >/dev/null 2>&1"),
+                  0);
+        EXPECT_GT(CountColour(shot, 31, 119, 180, 40), 300);  // 24 with no speed line drawn
     }
-    char distance[64];
-    std::snprintf(distance, sizeof(distance), "<span id=\"distance\">%.2f</span>",
-                  s["statistics"]["distance_km"].get<double>());
-    EXPECT_NE(dom.find(distance), std::string::npos) << distance;
-    // What a person sees: the speed line drawn in its colour on the screenshot.
-    const std::string shot = dir + "/trip.png";
-    ASSERT_EQ(Shell(browser + "--screenshot=" + shot + " file://" + page + " >/dev/null 2>&1"), 0);
-    EXPECT_GT(CountColour(shot, 31, 119, 180, 40), 300);  // 24 with no speed line drawn
 }
 #elif defined(OBD_BROWSER_MISSING)
 TEST_F(SimReport, PageRendersInABrowserWithThePlotAndEveryAlarm) {
