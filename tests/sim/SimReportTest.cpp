@@ -237,8 +237,11 @@ TEST_F(SimReport, LinkFiguresShowTheFaultsOfTheBoxOnTheLine) {
     ASSERT_TRUE(link.is_object()) << Summary().dump();
     EXPECT_GT(link["from_box"]["frames"].get<int>(), 10);
     EXPECT_GT(link["from_box"]["garbage_bytes"].get<int>(), 0);
-    EXPECT_EQ(link["from_box"]["garbage_bytes"].get<int>(),
-              3 * link["from_box"]["resyncs"].get<int>());
+    // Three bytes before every frame; the last run may be cut short by the release.
+    const int garbage = link["from_box"]["garbage_bytes"].get<int>();
+    const int resyncs = link["from_box"]["resyncs"].get<int>();
+    EXPECT_LE(garbage, 3 * resyncs);
+    EXPECT_GE(garbage, 3 * resyncs - 2);
     EXPECT_EQ(link["from_box"]["bad_checksum"], 0);
     EXPECT_GT(link["commands"]["retries"].get<int>(), 0);
     EXPECT_GT(link["commands"]["answered"].get<int>(), 0);
