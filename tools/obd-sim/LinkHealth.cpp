@@ -43,17 +43,6 @@ size_t Quantile(const std::vector<uint32_t>& h, double share) {
     return h.size() - 1;
 }
 
-Json DirectionJson(long long frames, long long bad, long long cut, long long garbage,
-                   long long runs) {
-    Json j;
-    j["frames"] = frames;
-    j["bad_checksum"] = bad;
-    j["cut_off"] = cut;
-    j["garbage_bytes"] = garbage;
-    j["resyncs"] = runs;
-    return j;
-}
-
 }  // namespace
 
 LinkMonitor::LinkMonitor() : m_latency(kLatencyBuckets, 0), m_period(kPeriodBuckets, 0) {}
@@ -103,6 +92,14 @@ void LinkMonitor::Cut(Direction& d, bool toBox, bool final) {
         d.chunkAt.clear();
         d.chunkMs.clear();
     }
+}
+
+Json LinkMonitor::FiguresOf(const Direction& d) {
+    return {{"frames", d.frames},
+            {"bad_checksum", d.badChecksum},
+            {"cut_off", d.cutOff},
+            {"garbage_bytes", d.garbageBytes},
+            {"resyncs", d.garbageRuns}};
 }
 
 void LinkMonitor::Count(Direction& d, const obdframe::Record& r) {
@@ -163,10 +160,8 @@ Json LinkMonitor::Figures() {
         m_cmd.open = false;
     }
     Json j;
-    j["to_box"] = DirectionJson(m_to.frames, m_to.badChecksum, m_to.cutOff, m_to.garbageBytes,
-                                m_to.garbageRuns);
-    j["from_box"] = DirectionJson(m_from.frames, m_from.badChecksum, m_from.cutOff,
-                                  m_from.garbageBytes, m_from.garbageRuns);
+    j["to_box"] = FiguresOf(m_to);
+    j["from_box"] = FiguresOf(m_from);
     Json c;
     c["sent"] = m_sent;
     c["answered"] = m_answered;

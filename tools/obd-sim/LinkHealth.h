@@ -49,6 +49,7 @@ class LinkMonitor {
     void Cut(Direction& d, bool toBox, bool final);
     void Record(const obdframe::Record& r, bool toBox, long long tMs);
     static void Count(Direction& d, const obdframe::Record& r);
+    static Json FiguresOf(const Direction& d);
     static long long TimeAt(const Direction& d, size_t offset);
 
     mutable std::mutex m_mutex;  // everything below: the two directions come on two threads
