@@ -5,6 +5,7 @@
 // data age) that would otherwise take minutes of driving.
 #include <cmath>
 #include <cstring>
+#include <iterator>
 
 #include "CoreTestSupport.h"
 
@@ -89,6 +90,32 @@ TEST_F(BroadcastTest, ValueWordKeepsLowTwentyFourBitsAndSaturatesHugeValues) {
     EXPECT_EQ(ObdBlackboxWord(3, 1e30f), 3u | (0xFFFFFFu << 8));
     EXPECT_EQ(ObdBlackboxWord(3, std::nanf("")), 3u);
     EXPECT_EQ(ObdBlackboxWord(300, 1.0f), 44u | (100u << 8));  // low byte of the id
+}
+
+// An item changes when its value differs from the last table's. A NaN the box keeps sending is
+// no change: it would write a record on every frame and keep the link countdown reloaded.
+TEST_F(BroadcastTest, AnItemChangesOnlyWhenItsValueDiffersAndNaNEqualsNaN) {
+    CSerialDevOBDTestPeer peer(m_obj);
+    const float nan = std::nanf("");
+    struct Row {
+        float before, after;
+        bool changed;
+    };
+    const Row rows[] = {
+        {5.0f, 5.0f, false}, {5.0f, 6.0f, true}, {nan, nan, false},
+        {nan, 1.0f, true},   {1.0f, nan, true},  {0.0f, -0.0f, false},
+    };
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const float mark = static_cast<float>(i + 1);  // the first table always changes
+        Feed(Table({{30, mark}, {20, rows[i].before}}));
+        m_obj->BroadcastBlackboxObdData();
+        m_obj->HandleOBDDataDisConnect();  // countdown 12 -> 11
+        const size_t records = SentPayloads(MSG_BLACKBOX_OBD_DATA).size();
+        Feed(Table({{30, mark}, {20, rows[i].after}}));
+        m_obj->BroadcastBlackboxObdData();
+        EXPECT_EQ(SentPayloads(MSG_BLACKBOX_OBD_DATA).size(), records + rows[i].changed) << i;
+        EXPECT_EQ(peer.LinkTimeout(), rows[i].changed ? 12 : 11) << i;
+    }
 }
 
 // While the 1 s broadcasts are held (upgrade, power-down) the buffer fills: records that do not
