@@ -1,5 +1,6 @@
 // Periodic broadcasts: the OBD table, black-box records, alarms, the CAN-box summary (1 s), the
-// status record when something changed (2 s), and the CAN-box silence check (5 s).
+// status record when something changed or the box fell silent (2 s), and the CAN-box silence
+// check (5 s).
 //
 // Thread: the host's peripheral thread only. What the receiving side writes (the table, the
 // black-box buffer, the link counters) and the bus thread (mileage pair) is read under
@@ -225,7 +226,14 @@ int CSerialDevOBD::BroadcastCanBoxData() {
 
 int CSerialDevOBD::BroadcastObdCollectStatus() {
     pthread_mutex_lock(&m_devInfoMutex);
-    if (m_devInfoChanged == 0) {
+    // Aged on every tick, sent or not: a box gone dead changes nothing else that would send it.
+    bool fellSilent = false;
+    if (m_obdDataAge != 0 && ++m_obdDataAge > OBD_DATA_AGE_LIMIT) {
+        m_obdDataAge = 0;
+        fellSilent = true;
+        OBD_DEV_LOG(0, "S38_OBD: 5 second, OBD not recv any data, so obd is disconnect\n");
+    }
+    if (m_devInfoChanged == 0 && !fellSilent) {
         pthread_mutex_unlock(&m_devInfoMutex);
         return 0;
     }
@@ -244,10 +252,6 @@ int CSerialDevOBD::BroadcastObdCollectStatus() {
     }
     if (info.mask & CFG_MASK_ALARM_THRESHOLD) OBD_DEV_LOG(1, "S38_OBD: Alarm thresold broadcast\n");
 
-    if (m_obdDataAge != 0 && ++m_obdDataAge > OBD_DATA_AGE_LIMIT) {
-        m_obdDataAge = 0;
-        OBD_DEV_LOG(0, "S38_OBD: 5 second, OBD not recv any data, so obd is disconnect\n");
-    }
     if (m_obdDataAge != 0) {
         m_obdState |= 0x03;
     } else {
