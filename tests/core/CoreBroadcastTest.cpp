@@ -5,6 +5,7 @@
 // data age) that would otherwise take minutes of driving.
 #include <cmath>
 #include <cstring>
+#include <iterator>
 
 #include "CoreTestSupport.h"
 
@@ -91,6 +92,32 @@ TEST_F(BroadcastTest, ValueWordKeepsLowTwentyFourBitsAndSaturatesHugeValues) {
     EXPECT_EQ(ObdBlackboxWord(300, 1.0f), 44u | (100u << 8));  // low byte of the id
 }
 
+// An item changes when its value differs from the last table's. A NaN the box keeps sending is
+// no change: it would write a record on every frame and keep the link countdown reloaded.
+TEST_F(BroadcastTest, AnItemChangesOnlyWhenItsValueDiffersAndNaNEqualsNaN) {
+    CSerialDevOBDTestPeer peer(m_obj);
+    const float nan = std::nanf("");
+    struct Row {
+        float before, after;
+        bool changed;
+    };
+    const Row rows[] = {
+        {5.0f, 5.0f, false}, {5.0f, 6.0f, true}, {nan, nan, false},
+        {nan, 1.0f, true},   {1.0f, nan, true},  {0.0f, -0.0f, false},
+    };
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const float mark = static_cast<float>(i + 1);  // the first table always changes
+        Feed(Table({{30, mark}, {20, rows[i].before}}));
+        m_obj->BroadcastBlackboxObdData();
+        m_obj->HandleOBDDataDisConnect();  // countdown 12 -> 11
+        const size_t records = SentPayloads(MSG_BLACKBOX_OBD_DATA).size();
+        Feed(Table({{30, mark}, {20, rows[i].after}}));
+        m_obj->BroadcastBlackboxObdData();
+        EXPECT_EQ(SentPayloads(MSG_BLACKBOX_OBD_DATA).size(), records + rows[i].changed) << i;
+        EXPECT_EQ(peer.LinkTimeout(), rows[i].changed ? 12 : 11) << i;
+    }
+}
+
 // While the 1 s broadcasts are held (upgrade, power-down) the buffer fills: records that do not
 // fit are dropped and counted, the message never passes 4096 bytes, and nothing stored is lost.
 TEST_F(BroadcastTest, FullBlackBoxBufferDropsNewRecordsAndKeepsTheStoredOnes) {
@@ -117,7 +144,9 @@ TEST_F(BroadcastTest, FullBlackBoxBufferDropsNewRecordsAndKeepsTheStoredOnes) {
     EXPECT_EQ(fakehost::CountLogs("blackbox buffer is full, drop record", 0), 2);
 }
 
-TEST_F(BroadcastTest, StatusGoesOutOnlyOnChangeAndItsLinkBitsFollowTheDataAge) {
+// The data age advances on every 2 s status tick whether or not a record goes out, so a box that
+// falls silent while nothing else changes is noticed: reaching the limit is broadcast, once.
+TEST_F(BroadcastTest, StatusGoesOutOnChangeOrSilenceAndItsLinkBitsFollowTheDataAge) {
     CSerialDevOBDTestPeer peer(m_obj);
     m_obj->BroadcastObdCollectStatus();
     EXPECT_TRUE(SentPayloads(MSG_GDS_CONFIG_INFO_REPORT).empty());
@@ -126,9 +155,8 @@ TEST_F(BroadcastTest, StatusGoesOutOnlyOnChangeAndItsLinkBitsFollowTheDataAge) {
     std::strcpy(v.DLVer, "DL2.0");
     m_obj->UpdateDevInfo(ID_DATA_VERSION, &v);
     m_obj->UpdateDevInfo(ID_DATA_VERSION, &v);  // the same again: no second change
-    Feed(Table({{6, 800.0f}, {10, 1.0f}, {17, 1.0f}, {18, 4.0f}}));  // age 1, data resumed
+    Feed(Table({{6, 2100.0f}, {7, 60.0f}, {17, 1.0f}, {18, 4.0f}}));  // age 1, data resumed
     m_obj->BroadcastObdCollectStatus();
-    m_obj->BroadcastObdCollectStatus();  // mask cleared: nothing
     auto sent = SentPayloads(MSG_GDS_CONFIG_INFO_REPORT);
     ASSERT_EQ(sent.size(), 1u);
     auto info = As<GdsConfigInfo_t>(sent[0]);
@@ -137,30 +165,55 @@ TEST_F(BroadcastTest, StatusGoesOutOnlyOnChangeAndItsLinkBitsFollowTheDataAge) {
     EXPECT_EQ(info.obd_state, 0x03);
     EXPECT_EQ(peer.DataAge(), 2u);
 
-    // Age 4 at a sent broadcast becomes 5: still flowing. The next one would pass 5: silent.
-    struct Row {
-        uint32_t age;
+    // One status tick each, no data in between; `changed` is set before the tick.
+    struct Tick {
+        uint32_t changed;
         uint32_t ageAfter;
-        uint8_t state;
+        size_t sentAfter;
+        uint8_t lastState;
     };
-    for (const Row& r : {Row{4, 5, 0x03}, Row{5, 0, 0x02}}) {
-        peer.DataAge() = r.age;
-        peer.Changed() = 0x008;
+    const Tick ticks[] = {
+        {0, 3, 1, 0x03},      // nothing else changed: aged all the same, nothing sent
+        {0x008, 4, 2, 0x03},  // another change goes out, link still up
+        {0, 5, 2, 0x03},      // at the limit
+        {0, 0, 3, 0x02},      // past it: link down, sent on its own; the box is known
+        {0, 0, 3, 0x02},      // once
+        {0x008, 0, 4, 0x02},  // still down while silent
+    };
+    for (size_t i = 0; i < std::size(ticks); ++i) {
+        const Tick& t = ticks[i];
+        peer.Changed() |= t.changed;
         m_obj->BroadcastObdCollectStatus();
-        info = As<GdsConfigInfo_t>(SentPayloads(MSG_GDS_CONFIG_INFO_REPORT).back());
-        EXPECT_EQ(info.obd_state, r.state) << r.age;
-        EXPECT_EQ(peer.DataAge(), r.ageAfter) << r.age;
+        sent = SentPayloads(MSG_GDS_CONFIG_INFO_REPORT);
+        EXPECT_EQ(peer.DataAge(), t.ageAfter) << i;
+        ASSERT_EQ(sent.size(), t.sentAfter) << i;
+        info = As<GdsConfigInfo_t>(sent.back());
+        EXPECT_EQ(info.obd_state, t.lastState) << i;
+        EXPECT_EQ(info.mask, 0x601u) << i;
     }
     EXPECT_EQ(
         fakehost::CountLogs("S38_OBD: 5 second, OBD not recv any data, so obd is disconnect\n", 0),
         1);
-    // A silent box's items 6-17 are zeroed, ids kept; item 18 is not touched.
-    const _OBD_DataTable_t& t = peer.AnalyserTable();
+    // A silent box's items 6-17 are zeroed, ids kept; item 18 is not touched. The next OBD data
+    // broadcast carries the zeros.
+    m_obj->BroadcastObdOriginalData();
+    const _OBD_DataTable_t t =
+        As<ObdOriginalDataMsg_t>(SentPayloads(MSG_OBD_ORIGINAL_DATA)[0]).table;
     EXPECT_EQ(t.item[6].value, 0.0f);
     EXPECT_EQ(t.item[6].id, 6);
+    EXPECT_EQ(t.item[7].value, 0.0f);
     EXPECT_EQ(t.item[17].value, 0.0f);
     EXPECT_EQ(t.item[18].value, 4.0f);
-    // Data after silence, or after three quiet status broadcasts, is a change of its own.
+
+    // Data again: the link is up in the next status record.
+    Feed(Table({{6, 800.0f}, {18, 4.0f}}));
+    m_obj->BroadcastObdCollectStatus();
+    sent = SentPayloads(MSG_GDS_CONFIG_INFO_REPORT);
+    ASSERT_EQ(sent.size(), 5u);
+    EXPECT_EQ(As<GdsConfigInfo_t>(sent.back()).obd_state, 0x03);
+    EXPECT_EQ(peer.DataAge(), 2u);
+
+    // Data after silence, or after three quiet status ticks, is a change of its own.
     for (uint32_t age : {0u, 1u, 2u, 3u}) {
         peer.Changed() = 0;
         peer.DataAge() = age;

@@ -164,6 +164,100 @@ TEST_F(E2eBusTest, E2eOverRevvingRaisesAnAlarmWhoseEndCarriesItsDetailsOnce) {
     EXPECT_TRUE(seen2100);
 }
 
+// A box that falls silent in the middle of a drive (unplugged, powered off): within 12 s of host
+// time the status record reports the link down, the next OBD data message reads 0 for items
+// 6-17, and the over-revving alarm driven by the frozen engine speed ends. Data again brings the
+// link back. Serial mode, and CAN-box mode with the box's frames relayed by the test.
+class E2eSilenceTest : public E2eBusTest, public ::testing::WithParamInterface<int> {
+  protected:
+    bool m_relaying = false;  // CAN-box mode: the test relays a data frame on every step
+    uint8_t m_seq = 0;
+    void Relay() {
+        ByteVec items;
+        for (const auto& [id, v] : obdbox::DataItems{{7, m_rpm.load()}, {8, m_speed.load()}}) {
+            items.push_back(id);
+            items.resize(items.size() + 4);
+            std::memcpy(items.data() + items.size() - 4, &v, 4);
+        }
+        const ByteVec frame = BoxEmulator::EncodeFrame(0x2C81, items, ++m_seq, false, false, false);
+        ByteVec msg(4 + frame.size(), 0);
+        msg[0] = static_cast<uint8_t>(frame.size());
+        std::copy(frame.begin(), frame.end(), msg.begin() + 4);
+        hostsim::BusInject(MSG_CAN_BOX_OBD_DATA_IN, msg);
+    }
+    bool Await(const std::function<bool()>& done, long long hostMs) {
+        return StepUntil(
+            [&] {
+                if (m_relaying) Relay();
+                return done();
+            },
+            hostMs);
+    }
+    void Talk(bool on) {
+        if (GetParam() == 72) {
+            m_relaying = on;
+        } else {
+            m_box->Update([on](BoxOptions& o) { o.silent = !on; });
+        }
+    }
+    // The first status record at or after `fromMs` whose link bit is `up` (empty: none yet).
+    hostsim::BusMessage Link(bool up, long long fromMs) {
+        for (const auto& m : Bus(MSG_GDS_CONFIG_INFO_REPORT)) {
+            const auto s = As<GdsConfigInfo_t>(m.payload);
+            if (m.tMs >= fromMs && ((s.obd_state & 1) != 0) == up) return m;
+        }
+        return {};
+    }
+    // The first message `id` sent after `m` (empty: none yet).
+    hostsim::BusMessage After(const hostsim::BusMessage& m, int id) {
+        for (const auto& later : Bus(id))
+            if (later.seq > m.seq) return later;
+        return {};
+    }
+    bool OverRevving(const hostsim::BusMessage& m) {
+        return (As<GdsAlarmMsg_t>(m.payload).eventType2Alarms & ALARM_BITS_OVERSPEED) != 0;
+    }
+};
+
+TEST_P(E2eSilenceTest, E2eSilentBoxIsReportedDownItsValuesZeroedAndItsAlarmEnded) {
+    m_rpm = 2100.0f;  // over-revving at level 2 while moving
+    m_speed = 60.0f;
+    Launch(GetParam() == 72 ? BoxOptions{} : Streaming(), GetParam());
+    Talk(true);
+    ASSERT_TRUE(Await([&] { return !Link(true, 0).payload.empty(); }, 15000));
+    ASSERT_TRUE(Await(
+        [&] {
+            const auto a = Bus(MSG_GDS_ALARM);
+            return !a.empty() && OverRevving(a.back());
+        },
+        15000));
+
+    Talk(false);
+    const long long silentFrom = hostsim::ClockNowMs();
+    ASSERT_TRUE(Await([&] { return !Link(false, silentFrom).payload.empty(); }, 12000))
+        << "no status record reported the link down";
+    const hostsim::BusMessage down = Link(false, silentFrom);
+    ASSERT_TRUE(Await([&] { return !After(down, MSG_OBD_ORIGINAL_DATA).payload.empty(); }, 2000));
+    const auto t = As<ObdOriginalDataMsg_t>(After(down, MSG_OBD_ORIGINAL_DATA).payload).table;
+    for (int i = 6; i <= 17; ++i) EXPECT_EQ(t.item[i].value, 0.0f) << i;
+    EXPECT_EQ(t.item[6].id, 6);
+    // The alarm ends on the zeroed engine speed, with its details.
+    ASSERT_TRUE(Await([&] { return !After(down, MSG_GDS_ALARM).payload.empty(); }, 2000));
+    const auto ended = As<GdsAlarmMsg_t>(After(down, MSG_GDS_ALARM).payload);
+    EXPECT_EQ(ended.eventType2Alarms & ALARM_BITS_OVERSPEED, 0u);
+    EXPECT_EQ(ended.overspeed.threshold, 2000);
+    EXPECT_EQ(ended.overspeed.maxValue, 2100);
+    // Down once: the next ticks send nothing more.
+    Step(6000);
+    EXPECT_EQ(After(down, MSG_GDS_CONFIG_INFO_REPORT).payload.size(), 0u);
+
+    Talk(true);
+    const long long backFrom = hostsim::ClockNowMs();
+    ASSERT_TRUE(Await([&] { return !Link(true, backFrom).payload.empty(); }, 30000));
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, E2eSilenceTest, ::testing::Values(0, 72));
+
 // Power-down: the stream is stopped at once, the 1 s work ends for good, and the bus is still
 // answered.
 TEST_F(E2eBusTest, E2ePowerDownStopsTheStreamAndTheOneSecondWork) {

@@ -139,7 +139,8 @@ class CSerialDevOBD : public CSerialBase {
     char* m_pFaultCode;
     Common::SMessageHead m_demarcateMsgHead;
 
-    // Link state and black-box buffer.
+    // Link state and black-box buffer, under m_devInfoMutex: in CAN-box mode the feed that
+    // writes them runs on the bus thread, the status tick that ages them on the peripheral thread.
     uint8_t m_obdState;
     unsigned char* m_pBlackboxBuf;
     uint32_t m_blackboxLen;

@@ -1,5 +1,6 @@
 // Periodic broadcasts: the OBD table, black-box records, alarms, the CAN-box summary (1 s), the
-// status record when something changed (2 s), and the CAN-box silence check (5 s).
+// status record when something changed or the box fell silent (2 s), and the CAN-box silence
+// check (5 s).
 //
 // Thread: the host's peripheral thread only. What the receiving side writes (the table, the
 // black-box buffer, the link counters) and the bus thread (mileage pair) is read under
@@ -39,16 +40,58 @@ int16_t ToI16(float v) {
     return static_cast<int16_t>(v);
 }
 
-uint16_t Seconds(uint64_t now, uint64_t start) {
+// The host clock's difference / 1000, whichever reads later: milliseconds on the host's
+// microsecond clock. Kept to the 16-bit field it goes into.
+uint16_t HostMillisecondsBetween(uint64_t now, uint64_t start) {
     const uint64_t d = now >= start ? now - start : start - now;
     return static_cast<uint16_t>(d / 1000u);
 }
 
-// Threshold of the lowest level set among bits `first`..`first+2`.
-int16_t LevelThreshold(uint64_t words, int first, int16_t l1, int16_t l2, int16_t l3) {
-    if (words & (1ull << first)) return l1;
-    if (words & (1ull << (first + 1))) return l2;
-    return l3;
+// The threshold of the lowest level set among the three level bits from bit `first` of `word`.
+uint16_t LowestLevelThreshold(uint64_t word, int first, int16_t level1, int16_t level2,
+                              int16_t level3) {
+    int16_t t = level3;
+    if (word & (1ull << first)) {
+        t = level1;
+    } else if (word & (1ull << (first + 1))) {
+        t = level2;
+    }
+    return static_cast<uint16_t>(t);
+}
+
+// How an alarm's bits moved from the last alarm broadcast to this one. A change of level while
+// the alarm lasts is neither a beginning nor an end.
+enum class AlarmEdge { None, Began, Ended };
+
+AlarmEdge EdgeOf(uint64_t previousWord, uint64_t currentWord, uint64_t bits) {
+    const bool was = (previousWord & bits) != 0;
+    const bool is = (currentWord & bits) != 0;
+    if (!was && is) return AlarmEdge::Began;
+    if (was && !is) return AlarmEdge::Ended;
+    return AlarmEdge::None;
+}
+
+// A timed alarm (neutral glide, idling, engine overspeed) at one broadcast: how its bits moved,
+// the record it keeps from its beginning to its end, when it began, and what it reports.
+struct TimedAlarm {
+    AlarmEdge edge;
+    AlarmOverData& record;
+    std::atomic<uint64_t>& startedAt;
+    int16_t valueAtStart;  // the record's maxValue, taken when it begins
+    uint16_t threshold;    // reported when it ends
+    AlarmOverData& slot;   // where the ended record goes in this broadcast
+};
+
+void BeginTimedAlarm(TimedAlarm& alarm, uint64_t now) {
+    alarm.record = AlarmOverData{};
+    alarm.record.maxValue = alarm.valueAtStart;
+    alarm.startedAt = now;
+}
+
+void EndTimedAlarm(TimedAlarm& alarm, uint64_t now) {
+    alarm.record.continueTime = HostMillisecondsBetween(now, alarm.startedAt);
+    alarm.record.threshold = alarm.threshold;
+    alarm.slot = alarm.record;
 }
 
 }  // namespace
@@ -122,55 +165,53 @@ int CSerialDevOBD::BroadcastGdsAlarm() {
     std::memcpy(&thr, alarmThreshold, sizeof(thr));
     pthread_mutex_unlock(&m_devInfoMutex);
 
-    const uint64_t cur[4] = {alarm.eventType1Alarms, alarm.eventType2Alarms, alarm.eventType3Alarms,
-                             alarm.eventType4Alarms};
     const uint64_t* prev = m_prevAlarmWords;
     GdsAlarmMsg_t msg;
     std::memset(&msg, 0, sizeof(msg));
-    auto began = [&](int word, uint64_t bits) {
-        return (prev[word] & bits) == 0 && (cur[word] & bits) != 0;
-    };
-    auto ended = [&](int word, uint64_t bits) {
-        return (prev[word] & bits) != 0 && (cur[word] & bits) == 0;
-    };
+    msg.eventType1Alarms = alarm.eventType1Alarms;
+    msg.eventType2Alarms = alarm.eventType2Alarms;
+    msg.eventType3Alarms = alarm.eventType3Alarms;
+    msg.eventType4Alarms = alarm.eventType4Alarms;
 
-    // The three timed trackers: a beginning zeroes the record and keeps its start value and time;
-    // an end fills duration and threshold and puts the record into this message.
-    auto timed = [&](int word, uint64_t bits, AlarmOverData& rec, std::atomic<uint64_t>& start,
-                     int16_t startValue, uint16_t threshold, AlarmOverData& slot) {
-        if (began(word, bits)) {
-            rec = AlarmOverData{};
-            rec.maxValue = startValue;
-            start = now;
-            return false;
-        }
-        if (!ended(word, bits)) return false;
-        rec.continueTime = Seconds(now, start);
-        rec.threshold = threshold;
-        slot = rec;
-        return true;
-    };
-    if (timed(3, ALARM_BIT_NEUTRAL_GLIDE, m_neutralGlideRecord, g_neutralGlideStart, ToI16(speed),
-              static_cast<uint16_t>(thr.neutralGlide.speed), msg.neutralGlide)) {
+    // Idling keeps no value from its beginning; the graded alarms report the threshold of the
+    // lowest level set before they ended.
+    TimedAlarm neutralGlide{EdgeOf(prev[3], alarm.eventType4Alarms, ALARM_BIT_NEUTRAL_GLIDE),
+                            m_neutralGlideRecord,
+                            g_neutralGlideStart,
+                            ToI16(speed),
+                            static_cast<uint16_t>(thr.neutralGlide.speed),
+                            msg.neutralGlide};
+    TimedAlarm idling{
+        EdgeOf(prev[1], alarm.eventType2Alarms, ALARM_BITS_IDLING),
+        m_idlingRecord,
+        g_idlingStart,
+        0,
+        LowestLevelThreshold(prev[1], 10, thr.idlingTimeout.level1Time,
+                             thr.idlingTimeout.level2Time, thr.idlingTimeout.level3Time),
+        msg.idling};
+    TimedAlarm overspeed{EdgeOf(prev[1], alarm.eventType2Alarms, ALARM_BITS_OVERSPEED),
+                         m_overspeedRecord,
+                         g_overspeedStart,
+                         ToI16(engineSpeed),
+                         LowestLevelThreshold(prev[1], 0, thr.revving.engineSpeed1,
+                                              thr.revving.engineSpeed2, thr.revving.engineSpeed3),
+                         msg.overspeed};
+    for (TimedAlarm* timed : {&neutralGlide, &idling, &overspeed}) {
+        if (timed->edge == AlarmEdge::Began) BeginTimedAlarm(*timed, now);
+        if (timed->edge == AlarmEdge::Ended) EndTimedAlarm(*timed, now);
+    }
+    if (neutralGlide.edge == AlarmEdge::Ended) {
         OBD_DEV_LOG(
             1,
             "S38_OBD: NetralGlide alarm over, continue time = %d, threshold = %d, maxValue = %d\n",
             m_neutralGlideRecord.continueTime, m_neutralGlideRecord.threshold,
             m_neutralGlideRecord.maxValue);
     }
-    // Idling keeps no start value; both graded trackers report the lowest level that was set.
-    const auto idlingThreshold = static_cast<uint16_t>(
-        LevelThreshold(prev[1], 10, thr.idlingTimeout.level1Time, thr.idlingTimeout.level2Time,
-                       thr.idlingTimeout.level3Time));
-    if (timed(1, ALARM_BITS_IDLING, m_idlingRecord, g_idlingStart, 0, idlingThreshold,
-              msg.idling)) {
+    if (idling.edge == AlarmEdge::Ended) {
         OBD_DEV_LOG(1, "S38_OBD: KdlingTimeout alarm over, continue time = %d, threshold = %d\n",
                     m_idlingRecord.continueTime, m_idlingRecord.threshold);
     }
-    const auto overspeedThreshold = static_cast<uint16_t>(LevelThreshold(
-        prev[1], 0, thr.revving.engineSpeed1, thr.revving.engineSpeed2, thr.revving.engineSpeed3));
-    if (timed(1, ALARM_BITS_OVERSPEED, m_overspeedRecord, g_overspeedStart, ToI16(engineSpeed),
-              overspeedThreshold, msg.overspeed)) {
+    if (overspeed.edge == AlarmEdge::Ended) {
         OBD_DEV_LOG(1,
                     "S38_OBD: Engine overspeed alarm over, continue time = %d, threshold = %d, "
                     "maxValue = %d\n",
@@ -178,22 +219,23 @@ int CSerialDevOBD::BroadcastGdsAlarm() {
                     m_overspeedRecord.maxValue);
     }
 
-    if (began(3, ALARM_BITS_SUDDEN_TURN)) {
+    // The sudden turn keeps no start time; its threshold is fixed.
+    const AlarmEdge turn = EdgeOf(prev[3], alarm.eventType4Alarms, ALARM_BITS_SUDDEN_TURN);
+    if (turn == AlarmEdge::Began) {
         m_curveRecord = CurveAlarmData{};
         m_curveRecord.maxValue = ToI16(speed);
-    } else if (ended(3, ALARM_BITS_SUDDEN_TURN)) {
+    } else if (turn == AlarmEdge::Ended) {
         m_curveRecord.threshold = CURVE_ALARM_THRESHOLD;
         msg.curve = m_curveRecord;
         OBD_DEV_LOG(1, "S38_OBD: CurveAlarmData alarm over, threshold = %d, maxValue = %d\n",
                     m_curveRecord.threshold, m_curveRecord.maxValue);
     }
 
-    msg.eventType1Alarms = cur[0];
-    msg.eventType2Alarms = cur[1];
-    msg.eventType3Alarms = cur[2];
-    msg.eventType4Alarms = cur[3];
     Broadcast(MSG_GDS_ALARM, &msg, sizeof(msg));
-    std::memcpy(m_prevAlarmWords, cur, sizeof(cur));
+    m_prevAlarmWords[0] = alarm.eventType1Alarms;
+    m_prevAlarmWords[1] = alarm.eventType2Alarms;
+    m_prevAlarmWords[2] = alarm.eventType3Alarms;
+    m_prevAlarmWords[3] = alarm.eventType4Alarms;
     return 0;
 }
 
@@ -225,7 +267,14 @@ int CSerialDevOBD::BroadcastCanBoxData() {
 
 int CSerialDevOBD::BroadcastObdCollectStatus() {
     pthread_mutex_lock(&m_devInfoMutex);
-    if (m_devInfoChanged == 0) {
+    // Aged on every tick, sent or not: a box gone dead changes nothing else that would send it.
+    bool fellSilent = false;
+    if (m_obdDataAge != 0 && ++m_obdDataAge > OBD_DATA_AGE_LIMIT) {
+        m_obdDataAge = 0;
+        fellSilent = true;
+        OBD_DEV_LOG(0, "S38_OBD: 5 second, OBD not recv any data, so obd is disconnect\n");
+    }
+    if (m_devInfoChanged == 0 && !fellSilent) {
         pthread_mutex_unlock(&m_devInfoMutex);
         return 0;
     }
@@ -244,10 +293,6 @@ int CSerialDevOBD::BroadcastObdCollectStatus() {
     }
     if (info.mask & CFG_MASK_ALARM_THRESHOLD) OBD_DEV_LOG(1, "S38_OBD: Alarm thresold broadcast\n");
 
-    if (m_obdDataAge != 0 && ++m_obdDataAge > OBD_DATA_AGE_LIMIT) {
-        m_obdDataAge = 0;
-        OBD_DEV_LOG(0, "S38_OBD: 5 second, OBD not recv any data, so obd is disconnect\n");
-    }
     if (m_obdDataAge != 0) {
         m_obdState |= 0x03;
     } else {

@@ -26,6 +26,12 @@ uint32_t Hundredths(float value) {
     return static_cast<uint32_t>(v);
 }
 
+// Float equality, except that a NaN equals a NaN: a box that keeps sending one for an item has
+// not changed it. NaN against a number is a change.
+bool SameValue(float a, float b) {
+    return a == b || (std::isnan(a) && std::isnan(b));
+}
+
 void PutU32Le(unsigned char* p, uint32_t v) {
     for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
@@ -51,7 +57,7 @@ int CSerialDevOBD::UpdateCollectData(CollectDataType_Eum kind, void* data) {
     uint32_t n = 0;
     const _OBD_DataTable_t& prev = m_gdsParam.collData.obdData;
     for (int i = 0; i < OBD_ITEM_COUNT; ++i) {
-        if (table->item[i].value != prev.item[i].value) {
+        if (!SameValue(table->item[i].value, prev.item[i].value)) {
             words[n++] = ObdBlackboxWord(table->item[i].id, table->item[i].value);
         }
     }
