@@ -2,11 +2,13 @@
 // progress broadcasts, state per source, state query) and of an engine calibration.
 //
 // One upgrade at a time: from the accepted trigger until its end, m_bUpgrading is set and further
-// triggers only hear how it stands. It ends through its transfer's progress records.
+// triggers only hear how it stands. It ends through its transfer's progress records, or as failed
+// when its task never runs.
 //
 // Threads: the handlers run on the bus thread; HandleObdUpgradeFinish and BroadcastUpgradeState
-// on the send thread inside UpdateDevInfo, which holds m_devInfoMutex. The handlers take the same
-// lock around the bookkeeping they share with them (context and state slots).
+// on the send thread inside UpdateDevInfo, which holds m_devInfoMutex; FailUnrunUpgrade on
+// whichever thread saw the task go, holding no lock. The handlers take the same lock around the
+// bookkeeping they share with them (context and state slots).
 #include <atomic>
 #include <cstring>
 
@@ -33,9 +35,12 @@ void ObdUpgradePercentReset() {
     g_lastUpgradePercent = -1;
 }
 
+// A path it refuses never reaches the queue: an upgrade accepted for it ends at once, as one whose
+// task the queue dropped does.
 int CSerialDevOBD::UpgradeObd(const char* path) {
     if (path == nullptr || std::strlen(path) > UPGRADE_PATH_MAX) {
         OBD_DEV_LOG(0, "path is null\n");
+        FailUnrunUpgrade();
         return -1;
     }
     TaskBody_t task;
@@ -44,6 +49,18 @@ int CSerialDevOBD::UpgradeObd(const char* path) {
     task.cmd = 0;
     std::memcpy(task.data, path, std::strlen(path));
     return InsertSendTask(task);
+}
+
+// An accepted upgrade ends only through its task's progress records: one whose task left the
+// queue unexecuted, or never got there, would hold m_bUpgrading, and with it the cycle's 1 s
+// work, for good. It ends as failed with the percent it had. Caller holds neither mutex.
+void CSerialDevOBD::FailUnrunUpgrade() {
+    pthread_mutex_lock(&m_devInfoMutex);
+    if (m_bUpgrading.load() != 0) {
+        OBD_DEV_LOG(0, "S38_obd: [UPG] upgrade task not run, source = %d\n", m_upgContext.source);
+        BroadcastUpgradeState(PERIP_UPG_STATE_FAILED, m_upgContext.source, true);
+    }
+    pthread_mutex_unlock(&m_devInfoMutex);
 }
 
 // A trigger reads four payload bytes: a shorter one is refused, not read past its end.
@@ -104,8 +121,8 @@ int CSerialDevOBD::OnTriggerObdUpgrade(const char* msg, int len) {
                 "percent = %d\n",
                 source, UPG_DEVICE_OBD, 0, 0);
     answer(0);
-    // Queued last: the send thread may end the upgrade from here on, and its broadcasts must come
-    // after the answer and be what the slot keeps.
+    // Queued last: the send thread may end the upgrade from here on (progress, or a task it
+    // drops), and its broadcasts must come after the answer and be what the slot keeps.
     UpgradeObd(OBD_UPGRADE_FILE_PATH);
     return 0;
 }
