@@ -1,6 +1,8 @@
 // The send-task queue: twin replacement, overflow rule, accepted ranges, periodic requests, and
 // the send thread draining it.
 #include <cstring>
+#include <functional>
+#include <string>
 
 #include "CoreTestSupport.h"
 
@@ -156,6 +158,102 @@ TEST_F(CoreTest, SendThreadRunsEachTaskOnceInQueueOrder) {
         EXPECT_EQ(FramesOut(), c.frames) << c.productType;
         PeripheralRelease(m_obj);
         m_obj = nullptr;
+    }
+}
+
+// An accepted upgrade whose task never runs (a refused path, a queue overflow that takes it,
+// before or with the trigger, a CAN box that does not run upgrades) ends as failed, once, with the
+// percent it had; its slot says so and the cycle's 1 s work comes back. The task in hand when the
+// queue overflows runs on and ends by itself; a path at the limit is queued.
+TEST_F(CoreTest, UpgradeWhoseTaskNeverRunsEndsAsFailed) {
+    using Bytes = std::vector<unsigned char>;
+    auto overflow = [](CSerialDevOBD* obj) {
+        for (uint32_t i = 0; i < TASK_QUEUE_LIMIT; ++i)
+            obj->InsertSendTask(MakeTask(TASK_TYPE_CONFIG, 1000 + i));
+    };
+    auto trigger = [](CSerialDevOBD*) {
+        fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {1, 1, 7, 2});
+    };
+    auto refuse = [](size_t length) {
+        return [length](CSerialDevOBD* obj) {
+            CSerialDevOBDTestPeer(obj).SetUpgrading(1);  // as the trigger leaves it
+            const std::string path(length, 'a');
+            EXPECT_EQ(obj->UpgradeObd(length == 0 ? nullptr : path.c_str()),
+                      length > 64 || length == 0 ? -1 : 0);
+        };
+    };
+    struct Case {
+        const char* name;
+        int productType;
+        bool sendThread;
+        std::vector<std::function<void(CSerialDevOBD*)>> steps;
+        int overflows;
+        int lostLogs;   // "upgrade task not run"
+        Bytes failure;  // the one failure broadcast; empty: still upgrading
+    };
+    const Bytes source0 = {0, 7, 9, 0}, source1 = {1, 7, 9, 0};
+    const std::vector<Case> cases = {
+        {"null path", 0, false, {refuse(0)}, 0, 1, source0},
+        {"path of 65", 0, false, {refuse(65)}, 0, 1, source0},
+        {"path of 64", 0, false, {refuse(64)}, 0, 0, {}},
+        {"overflow after the trigger", 0, false, {trigger, overflow}, 1, 1, source1},
+        {"overflow by the trigger", 0, false, {overflow, trigger}, 1, 1, source1},
+        {"can box", 72, true, {trigger}, 0, 1, source1},
+        {"overflow while it runs", 0, true, {trigger}, 1, 0, source1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        fakehost::Reset();
+        ObdCycleTimersReset();
+        ObdUpgradePercentReset();
+        // The box answers all but the upgrade's start; the transfer's first frame overflows the
+        // queue, and the start, unanswered, fails the transfer on its own.
+        bool overflowed = false;
+        fakehost::SetSendHook([&](int msgId, const std::vector<unsigned char>& sent) {
+            if (msgId == 0 && sent.size() > 8 && sent[7] == 0x24 && sent[8] == 0x07) {
+                if (!overflowed) overflow(m_obj);
+                overflowed = true;
+                return;
+            }
+            AnswerAsTheBox(m_obj->ObdCtrl(), msgId, sent);
+        });
+        if (c.sendThread) {
+            ASSERT_EQ(Create(c.productType)->PeripheralInitialize(), 0);
+        } else {
+            CreateWithCtrl(c.productType);
+        }
+        m_obj->MessageRegister();
+        for (const auto& step : c.steps) step(m_obj);
+        if (!c.failure.empty()) {
+            EXPECT_TRUE(WaitFor([&] { return !m_obj->IsUpgrading(); }));
+        }
+        Bytes failure;
+        int failures = 0;
+        for (const auto& m : fakehost::Sends()) {
+            if (m.id != MSG_PERIPHERAL_UPGRADE_STATE || m.payload.at(2) != 9) continue;
+            ++failures;
+            failure.assign(m.payload.begin(), m.payload.begin() + 4);
+        }
+        EXPECT_EQ(failures, c.failure.empty() ? 0 : 1);
+        EXPECT_EQ(failure, c.failure);
+        EXPECT_EQ(fakehost::CountLogs("send buffer is to large", 0), c.overflows);
+        EXPECT_EQ(fakehost::CountLogs("S38_obd: [UPG] upgrade task not run, source = ", 0),
+                  c.lostLogs);
+        if (!c.failure.empty()) {
+            fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, {c.failure[0], 7});
+            const auto answers = fakehost::Responses();
+            ASSERT_FALSE(answers.empty());
+            const Bytes& slot = answers.back().payload;
+            EXPECT_EQ(Bytes(slot.begin(), slot.begin() + 4), c.failure);
+        }
+        EXPECT_EQ(m_obj->PeripheralThreadCycle(1000), 0);
+        size_t oneSecond = 0;
+        for (const auto& m : fakehost::Sends()) oneSecond += m.id == MSG_OBD_ORIGINAL_DATA;
+        EXPECT_EQ(oneSecond, c.failure.empty() ? 0u : 1u);
+        m_obj->MessageUnRegister();
+        PeripheralRelease(m_obj);
+        m_obj = nullptr;
+        fakehost::SetSendHook(nullptr);
     }
 }
 

@@ -297,22 +297,69 @@ TEST_F(E2eUpgradeTest, E2eCalibrationConfiguresReadsAndAnswersFourBytes) {
               rx.end());
 }
 
-// CAN-box mode: the trigger is answered and the upgrade flag set, but the send thread does not
-// execute upgrade tasks there: nothing is transferred, the file stays, and the 1 s broadcasts
-// stop until the plug-in is restarted.
-TEST_F(E2eUpgradeTest, E2eCanBoxTriggerStopsTheOneSecondWorkForGood) {
+// A second trigger while the transfer runs (the box holding back a chunk's answer, so that host
+// time stands still until the test lets it go) is answered with the running upgrade's percent and
+// changes nothing: one transfer on the wire, one success for the first source and no failure,
+// even once the box has been asked for its new versions, and the second source's slot as it was.
+TEST_F(E2eUpgradeTest, E2eSecondTriggerDuringTheTransferLeavesItAlone) {
+    BoxOptions o;
+    o.upgradeSilentAfterChunks = 5;
+    Launch(o);
+    const ByteVec file = WriteFile(4096);  // 16 chunks
+    Trigger(1);
+    ASSERT_TRUE(StepUntil([&] { return Frames(0x2403) >= 6; }, 60000));
+    const int second = Trigger(2);
+    hostsim::BusDrain();                                // the handler has run and answered
+    hostsim::BusDrain();                                // and the answer has reached the listener
+    EXPECT_EQ(Answer(6729, second), Result(2, 0, 31));  // 5 x 256 of 4096 bytes
+    m_box->Update([](BoxOptions& opt) {
+        opt.silent = false;
+        opt.upgradeSilentAfterChunks = -1;
+    });
+    ASSERT_TRUE(StepUntil([&] { return Ended(); }, 60000));
+    ASSERT_TRUE(StepUntil([&] { return BroadcastVersion() == "DIAG2.0"; }, 10000, 50, 1000));
+
+    int otherSources = 0, failures = 0, successes = 0;
+    for (const ByteVec& s : States()) {
+        otherSources += s[0] != 1;
+        failures += s[2] == 9;
+        successes += s[2] == 10;
+    }
+    EXPECT_EQ(otherSources, 0);
+    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(successes, 1);
+    EXPECT_EQ(States().back(), Result(1, 10, 100));
+    EXPECT_EQ(Frames(0x2407), 1);
+    EXPECT_EQ(Frames(0x2402), 1);
+    EXPECT_EQ(Frames(0x2111), 1);
+    EXPECT_TRUE(m_box->Upgrade().image == file);
+    EXPECT_FALSE(Upgrading());
+    for (const auto& [source, slot] :
+         {std::make_pair(1, Result(1, 10, 100)), std::make_pair(2, Result(0xFF, 0, 0))}) {
+        const int query = hostsim::BusInject(6731, {static_cast<uint8_t>(source), 7});
+        ASSERT_TRUE(StepUntil([&] { return !Answer(6731, query).empty(); }, 1000));
+        EXPECT_EQ(Answer(6731, query), slot) << source;
+    }
+}
+
+// CAN-box mode: the send thread does not execute upgrade tasks there, so the trigger's upgrade
+// ends as failed when its task comes to the front and is dropped: nothing on the line, the file
+// stays, the slot says failed and the 1 s broadcasts come back.
+TEST_F(E2eUpgradeTest, E2eCanBoxTriggerEndsAsFailedAndTheOneSecondWorkGoesOn) {
     Launch({}, 72);
     WriteFile(1024);
     ASSERT_TRUE(StepUntil([&] { return Bus(6702).size() >= 2; }, 5000, 50, 1000));
     const int seq = Trigger(1);
-    ASSERT_TRUE(StepUntil([&] { return !Answer(6729, seq).empty(); }, 1000));
+    // The start of the stream queued before it waits out its attempts unanswered first.
+    ASSERT_TRUE(StepUntil([&] { return !Answer(6729, seq).empty() && Ended(); }, 60000, 50, 1000));
     EXPECT_EQ(Answer(6729, seq), Result(1, 0, 0));
-    StepUntil([] { return false; }, 200, 50, 1000);  // a broadcast under way when it came
+    EXPECT_EQ(States(), std::vector<ByteVec>{Result(1, 9, 0)});
+    EXPECT_FALSE(Upgrading());
     const size_t broadcasts = Bus(6702).size();
-    StepUntil([] { return false; }, 6000, 50, 1000);
-    EXPECT_EQ(Bus(6702).size(), broadcasts);
-    EXPECT_TRUE(States().empty());
-    EXPECT_TRUE(Upgrading());
+    EXPECT_TRUE(StepUntil([&] { return Bus(6702).size() >= broadcasts + 2; }, 5000, 50, 1000));
+    const int query = hostsim::BusInject(6731, {1, 7});
+    ASSERT_TRUE(StepUntil([&] { return !Answer(6731, query).empty(); }, 1000));
+    EXPECT_EQ(Answer(6731, query), Result(1, 9, 0));
     EXPECT_TRUE(FileThere());
     EXPECT_TRUE(m_box->Received().empty());  // nothing on the serial line
 }

@@ -66,7 +66,8 @@ class CSerialDevOBD : public CSerialBase {
     int OnGetPeripheralUpgradeState(const char* msg, int len);
     int OnTriggerObdDemacate(const char* msg, int len);
 
-    // Upgrade orchestration: queues the transfer of the file at `path` (at most 64 characters).
+    // Upgrade orchestration: queues the transfer of the file at `path` (at most 64 characters);
+    // a path it refuses (-1) ends an accepted upgrade as failed.
     int UpgradeObd(const char* path);
 
     // Device information store (receiving thread, send thread, peripheral thread).
@@ -105,6 +106,11 @@ class CSerialDevOBD : public CSerialBase {
     // Upgrade bookkeeping, under m_devInfoMutex (called from UpdateDevInfo).
     int HandleObdUpgradeFinish();
     void BroadcastUpgradeState(int state, int source, bool finished);
+    // Takes tasks out of the queue unexecuted (under m_taskMutex); true when an upgrade was among
+    // them. An accepted upgrade whose task will never run then ends as failed (no lock held).
+    bool DiscardUnrunTasks(std::deque<TaskBody_t>::iterator first,
+                           std::deque<TaskBody_t>::iterator last);
+    void FailUnrunUpgrade();
     // Turns the host's inertial-sensor message into an analyser sample (bus thread).
     void ConvertInertiaSensorData(const char* msg);
 

@@ -4,6 +4,7 @@
 // the only thread that blocks on the box. m_taskMutex is never held while a task executes.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -15,7 +16,19 @@ namespace {
 constexpr unsigned int SEND_THREAD_PERIOD_US = 100000;
 }  // namespace
 
+// Under m_taskMutex: every task that leaves the queue without running leaves through here. An
+// upgrade among them would never report its end, so the caller ends it (FailUnrunUpgrade) once
+// the lock is released; the result says whether there was one.
+bool CSerialDevOBD::DiscardUnrunTasks(std::deque<TaskBody_t>::iterator first,
+                                      std::deque<TaskBody_t>::iterator last) {
+    const bool upgrade = std::any_of(
+        first, last, [](const TaskBody_t& t) { return t.taskType == TASK_TYPE_UPGRADE; });
+    m_sendTaskQueue.erase(first, last);
+    return upgrade;
+}
+
 int CSerialDevOBD::InsertSendTask(TaskBody_t task) {
+    bool upgradeLost = false;
     pthread_mutex_lock(&m_taskMutex);
     for (auto it = m_sendTaskQueue.begin(); it != m_sendTaskQueue.end(); ++it) {
         if (it->taskType == task.taskType && it->cmd == task.cmd) {
@@ -23,6 +36,7 @@ int CSerialDevOBD::InsertSendTask(TaskBody_t task) {
                         static_cast<int>(it->taskType), static_cast<int>(it->cmd),
                         static_cast<int>(m_sendTaskQueue.size()));
             if (it == m_sendTaskQueue.begin()) m_bFrontRunning = false;
+            // Not lost: the twin appended below takes its place.
             m_sendTaskQueue.erase(it);
             break;
         }
@@ -30,10 +44,14 @@ int CSerialDevOBD::InsertSendTask(TaskBody_t task) {
     m_sendTaskQueue.push_back(task);
     if (m_sendTaskQueue.size() > TASK_QUEUE_LIMIT) {
         OBD_DEV_LOG(0, "S38_OBD: &&&&&&&& WARNING &&&&&&&&&&&&, send buffer is to large\n\n");
+        // The task in hand goes too, but it runs on and reports its own end.
+        const auto unrun = m_sendTaskQueue.begin() + (m_bFrontRunning ? 1 : 0);
+        upgradeLost = DiscardUnrunTasks(unrun, m_sendTaskQueue.end());
         m_sendTaskQueue.clear();
         m_bFrontRunning = false;
     }
     pthread_mutex_unlock(&m_taskMutex);
+    if (upgradeLost) FailUnrunUpgrade();
     return 0;
 }
 
@@ -87,6 +105,7 @@ void* CSerialDevOBD::TaskSendThreadEntry(void* object) {
 
 void CSerialDevOBD::TaskSendRoutine() {
     while (m_bTaskThreadRun.load() != 0) {
+        bool upgradeLost = false;
         pthread_mutex_lock(&m_taskMutex);
         if (!m_sendTaskQueue.empty()) {
             TaskBody_t task = m_sendTaskQueue.front();
@@ -101,10 +120,12 @@ void CSerialDevOBD::TaskSendRoutine() {
                 if (m_bFrontRunning) m_sendTaskQueue.pop_front();
                 m_bFrontRunning = false;
             } else {
-                m_sendTaskQueue.pop_front();
+                upgradeLost =
+                    DiscardUnrunTasks(m_sendTaskQueue.begin(), m_sendTaskQueue.begin() + 1);
             }
         }
         pthread_mutex_unlock(&m_taskMutex);
+        if (upgradeLost) FailUnrunUpgrade();
         Common::P4X_TMSleepMicroSecond(SEND_THREAD_PERIOD_US);
     }
     // Acknowledge the destructor's stop request; the object may be gone right after this store.

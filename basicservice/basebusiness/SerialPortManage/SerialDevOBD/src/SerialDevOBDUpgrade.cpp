@@ -1,9 +1,14 @@
 // Upgrade and calibration orchestration: the bus side of a firmware upgrade of the box (trigger,
 // progress broadcasts, state per source, state query) and of an engine calibration.
 //
+// One upgrade at a time: from the accepted trigger until its end, m_bUpgrading is set and further
+// triggers only hear how it stands. It ends through its transfer's progress records, or as failed
+// when its task never runs.
+//
 // Threads: the handlers run on the bus thread; HandleObdUpgradeFinish and BroadcastUpgradeState
-// on the send thread inside UpdateDevInfo, which holds m_devInfoMutex. The handlers take the same
-// lock around the bookkeeping they share with it (context and state slots).
+// on the send thread inside UpdateDevInfo, which holds m_devInfoMutex; FailUnrunUpgrade on
+// whichever thread saw the task go, holding no lock. The handlers take the same lock around the
+// bookkeeping they share with them (context and state slots).
 #include <atomic>
 #include <cstring>
 
@@ -30,9 +35,12 @@ void ObdUpgradePercentReset() {
     g_lastUpgradePercent = -1;
 }
 
+// A path it refuses never reaches the queue: an upgrade accepted for it ends at once, as one whose
+// task the queue dropped does.
 int CSerialDevOBD::UpgradeObd(const char* path) {
     if (path == nullptr || std::strlen(path) > UPGRADE_PATH_MAX) {
         OBD_DEV_LOG(0, "path is null\n");
+        FailUnrunUpgrade();
         return -1;
     }
     TaskBody_t task;
@@ -41,6 +49,18 @@ int CSerialDevOBD::UpgradeObd(const char* path) {
     task.cmd = 0;
     std::memcpy(task.data, path, std::strlen(path));
     return InsertSendTask(task);
+}
+
+// An accepted upgrade ends only through its task's progress records: one whose task left the
+// queue unexecuted, or never got there, would hold m_bUpgrading, and with it the cycle's 1 s
+// work, for good. It ends as failed with the percent it had. Caller holds neither mutex.
+void CSerialDevOBD::FailUnrunUpgrade() {
+    pthread_mutex_lock(&m_devInfoMutex);
+    if (m_bUpgrading.load() != 0) {
+        OBD_DEV_LOG(0, "S38_obd: [UPG] upgrade task not run, source = %d\n", m_upgContext.source);
+        BroadcastUpgradeState(PERIP_UPG_STATE_FAILED, m_upgContext.source, true);
+    }
+    pthread_mutex_unlock(&m_devInfoMutex);
 }
 
 // A trigger reads four payload bytes: a shorter one is refused, not read past its end.
@@ -59,37 +79,51 @@ int CSerialDevOBD::OnTriggerObdUpgrade(const char* msg, int len) {
         OBD_DEV_LOG(0, "S38_obd: [UPG], device = %d(7:obd), fileSource = %d\n", device, fileSource);
         return 0;
     }
+    auto answer = [&](int percent) {
+        UpgradeResult_t result;
+        std::memset(&result, 0, sizeof(result));
+        result.source = static_cast<int8_t>(source);
+        result.device = UPG_DEVICE_OBD;
+        result.state = PERIP_UPG_STATE_PROGRESS;
+        result.percent = static_cast<int8_t>(percent);
+        Common::SMessageHead head;
+        std::memcpy(&head, msg, sizeof(head));
+        if (m_pMsgClient != nullptr) {
+            m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(&result),
+                                             static_cast<int>(sizeof(result)));
+        }
+    };
     pthread_mutex_lock(&m_devInfoMutex);
+    if (m_bUpgrading.load() != 0) {
+        // A second transfer would follow the running one, whose success deletes the file, and
+        // end the upgrade as failed: the running one is left alone and reported as it stands.
+        const int percent = m_upgContext.percent;
+        pthread_mutex_unlock(&m_devInfoMutex);
+        OBD_DEV_LOG(0, "S38_obd: [UPG] upgrade already running, source = %d, percent = %d\n",
+                    source, percent);
+        answer(percent);
+        return 0;
+    }
     m_upgContext = UpgContext_t{};
     m_upgContext.source = source;
     m_bUpgrading = 1;
+    if (source >= 0 && source <= 3) {
+        m_upgResult[source].source = static_cast<int8_t>(source);
+        m_upgResult[source].state = PERIP_UPG_STATE_PROGRESS;
+        m_upgResult[source].percent = 0;
+    }
     pthread_mutex_unlock(&m_devInfoMutex);
     OBD_DEV_LOG(0,
                 "S38_obd: [UPG], source = %d, verfify = %d, device = %d(7:obd), fileSource = %d\n",
                 source, verify, device, fileSource);
-    UpgradeObd(OBD_UPGRADE_FILE_PATH);
-
-    UpgradeResult_t answer;
-    std::memset(&answer, 0, sizeof(answer));
-    answer.source = static_cast<int8_t>(source);
-    answer.device = UPG_DEVICE_OBD;
     OBD_DEV_LOG(0,
                 "S38_obd: [GDS_UPG] up broadcast, upgSource = %d, devId = %d, reslut = %d, "
                 "percent = %d\n",
                 source, UPG_DEVICE_OBD, 0, 0);
-    Common::SMessageHead head;
-    std::memcpy(&head, msg, sizeof(head));
-    if (m_pMsgClient != nullptr) {
-        m_pMsgClient->MSGResponseMessage(&head, reinterpret_cast<const char*>(&answer),
-                                         static_cast<int>(sizeof(answer)));
-    }
-    if (source >= 0 && source <= 3) {
-        pthread_mutex_lock(&m_devInfoMutex);
-        m_upgResult[source].source = static_cast<int8_t>(source);
-        m_upgResult[source].state = PERIP_UPG_STATE_PROGRESS;
-        m_upgResult[source].percent = 0;
-        pthread_mutex_unlock(&m_devInfoMutex);
-    }
+    answer(0);
+    // Queued last: the send thread may end the upgrade from here on (progress, or a task it
+    // drops), and its broadcasts must come after the answer and be what the slot keeps.
+    UpgradeObd(OBD_UPGRADE_FILE_PATH);
     return 0;
 }
 
