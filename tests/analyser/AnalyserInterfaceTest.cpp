@@ -69,8 +69,9 @@ TEST_F(InterfaceTest, InitWritesTheThresholdBytesExactly) {
     for (size_t i = 0; i < GDS_THRESHOLD_BYTES; ++i) EXPECT_EQ(got[i], want[i]) << "byte " << i;
 }
 
-// Init marks every item absent, sets the ring indexes (vertical ring untouched) and clears the
-// counters, but keeps statistics and alarm words. The first evaluation after it raises nothing.
+// Init marks every item absent, sets the ring indexes (vertical ring untouched) and clears every
+// counter record and the calibration state, but keeps statistics and alarm words. The first
+// evaluation after it raises nothing.
 TEST_F(InterfaceTest, InitAndTheFirstEvaluation) {
     Gds_IF_AnalyserData(gds_.get());
     const Alarm_Info_t& a = Alarm();
@@ -81,15 +82,29 @@ TEST_F(InterfaceTest, InitAndTheFirstEvaluation) {
     c.obdData.item[3] = {3, 1.0f};
     c.statistics.base.runTime = 77;
     c.alarmInfo.eventType2Alarms = 5;
-    gds_->event2Counter.idling = 300;
+    tagGdsParam_t& g = *gds_;
+    const std::pair<void*, size_t> cleared[] = {{&g.event1Counter, sizeof g.event1Counter},
+                                                {&g.obdAlarmCounter, sizeof g.obdAlarmCounter},
+                                                {&g.sixAxisCounter, sizeof g.sixAxisCounter},
+                                                {&g.event2Counter, sizeof g.event2Counter},
+                                                {&g.event3Counter, sizeof g.event3Counter},
+                                                {&g.event4Counter, sizeof g.event4Counter},
+                                                {&g.proofread.state, sizeof g.proofread.state},
+                                                {&g.proofread.count, sizeof g.proofread.count},
+                                                {g.proofread.offset, sizeof g.proofread.offset}};
+    for (const auto& r : cleared) std::memset(r.first, 0x5A, r.second);
     ASSERT_EQ(Gds_IF_InitLogicAnalyser(gds_.get()), 0);
     for (const auto& it : c.obdData.item) EXPECT_EQ(it.id, -1);
+    for (const auto& r : cleared)
+        EXPECT_EQ(std::string(static_cast<const char*>(r.first), r.second),
+                  std::string(r.second, 0))
+            << "record at offset "
+            << static_cast<uint8_t*>(r.first) - reinterpret_cast<uint8_t*>(&g);
     EXPECT_EQ(
         (std::vector<int>{c.speedRing.writeIndex, c.speedRing.readIndex, c.axisRing[0].readIndex,
                           c.axisRing[1].readIndex, c.axisRing[2].readIndex, c.axisRing[3].readIndex,
-                          gds_->event2Counter.idling, int(c.statistics.base.runTime),
-                          int(c.alarmInfo.eventType2Alarms)}),
-        (std::vector<int>{0, 1, 1, 1, 0, 1, 0, 77, 5}));
+                          int(c.statistics.base.runTime), int(c.alarmInfo.eventType2Alarms)}),
+        (std::vector<int>{0, 1, 1, 1, 0, 1, 77, 5}));
 }
 
 // A sample replaces the whole table; other kinds change nothing. Without thresholds the base

@@ -104,6 +104,7 @@ class AnalyserTest : public ::testing::Test {
     //   token := v       the next of the scenario's items is sent with value v (a float: 12,
     //                    -0.5, 1e8, inf, nan)
     //          | '-'     the next item is not sent at all (absent, id -1)
+    //          | '~'v    the next item is absent, but its slot holds the stale value v
     //          | v'+'d   the next item is v in the row's first second and rises by d each second
     //          | R c'*'v['/'w]  six-axis ring R (X longitudinal, Y lateral, Z vertical, L lateral
     //                    load) is rewritten before the row's first second: c of its ten values
@@ -150,6 +151,8 @@ class AnalyserTest : public ::testing::Test {
                     FillRing(tok);
                 else if (tok == "-")
                     ++k;
+                else if (tok[0] == '~')
+                    obd.t.item[s.items.at(k++)].value = std::stof(tok.substr(1));
                 else if (tok.find('+', 1) != std::string::npos)
                     rising.push_back({float(s.items.at(k++)), std::stof(tok),
                                       std::stof(tok.substr(tok.find('+', 1) + 1))});

@@ -56,6 +56,14 @@ std::vector<Scenario> Scenarios() {
             "20 61=b7"),
         Scenario("ThrottleLevel3", {S, A}, {Word(2, 7 * B(7))}, "5*30 80=0; 2*30 80=b9; 30 79=0",
                  [](tagGdsParam_t& g) { g.alarmThreshold.throttle.level[1].speed = 40; }),
+        // Each level is timed and held by its own group (3, 8, 6 s here). Below group 1's speed
+        // but above group 2's, a pedal counted at level 1 restarts at level 2: at 15 km/h the count
+        // is 1 every second, never reported. At 8 km/h levels 1 and 3 both count: two a second.
+        Scenario("ThrottleGroups", {S, A}, {Word(2, 7 * B(7))},
+                 "3*5 70=0; 2*5 70=b7; !8*30 70=0; 2*30 70=b8; !3*8 85=0; 2*8 85=b9; !12*15 70=0",
+                 [](tagGdsParam_t& g) {
+                     g.alarmThreshold.throttle = {{{3, 20, 60, 0}, {8, 10, 60, 0}, {6, 5, 80, 0}}};
+                 }),
         // The 8-bit counter is not held: it wraps after 255 seconds and counts up again. Without
         // a level the count is kept.
         Scenario("BrakeWear", {OBD_IDX_BRAKE, S}, {Word(1, 7 * B(8))},
@@ -115,7 +123,15 @@ std::vector<Scenario> Scenarios() {
                  "!4*73=0; 90=8; !4*90=0; 109=8; !4*90=0; 110=16; !4*103=0; 119=0; !4*104=0;"
                  "120=8; !4*120=0; 137=8; !4*100=0; 125=32; !4*0=0; 100=0; !4*60=0; 28=0;"
                  "!4*60=0; 27=1; !4*60=0; 24=2; !4*60=0; 19=2; !4*60=0; 18=4; !4*60=0; 0=0;"
-                 "!4*60=0; 60=0; !4*1=0; 28=16; !4*8=0; 30=8; !4*7=0; 29=0"),
+                 "!4*60=0; 60=0; !4*1=0; 28=16; !4*8=0; 30=8; !4*7=0; 29=0;"
+                 // The difference is a 16-bit value: 5999 km/h up or down reads as -32209 (no
+                 // level), 11820 up as 130 (level 2 with the limits lowered by 45).
+                 "!4*1=0; 6000=0; !4*6000=0; 1=0; !4*1=0; 11821=16"),
+        // A deceleration limit the defaults cannot hit exactly (9 km/h in four seconds is 50);
+        // a drop counts only from a speed above 20.
+        Scenario("SpeedDecLevel1Edge", {S}, {FIELD(collData.alarmInfo.speedAccDec)},
+                 "!4*30=0; 21=1; !4*30=0; 22=0; !4*21=0; 12=1; !4*20=0; 11=0",
+                 [](tagGdsParam_t& g) { g.alarmThreshold.speedDecLevel1 = 50; }),
     };
 }
 

@@ -32,9 +32,16 @@ TEST_F(SixAxisTest, SamplesAreScaledIntoTheRingsAndWrapAtSixteenBits) {
     EXPECT_EQ(Last(L), 6000);
     Push(Sample(0, 0, 0, 0, 0, -1640));
     EXPECT_EQ(Last(L), -6000);
-    for (int i = 1; i <= 7; ++i) Push(Sample(410 * i, 0, 0, 0, 0, 0));
+    Feed(obd.Speed(25.9f));  // each division truncates in turn: 10000 / 164 = 60, 60 * 25 / 10
+    Push(Sample(0, 0, 0, 0, 0, 100));
+    EXPECT_EQ(Last(L), 150);
+    Feed(obd.Speed(65561));  // the speed is taken as 16 bits (25): 1000 / 164 = 6, 6 * 25 / 10
+    Push(Sample(0, 0, 0, 0, 0, 10));
+    EXPECT_EQ(Last(L), 15);
+    Feed(obd.Speed(60.9f));  // 60 km/h again for the offsets below
+    for (int i = 1; i <= 5; ++i) Push(Sample(410 * i, 0, 0, 0, 0, 0));
     EXPECT_EQ(Ring(X).writeIndex, 0);  // ten writes: back at slot 0
-    EXPECT_EQ(Ring(X).value[0], 70);   // 2870 * 100 / 4096
+    EXPECT_EQ(Ring(X).value[0], 50);   // 2050 * 100 / 4096
     gds_->proofread.offset[0] = -32768;
     Push(Sample(32767, 0, 0, 0, 0, 0));  // the difference wraps to -1
     EXPECT_EQ(Last(X), 0);
@@ -61,6 +68,7 @@ TEST_F(SixAxisTest, CalibrationAveragesTwentySamplesTruncatingAndAllocatesOnce) 
     EXPECT_EQ(gds_->proofread.state, 1u);
     Push(Sample(30000, 30000, 30000, 30000, 30000, 30000));  // the 21st only completes
     EXPECT_EQ(gds_->proofread.state, 0u);
+    EXPECT_EQ(Last(X), 729);  // but is itself filled with the new offsets: 29900 * 100 / 4096
     EXPECT_EQ(gds_->proofread.buffer, nullptr);
     const int16_t want[6] = {100, -3, 0, 7, 0, -1};  // -39 / 20 truncates toward zero
     EXPECT_EQ(std::memcmp(gds_->proofread.offset, want, sizeof(want)), 0);
@@ -94,7 +102,8 @@ TEST_F(SixAxisTest, CountThresholdsInOneSecond) {
         "!X5*-21 30 = 0 0; !X6*-21 30 = 4 DEC; !X6*-19 30 = 2 DEC; !X6*-17 30 = 1 DEC;"
         "!X6*-16 30 = 0 0; !L7*600 40 = 0x80 0; !L7*600 50 = 0x80 0; !L7*600 51 = 0 0;"
         "!L8*600 51 = 0x80 0; !L6*650 40 = 0 0; !L7*-650 40 = 0x100 0; !L7*540 40 = 0x40 0;"
-        "!L7*539 40 = 0 0; !X6*12 L7*540 40 = 0x40 ACC; !Y6*-19 30 = 0 NEG; !Y5*-19 30 = 0 0;"
+        "!L7*539 40 = 0 0; !L7*650 40 = 0x100 0; !L7*-600 40 = 0x80 0; !L7*-540 40 = 0x40 0;"
+        "!X6*12 L7*540 40 = 0x40 ACC; !Y6*-19 30 = 0 NEG; !Y5*-19 30 = 0 0;"
         "!Y6*-18 30 = 0 0; !Y6*19 30 = 0 POS; !Y6*18 30 = 0 0; !lat1 Y6*-24 30 = 0 NEG;"
         "!lat1 Y6*-23 30 = 0 0; !lat3 Y6*14 30 = 0 POS; !lat3 Y6*13 30 = 0 0;"
         "!Y8*-49 30 = 0 SN; !Y8*-48 30 = 0 NEG; !Y7*-49 30 = 0 NEG; !Y8*49 30 = 0 SP;"
@@ -134,10 +143,11 @@ TEST_F(SixAxisTest, HoldsAndAlarmsOverSeconds) {
         "Y0*0 30 = 0 0 0; 5* Y8*60 30 = 0 SP 0; Y0*0 30 = 0 0 0; 6* Y8*60 30 = 0 SP 0;"
         "30 = 0 SP b4",
         B(4));
-    // Sudden turn from 30 km/h (29.9 reads 29), at the turn level; rapid acceleration from both
-    // judgements (speed level 32 with six-axis level 16 gives level 2; six-axis alone nothing).
+    // Sudden turn from 30 km/h (29.9 reads 29), at the turn level, and only with the speed sent
+    // (an absent slot's stale 40 does not count); rapid acceleration from both judgements (speed
+    // level 32 with six-axis level 16 gives level 2; six-axis alone nothing).
     Axis(
-        "L10*600 25 = 0x80 0 0; 30 = 0x80 0 b6; 29.9 = 0x80 0 0; - = 0x80 0 0;"
+        "L10*600 25 = 0x80 0 0; 30 = 0x80 0 b6; 29.9 = 0x80 0 0; ~40 = 0x80 0 0;"
         "L10*540 30 = 0x40 0 b5; L10*650 30 = 0x100 0 b7",
         7 * B(5));
     Axis("X6*10 4* 20 = 16 ACC 0; 50 = 16 ACC b9", 7 * B(8));

@@ -28,8 +28,9 @@ using StatisticsTest = AnalyserTest;
 // backwards and one outside (0, 1e8) add nothing, and the next step counts from the last
 // plausible reading. The second distance item (gross fuel) stands in for an implausible
 // odometer (fuel reading); an odometer that did not move is used as it is; standing with the
-// engine off counts no distance or fuel. Idle fuel needs the engine and a speed truncating to 0,
-// drive fuel both non-zero. The brake counts new positive values.
+// engine off counts no distance or fuel (an engine speed or a speed of 0.5 is not off). Idle fuel
+// needs the engine and a speed truncating to 0 or below, drive fuel both truncating to non-zero
+// (so a negative speed counts for both). The brake counts new positive values.
 TEST_F(StatisticsTest, CumulativeDifferenceFilters) {
     Run(Scenario(
             "mileage", {R, MILES}, {BASE(mileage1), BASE(mileage2)},
@@ -43,12 +44,13 @@ TEST_F(StatisticsTest, CumulativeDifferenceFilters) {
     Run(Scenario("fuel", {R, S, FUEL}, {BASE(fuel1), BASE(fuel2), BASE(driveFuel)},
                  "800 10 51=0 0 0; 800 10 51.5=.5 .5 .5; 800 10 50=.5 .5 .5; 800 10 50.5=1 1 1;"
                  "800 10 1e9=1 1 1; 800 10 51=1 1 1; 800 10 51.5=1.5 1.5 1.5; 0 0 52=1.5 1.5 1.5;"
-                 "800 10 62=1.5 1.5 1.5; 800 10 -5=1.5 1.5 1.5"),
+                 "800 10 62=1.5 1.5 1.5; 800 10 -5=1.5 1.5 1.5; !0.5 0 20=0 0 0;"
+                 "0.5 0 20.5=.5 .5 0; 0 0.5 21=1 1 0; 0 0 21.5=1 1 0"),
         false);
     Run(Scenario(
             "idle or drive", {R, S, GROSS}, {BASE(idleFuel), BASE(driveFuel), BASE(fuel1)},
             "700 0 10=0 0 0; 700 0 10.25=.25 0 .25; 700 0.9 10.5=.5 0 .5; 700 5 10.75=.5 .25 .75;"
-            "0 5 11=.5 .25 1"),
+            "0 5 11=.5 .25 1; 700 -3 11.25=.75 .5 1.25"),
         false);
     Run(Scenario("brake", {OBD_IDX_BRAKE}, {BASE(brakeCount)},
                  "10*1=1; 0=1; 2=2; 3=3; -1=3; 0.5=4; 0.25=5"),
@@ -57,19 +59,26 @@ TEST_F(StatisticsTest, CumulativeDifferenceFilters) {
 
 // The fuel of an idle counts from its start (or from a gap in the fuel readings) once the
 // idling alarm rises (240 s), else never; at idling levels 2 and 3 (900 s, 1800 s) it goes on.
+// A reading going backwards keeps what is pending, an unchanged one still hands it over, a step
+// of exactly 10 is dropped. Idling is judged on the truncated speed and engine speed.
 TEST_F(StatisticsTest, IdleAlarmFuel) {
     Run(Scenario("idle alarm fuel", {S, R, FUEL}, {BASE(idleAlarmFuel), BASE(idleFuel)},
                  "240*0 750 10.01+.01=0 -; 0 750 12.41=2.4 2.4; !200*0 750 10.01+.01=0 -;"
                  "20 1500 12.02=0 1.99; 240*0 750 12.03+.01=0 -; 0 750 14.43=2.41 4.4;"
                  "9*0 750 14.44+.01=- -; 0 750 14.53=2.51 4.5; !100*0 750 10.01+.01=0 -;"
                  "0 750 -=0 -; 0 750 12=0 -; 138*0 750 12.01+.01=0 -; 0 750 13.39=1.39 -;"
-                 "!900*0 750 1+1=- -; 0 750 901=900 -; 899*0 750 902+1=- -; 0 750 1801=1800 -"));
+                 "!900*0 750 1+1=- -; 0 750 901=900 -; 899*0 750 902+1=- -; 0 750 1801=1800 -;"
+                 "0 750 1811=1800 -; 0 750 1812=1801 -; !100*0 750 10.01+.01=0 -; 0 750 10.5=0 -;"
+                 "139*0 750 10.51+.01=0 -; 0 750 11.9=2.39 2.39; !239*0 750 10.01+.01=0 -;"
+                 "0 750 12.5=0 -; 0 750 12.5=2.49 2.49; !240*0.9 750 10.01+.01=0 -;"
+                 "0.9 750 12.41=2.4 2.4; !240*0 750 10.01+.01=0 -; 0 0.5 12.41=0 -"));
 }
 
 // Per second: drive time for speed > 0, idle time for speed 0 with rpm > 0, run time for both.
 // Band i holds b_i < v <= b_(i+1), the last band everything above; the accelerator level times
 // count values above each level. The band fuel drops a step above 5 (exactly 5 counts) and any
-// step from a previous reading outside (0, 1e8); it goes to the bands of the new sample.
+// step from a previous reading outside (0, 1e8); it goes to the bands of the new sample, at any
+// speed and engine speed that are not 0 (0.5 too).
 TEST_F(StatisticsTest, PerSecondTimesAndBands) {
     Run(Scenario("times", {S, R}, {BASE(driveTime), BASE(idleTime), BASE(runTime)},
                  "10 1500=1 0 1; 0.5 0=2 0 2; 0 800=2 1 3; 0 0=2 1 3; -3 800=2 1 3"));
@@ -85,7 +94,8 @@ TEST_F(StatisticsTest, PerSecondTimesAndBands) {
                  "45 1300 20 111=5.5 5.5 5.5 11; 0 1300 20 112=5.5 5.5 5.5 12;"
                  "45 1300 20 -1=5.5 5.5 5.5 12; 45 1300 20 12345=5.5 5.5 5.5 12;"
                  "45 1300 20 -inf=5.5 5.5 5.5 12; 45 1300 20 50=5.5 5.5 5.5 12;"
-                 "45 1300 20 51=6.5 6.5 6.5 13; 75 1700 40 52=6.5 6.5 6.5 14"),
+                 "45 1300 20 51=6.5 6.5 6.5 13; 75 1700 40 52=6.5 6.5 6.5 14;"
+                 "0.5 1300 20 53=6.5 7.5 7.5 15; 45 0.5 20 54=7.5 7.5 8.5 16"),
         false);
     Run(Scenario("band fuel of the new sample", {S, R, ACC, FUEL},
                  {FIELD(collData.statistics.driving.speedBandStat[2].fuel),
