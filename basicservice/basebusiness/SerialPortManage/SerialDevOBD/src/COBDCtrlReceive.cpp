@@ -74,10 +74,17 @@ bool ChecksumMatches(const unsigned char* f, int n, char* plain, int* plainLen) 
            COBDCtrl::CalXOR(plain + 2, m - 3) == static_cast<unsigned char>(plain[m - 1]);
 }
 
+// Whether the `n` bytes at `p` may begin a head (none yet: they may too).
+bool HeadMayStartAt(const unsigned char* p, int n) {
+    return std::memcmp(p, kHead, static_cast<size_t>(std::min(n, 4))) == 0;
+}
+
 // Raw length of the escaped frame at `f` (`avail` bytes received from its head on) whose checksum
 // matches, unescaped into `plain`: L counting the raw bytes after the length field (escape pairs
-// included), else L counting the unescaped bytes (one more raw byte per pair, wherever it lies).
-// 0 when neither matches; -1 when one is not complete yet and still fits the buffer.
+// included), or L counting the unescaped bytes (one more raw byte per pair, wherever it lies).
+// 0 when neither matches; -1 when that takes bytes not received yet which still fit the buffer.
+// A checksum matches by chance once in 256 frames: when both match, the reading followed by a head
+// (or by nothing yet) stands, the shorter one if both or neither are.
 int MatchEscapedFrame(const unsigned char* f, int avail, char* plain, int* plainLen) {
     int at = kLenOffset;
     int l = 0;
@@ -88,28 +95,35 @@ int MatchEscapedFrame(const unsigned char* f, int avail, char* plain, int* plain
         l = (l << 8) | b;
         at += n;
     }
-    bool pending = false;
+    const bool canWait = avail < OBD_RECV_MAX;
     const int countsPairs = at + l + 1;
+    int shorter = 0;  // the shorter reading: -1 not complete, > 0 matched with bytes after it
     if (countsPairs <= OBD_RECV_MAX) {
         if (countsPairs > avail) {
-            pending = true;
+            shorter = -1;
         } else if (ChecksumMatches(f, countsPairs, plain, plainLen)) {
-            return countsPairs;
+            if (HeadMayStartAt(f + countsPairs, avail - countsPairs)) return countsPairs;
+            shorter = countsPairs;
         }
     }
+    const auto shorterOnly = [&] {
+        if (shorter > 0) ChecksumMatches(f, shorter, plain, plainLen);
+        return shorter;
+    };
     // L unescaped bytes (pairs beyond the shorter cut included), then the checksum.
     for (int got = 0; got < l; ++got) {
         unsigned char b = 0;
         const int n = EscapedByte(f, avail, at, &b);
-        if (n == 0) return pending || avail < OBD_RECV_MAX ? -1 : 0;
+        if (n == 0) return canWait ? -1 : shorterOnly();
         at += n;
     }
-    if (at >= avail) return avail < OBD_RECV_MAX ? -1 : 0;
+    if (at >= avail) return canWait ? -1 : shorterOnly();
     const int unescaped = at + 1;
-    if (unescaped != countsPairs && ChecksumMatches(f, unescaped, plain, plainLen)) {
+    if (unescaped != countsPairs && ChecksumMatches(f, unescaped, plain, plainLen) &&
+        (shorter <= 0 || HeadMayStartAt(f + unescaped, avail - unescaped))) {
         return unescaped;
     }
-    return pending ? -1 : 0;
+    return shorterOnly();
 }
 
 }  // namespace
