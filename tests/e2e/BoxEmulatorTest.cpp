@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
+#include <tuple>
 
 #include "BoxTestSupport.h"
 
@@ -95,14 +97,26 @@ TEST_F(BoxEmulatorTest, RefuseDropSilentAndUnanswered) {
     ASSERT_TRUE(m_box->WaitForFrames(8, 1000));  // everything was still recorded
 }
 
-TEST_F(BoxEmulatorTest, EscapesBytesAndKeepsLengthUnescapedByDefault) {
+TEST_F(BoxEmulatorTest, EscapesBytesAndCountsPairsInLengthOnlyWhenAsked) {
     const ByteVec f =
         BoxEmulator::EncodeFrame(0x2C81, {0x01, 0x7E, 0x7D, 0x7F, 0x00}, 0x7E, true, false, false);
     // L counts 8 bytes; the sequence number 7E is escaped too.
     EXPECT_EQ(f, (ByteVec{0x55, 0xAA, 0xF8, 0xF0, 0x00, 0x08, 0x7D, 0x01, 0x2C, 0x81, 0x01, 0x7D,
                           0x01, 0x7D, 0x03, 0x7D, 0x02, 0x00,
                           0xF8 ^ 0xF0 ^ 0x08 ^ 0x7E ^ 0x2C ^ 0x81 ^ 0x01 ^ 0x7E ^ 0x7D ^ 0x7F}));
-    EXPECT_EQ(BoxEmulator::EncodeFrame(0x2C81, {0x7E}, 1, true, true, false)[5], 5);  // 4 + a pair
+    // Counted in L: every pair from the sequence number on; L's own pair (a low byte of 7D to 7F)
+    // never. {payload, sequence number, counted, L's raw bytes, frame's raw bytes}.
+    const std::vector<std::tuple<ByteVec, uint8_t, bool, ByteVec, size_t>> rows = {
+        {{0x7E}, 1, true, {0x00, 0x05}, 12},
+        {{0x7E}, 0x7E, true, {0x00, 0x06}, 13},
+        {ByteVec(123, 0), 1, false, {0x00, 0x7D, 0x01}, 134},
+        {ByteVec(121, 0), 0x7F, true, {0x00, 0x7D, 0x03}, 133},
+    };
+    for (const auto& [payload, seq, counted, length, size] : rows) {
+        const ByteVec g = BoxEmulator::EncodeFrame(0x2C81, payload, seq, true, counted, false);
+        EXPECT_EQ(ByteVec(g.begin() + 4, g.begin() + 4 + static_cast<long>(length.size())), length);
+        EXPECT_EQ(g.size(), size);
+    }
     const ByteVec bad = BoxEmulator::EncodeFrame(0x2C10, {}, 1, false, false, true);
     EXPECT_EQ(bad.back(), (0xF8 ^ 0xF0 ^ 0x03 ^ 0x01 ^ 0x2C ^ 0x10) ^ 0xA5);
 }
@@ -111,7 +125,10 @@ TEST_F(BoxEmulatorTest, StreamsOnlyWhileStartedAndSendsLinkFrames) {
     BoxOptions o;
     o.streamPeriodMs = 20;
     o.stopAckAlt = true;
-    o.values = [] { return obdbox::DataItems{{5, 2.0f}}; };
+    // No value known at first: no frame until there is one.
+    o.values = [n = std::make_shared<std::atomic<int>>(0)] {
+        return ++*n <= 2 ? obdbox::DataItems{} : obdbox::DataItems{{5, 2.0f}};
+    };
     StartBox(o);
     EXPECT_TRUE(Read(1, 100).empty());
     Write(Request(0x2C01));

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "E2eFixture.h"
+#include "ObdBusRecords.h"
 
 namespace {
 
@@ -164,6 +165,49 @@ TEST_F(E2eTest, E2eDataStreamLandsInTheTableThroughEscapesSplitsAndGarbage) {
     EXPECT_EQ(t.item[8].value, escaped);
     EXPECT_EQ(t.item[1].id, -1);  // never sent
 }
+
+// A box that escapes, counting its pairs in L or not: every item of a frame of all 59, whose value
+// bytes hold 7D, 7E and 7F, lands exactly in the OBD data broadcast, and no frame is refused.
+class E2eEscapeTest : public E2eTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(E2eEscapeTest, E2eEveryEscapedValueReachesTheDataBroadcastExactly) {
+    auto refused = std::make_shared<std::atomic<int>>(0);
+    hostsim::SetLogSink([refused](int, const std::string& line) {
+        if (line.find("crc error") != std::string::npos) ++*refused;
+    });
+    obdbox::DataItems items;
+    for (uint8_t id = 1; id <= 59; ++id) {
+        const uint8_t b[4] = {static_cast<uint8_t>(0x7D + id % 3),
+                              static_cast<uint8_t>(0x7F - id % 3), id, 0x42};
+        float v;
+        std::memcpy(&v, b, 4);
+        items.emplace_back(id, v);
+    }
+    BoxOptions o;
+    o.streamPeriodMs = 20;
+    o.escape = true;
+    o.escapeCountsInLength = GetParam();
+    o.values = [items] { return items; };
+    Launch(o);
+    const auto exact = [&] {
+        const auto sent = Bus(MSG_OBD_ORIGINAL_DATA);
+        if (sent.empty() || sent.back().payload.size() != sizeof(ObdOriginalDataMsg_t))
+            return false;
+        ObdOriginalDataMsg_t m;
+        std::memcpy(&m, sent.back().payload.data(), sizeof(m));
+        for (const auto& [id, v] : items) {
+            const auto& item = m.table.item[id - 1];
+            if (item.id != id - 1 || std::memcmp(&item.value, &v, 4) != 0) return false;
+        }
+        return true;
+    };
+    ASSERT_TRUE(StepUntil(exact, 10000));
+    Step(4000);  // 200 frames more, past the sequence numbers 7D to 7F
+    EXPECT_TRUE(exact());
+    EXPECT_EQ(refused->load(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(LengthCounts, E2eEscapeTest, ::testing::Bool());
 
 // Every fault of the box, then a good box again: the plug-in survives (the sanitizer build
 // checks every access) and recognises the next good frame.

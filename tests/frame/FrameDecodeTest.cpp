@@ -84,6 +84,12 @@ TEST(FrameDecode, StreamsCutIntoFramesGarbageAndCutOffFrames) {
     // does not escape (a raw 7D 01), and a 7D before a byte that is no escape code.
     const Bytes raw = Sealed({0x55, 0xAA, 0xF8, 0xF0, 0x00, 0x05, 0x01, 0x2C, 0xF1, 0x7D, 0x01});
     const Bytes noPair = Sealed({0x55, 0xAA, 0xF8, 0xF0, 0x00, 0x05, 0x01, 0x2C, 0xF1, 0x7D, 0x05});
+    // A low byte of L of 7E and 7D, sent as pairs (the second frame counts the sequence number's).
+    const Bytes escL = FromBox(0x6CF1, Bytes(123, 0), true, false);
+    const Bytes escLIn = FromBox(0x6CF1, Bytes(121, 0), true, true, false, 0x7F);
+    // Counting the pairs in L, then a 00: read L unescaped, with the 00 as its checksum, it matches
+    // too; as for the plug-in, the shorter reading stands when neither is followed by a head.
+    const Bytes oneIn = FromBox(0x2C81, {0x7E}, true, true);
     auto C = [](const char* name, Bytes input, std::vector<Expect> expect) {
         return StreamCase{name, input, expect};
     };
@@ -94,6 +100,11 @@ TEST(FrameDecode, StreamsCutIntoFramesGarbageAndCutOffFrames) {
         C("escapes counted in the length", escIn, {{Kind::Frame, escIn.size(), true, 3, true}}),
         C("7D 05 is no escape", noPair, {{Kind::Frame, 12, true, 0}}),
         C("a box that does not escape", raw, {{Kind::Frame, raw.size(), true, 0}}),
+        C("an escaped length", escL, {{Kind::Frame, escL.size(), true, 1}}),
+        C("an escaped length, pairs counted", escLIn,
+          {{Kind::Frame, escLIn.size(), true, 2, true}}),
+        C("two readings matching", Cat({oneIn, {0x00, 0x13}}),
+          {{Kind::Frame, oneIn.size(), true, 1, true}, {Kind::Garbage, 2}}),
         C("garbage before, between and after",
           Cat({kGarbage3, kFrame, {0x00, 0x7D}, kFrame, {0x55}}),
           {{Kind::Garbage, 3},
@@ -171,7 +182,7 @@ TEST(FrameDecode, EscapesAreUndoneInTheBodyAndTheMarkGivesTheDirection) {
 struct FieldCase {
     const char* name;
     Bytes frame;
-    std::vector<std::string> lines;  // each expected among the printed lines
+    std::vector<std::string> lines;  // each expected among the printed lines; "!x": x is not
 };
 
 std::vector<std::string> Printed(const Bytes& f) {
@@ -213,9 +224,14 @@ TEST(FrameFields, EachCommandPrintsItsFields) {
         C("software version", FromBox(0x6105, Cat({Text("B1"), Text("D1"), Text("S1")})),
           {"    BootVer: \"B1\"", "    DLVer: \"D1\"", "    DiagSWVer: \"S1\""}),
         C("escaped, length of the unescaped bytes", FromBox(0x2CF1, kTricky, true, false),
-          {"    note: the plug-in cuts the frame at L + 7 = 15 of its 18 bytes",
-           "    payload: 7E 01 7F 7D 42"}),
+          {"    payload: 7E 01 7F 7D 42", "!note"}),
         C("escaped, pairs counted in the length", FromBox(0x2CF1, kTricky, true, true),
+          {"    payload: 7E 01 7F 7D 42", "!note"}),
+        C("escaped, length of the unescaped bytes, bad checksum",
+          FromBox(0x2CF1, kTricky, true, false, true),
+          {"    note: the plug-in cuts the frame at L + 7 = 15 of its 18 bytes"}),
+        C("escaped, pairs counted in the length, bad checksum",
+          FromBox(0x2CF1, kTricky, true, true, true),
           {"    note: the plug-in takes L - 3 = 8 payload bytes, 3 more than there are"}),
         C("engine", FromBox(0x6C12, {0x01, 0x2C, 0x99}),
           {"    engine: 0x012C (300)", "    ignored: 99"}),
@@ -269,8 +285,9 @@ TEST(FrameFields, EachCommandPrintsItsFields) {
         std::string all;
         for (const std::string& l : printed) all += l + "\n";
         for (const std::string& want : c.lines) {
-            const bool found = all.find(want) != std::string::npos;
-            EXPECT_TRUE(found) << "missing: " << want << "\nin:\n" << all;
+            const bool absent = want[0] == '!';
+            const bool found = all.find(absent ? want.substr(1) : want) != std::string::npos;
+            EXPECT_NE(found, absent) << want << "\nin:\n" << all;
         }
     }
 }

@@ -2,6 +2,8 @@
 // the receiver's behaviour when frames are cut, doubled, truncated or buried in garbage.
 #include <algorithm>
 #include <random>
+#include <string>
+#include <tuple>
 
 #include "LinkTestSupport.h"
 
@@ -143,7 +145,7 @@ TEST_F(LinkTest, DispatchedFramesAreUnescapedAndHandledWhateverTheirChecksum) {
         Feed(Cat({escaped, BoxFrame(0x2C10), bad, BoxFrame(0x6C05, {1, 2}), DataFrame(10, 1.0f)})),
         0);
     EXPECT_EQ(Value(8), v);
-    EXPECT_EQ(Value(9), 1.0f);  // the escaped frame's surplus byte was dropped
+    EXPECT_EQ(Value(9), 1.0f);  // the frames after the escaped one are in step
     EXPECT_EQ(Value(4), 42.0f);
     EXPECT_EQ(m_ctrl->OBD_CheckObdHeartBeat(), 1);
     EXPECT_EQ(fakehost::CountLogs("####Analy original data failed, crc error, length = 12\n", 0),
@@ -158,6 +160,155 @@ TEST_F(LinkTest, DispatchedFramesAreUnescapedAndHandledWhateverTheirChecksum) {
     const Bytes last = DataFrame(11, 2.5f);
     Feed(Bytes(last.begin() + 3, last.end()));
     EXPECT_EQ(Value(10), 2.5f);
+}
+
+// A frame as a box that escapes sends it: 7E -> 7D 01, 7F -> 7D 02, 7D -> 7D 03, any byte but the
+// first and the last. `countsPairs`: L counts the raw bytes after it, their pairs included (and
+// the checksum covers that L); else the unescaped bytes.
+Bytes Escaped(Bytes f, bool countsPairs) {
+    const auto special = [](unsigned char b) { return b >= 0x7D && b <= 0x7F; };
+    if (countsPairs) {
+        const auto l =
+            f.size() - 7 + static_cast<size_t>(std::count_if(f.begin() + 6, f.end() - 1, special));
+        f[4] = static_cast<unsigned char>(l >> 8);
+        f[5] = static_cast<unsigned char>(l);
+        f.back() = 0;
+        for (size_t i = 2; i + 1 < f.size(); ++i) f.back() ^= f[i];
+    }
+    Bytes out = {f.front()};
+    for (size_t i = 1; i + 1 < f.size(); ++i) {
+        if (special(f[i])) {
+            out.insert(out.end(),
+                       {0x7D, static_cast<unsigned char>(f[i] == 0x7D ? 3 : f[i] - 0x7D)});
+        } else {
+            out.push_back(f[i]);
+        }
+    }
+    out.push_back(f.back());
+    return out;
+}
+
+float FloatOf(Bytes b) {  // least significant byte first, as on the wire
+    float v;
+    std::memcpy(&v, b.data(), 4);
+    return v;
+}
+
+// The bytes the receiver reported as garbage (every "no frame head" line) in `printed`.
+int GarbageReported(const std::string& printed) {
+    static const std::string kLine = "no frame head and tail, length = ";
+    int sum = 0;
+    for (size_t at = printed.find(kLine); at != std::string::npos; at = printed.find(kLine, at + 1))
+        sum += std::stoi(printed.substr(at + kLine.size()));
+    return sum;
+}
+
+// Escaped frames, L counting the unescaped bytes or the pairs too, read whole, cut after L + 7
+// raw bytes, byte by byte, with garbage behind: the whole frame is taken, its payload handed on
+// exactly, and the next frame read in step. A frame matching neither checksum is cut at L + 7.
+TEST_F(LinkTest, EscapedFramesArriveWholeWhateverTheLengthCounts) {
+    struct Case {
+        std::string name;
+        std::vector<Bytes> reads;
+        std::vector<Bytes> dispatched;              // raw frames, in order
+        std::vector<std::pair<int, float>> values;  // table index, value
+        int garbage = 0;  // bytes reported without a head; -1: not checked
+    };
+    const Bytes link = BoxFrame(0x2C10);
+    const float coolant = FloatOf({0x7D, 0x7F, 0x20, 0x42});  // 40.12 degrees
+    // 127 items: L = 0x027E, whose low byte goes as a pair.
+    Bytes many;
+    std::vector<std::pair<int, float>> manyValues(59);
+    for (int i = 0; i < 127; ++i) {
+        many = Cat({many, Item(static_cast<unsigned char>(1 + i % 59), static_cast<float>(i))});
+        manyValues[static_cast<size_t>(i % 59)] = {i % 59, static_cast<float>(i)};
+    }
+    const std::vector<std::tuple<std::string, Bytes, std::vector<std::pair<int, float>>>> frames = {
+        {"7D and 7F in a value", DataFrame(10, coolant), {{9, coolant}}},
+        {"a pair at the payload's last byte",
+         DataFrame(11, FloatOf({0, 0, 0x80, 0x7E})),
+         {{10, FloatOf({0, 0, 0x80, 0x7E})}}},
+        {"several pairs",
+         BoxFrame(0x2C81, Cat({Item(1, FloatOf({0x7D, 0x7E, 0x7F, 0x42})),
+                               Item(2, FloatOf({0x7E, 0x7E, 0x7E, 0x3E})), Item(3, 8.0f)})),
+         {{0, FloatOf({0x7D, 0x7E, 0x7F, 0x42})},
+          {1, FloatOf({0x7E, 0x7E, 0x7E, 0x3E})},
+          {2, 8.0f}}},
+        {"a pair in the sequence byte", BoxFrame(0x2C81, Item(5, 2.5f), 0x7E), {{4, 2.5f}}},
+        {"a pair in the command code", BoxFrame(0x6C7F, {0x7D, 0x00}, 0x7F), {}},
+        {"a pair in the length field", BoxFrame(0x2C81, many), manyValues},
+    };
+    std::vector<Case> cases;
+    for (const auto& [what, plain, values] : frames) {
+        for (const bool countsPairs : {false, true}) {
+            const std::string name = what + (countsPairs ? ", pairs in L" : ", L unescaped");
+            const Bytes f = Escaped(plain, countsPairs);
+            const size_t cut = static_cast<size_t>((f[4] << 8) | f[5]) + 7;  // by the raw L
+            const size_t split = std::min(cut, f.size() - 1);
+            std::vector<Bytes> bytewise;
+            for (unsigned char b : f) bytewise.push_back({b});
+            bytewise.push_back(link);
+            Bytes bad = f;
+            bad.back() ^= 0x5A;
+            cases.push_back({name, {Cat({f, link})}, {f, link}, values});
+            cases.push_back({name + ", the longer reading split off",
+                             {Bytes(f.begin(), f.begin() + static_cast<long>(split)),
+                              Cat({Bytes(f.begin() + static_cast<long>(split), f.end()), link})},
+                             {f, link},
+                             values});
+            cases.push_back({name + ", byte by byte", bytewise, {f, link}, values});
+            cases.push_back({name + ", garbage after",
+                             {Cat({f, kGarbage}), link},
+                             {f, link},
+                             values,
+                             static_cast<int>(kGarbage.size())});
+            // The surplus of the cut precedes the next head: dropped without a word, as ever.
+            cases.push_back({name + ", neither checksum",
+                             {Cat({bad, link})},
+                             {Bytes(bad.begin(), bad.begin() + static_cast<long>(cut)), link},
+                             {}});
+        }
+    }
+    // Its first L + 7 raw bytes pass for a frame by chance; the head after the whole one decides.
+    const Bytes lucky = Escaped(DataFrame(10, FloatOf({0x7D, 0x7F, 0xB4, 0x42})), false);
+    cases.push_back({"L unescaped, the shorter reading matching too",
+                     {Cat({lucky, link})},
+                     {lucky, link},
+                     {{9, FloatOf({0x7D, 0x7F, 0xB4, 0x42})}}});
+    // Neither: what the box sent is lost as before (the last bytes of the value read as 0) ...
+    Bytes bad = Escaped(DataFrame(10, coolant), false);
+    bad.back() ^= 0x5A;
+    cases.push_back({"neither checksum, the value cut short",
+                     {Cat({bad, link})},
+                     {Bytes(bad.begin(), bad.end() - 2), link},
+                     {{9, FloatOf({0x7D, 0x7F, 0x20, 0x00})}}});
+    // ... and the reading L unescaped, longer than the buffer can hold, is not waited for.
+    Bytes big = Escaped(BoxFrame(0x6CF1, Cat({Bytes(980, 0x00), Bytes(20, 0x7E)})), false);
+    big.back() ^= 0x5A;
+    cases.push_back({"neither checksum, the longer reading beyond the buffer",
+                     {Cat({big, link})},
+                     {Bytes(big.begin(), big.begin() + 1010), link},
+                     {},
+                     -1});
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (const auto& item : c.values)
+            Feed(DataFrame(static_cast<unsigned char>(item.first + 1), -1.0f));
+        fakehost::Reset();
+        const std::string printed = Printed([&] {
+            for (const auto& read : c.reads) Feed(read);
+        });
+        EXPECT_EQ(Dispatched(), c.dispatched);
+        for (const auto& [index, value] : c.values)
+            EXPECT_EQ(Value(index), value) << "item " << index;
+        if (c.garbage >= 0) {
+            EXPECT_EQ(GarbageReported(printed), c.garbage);
+        }
+        if (!c.values.empty()) {
+            EXPECT_EQ(fakehost::CountLogs("crc error"), 0);
+        }
+        EXPECT_EQ(Peer().RecvLen(), 0);
+    }
 }
 
 TEST_F(LinkTest, TruncatedFrameIsFollowedByGoodFrames) {

@@ -220,13 +220,14 @@ ByteVec BoxEmulator::EncodeFrame(uint16_t code, const ByteVec& payload, uint8_t 
                      static_cast<uint8_t>(code & 0xFF)};
     plain.insert(plain.end(), payload.begin(), payload.end());
     size_t l = payload.size() + 3;
-    size_t pairs = 0;
+    size_t pairs = 0;  // from the sequence number on: the bytes L counts
     if (escape) {
-        for (size_t i = 9; i < plain.size(); ++i) {
+        for (size_t i = 6; i < plain.size(); ++i) {
             if (plain[i] == 0x7D || plain[i] == 0x7E || plain[i] == 0x7F) ++pairs;
         }
     }
-    // (An escape pair inside the length field itself is not possible: L stays below 0x7D00.)
+    // L's low byte may itself need a pair (7D to 7F); being before the bytes L counts, that pair
+    // is never counted, so L does not depend on itself.
     if (escapeCountsInLength) l += pairs;
     plain[4] = static_cast<uint8_t>(l >> 8);
     plain[5] = static_cast<uint8_t>(l & 0xFF);
@@ -237,7 +238,7 @@ ByteVec BoxEmulator::EncodeFrame(uint16_t code, const ByteVec& payload, uint8_t 
         return plain;
     }
     ByteVec out;
-    out.reserve(plain.size() + pairs + 1);
+    out.reserve(plain.size() + pairs + 3);
     out.push_back(plain[0]);
     for (size_t i = 1; i < plain.size(); ++i) {
         const uint8_t b = plain[i];
@@ -342,6 +343,8 @@ void BoxEmulator::SendDataStream() {
         source = m_opt.values;
     }
     const DataItems items = source ? source() : DefaultValues();
+    // Nothing known yet (a drive's first rows): a box with nothing to send sends no frame.
+    if (items.empty()) return;
     ByteVec payload;
     for (const auto& it : items) {
         uint8_t v[4];

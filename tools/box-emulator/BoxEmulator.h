@@ -87,11 +87,12 @@ struct BoxOptions {
 
     int streamPeriodMs = 0;  // data-stream frame period while the stream is started; 0: none
     int linkPeriodMs = 0;    // link frame period (always, like the box's keep-alive); 0: none
-    ValueSource values;      // empty: a small built-in table
+    ValueSource values;      // empty: a small built-in table; no items: no data-stream frame
 
     // Escaping of the frames it sends: 7E -> 7D 01, 7F -> 7D 02, 7D -> 7D 03 (never the first or
-    // last byte). Whether L counts the escape pairs is not fixed by the protocol: by default it
-    // counts the unescaped bytes.
+    // last byte; the length field too). Whether L counts the escape pairs is not fixed by the
+    // protocol: by default it counts the unescaped bytes; escapeCountsInLength: the raw bytes from
+    // the sequence number to the end of the payload, their pairs included.
     bool escape = false;
     bool escapeCountsInLength = false;
 
@@ -180,6 +181,7 @@ class BoxEmulator {
     // Sends now, through the fault options (escape, garbage, split, checksum).
     void SendFrame(uint16_t code, const ByteVec& payload, uint8_t seq = 0);
     void SendLink();
+    // The values' items; nothing when there are none.
     void SendDataStream();
     // Sends bytes exactly as given.
     void SendRaw(const ByteVec& bytes);

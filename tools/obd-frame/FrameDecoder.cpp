@@ -36,7 +36,8 @@ bool IsEscapeCode(uint8_t b) {
 
 // One way of reading the frame that starts at a head.
 struct Candidate {
-    size_t end = 0;  // one past the checksum byte
+    uint16_t length = 0;  // L as this reading takes it
+    size_t end = 0;       // one past the checksum byte
     Bytes body;
     int pairs = 0;
     bool countsEscapes = false;
@@ -138,9 +139,41 @@ class Decoder {
 
     void Seal(Candidate& c, size_t pos) const {
         c.checksum = m_data[c.end - 1];
-        c.computed =
-            static_cast<uint8_t>(Xor(m_data + pos + 2, 4) ^ Xor(c.body.data(), c.body.size()));
+        c.computed = static_cast<uint8_t>(Xor(m_data + pos + 2, 2) ^ (c.length >> 8) ^
+                                          (c.length & 0xFF) ^ Xor(c.body.data(), c.body.size()));
         c.ok = c.checksum == c.computed;
+    }
+
+    // The byte at `j` with an escape pair undone: false when the input ends before it is known.
+    bool EscapedAt(size_t& j, uint8_t& b, int& pairs) const {
+        if (j >= m_n) return false;
+        if (m_data[j] == 0x7D && j + 1 < m_n && IsEscapeCode(m_data[j + 1])) {
+            b = Unescaped(m_data[j + 1]);
+            ++pairs;
+            j += 2;
+        } else {
+            b = m_data[j++];
+        }
+        return true;
+    }
+
+    // The reading whose checksum matches. Of a box's two readings of an escaped frame one may
+    // match by chance: then, as the plug-in decides, the one followed by a head (or the end), the
+    // one counting the escapes in L (the shorter) if both or neither are.
+    const Candidate* Matching(const std::vector<Candidate>& candidates) const {
+        const Candidate* unescaped = nullptr;
+        const Candidate* counted = nullptr;
+        const Candidate* raw = nullptr;
+        for (const Candidate& c : candidates) {
+            if (!c.ok) continue;
+            (c.countsEscapes ? counted : c.notEscaped ? raw : unescaped) = &c;
+        }
+        if (unescaped != nullptr && counted != nullptr) {
+            return !FollowedWell(counted->end) && FollowedWell(unescaped->end) ? unescaped
+                                                                               : counted;
+        }
+        if (counted != nullptr) return counted;
+        return unescaped != nullptr ? unescaped : raw;
     }
 
     // Reads the frame at the head at `pos`. Returns the position after what it emitted, or
@@ -148,64 +181,64 @@ class Decoder {
     size_t TryFrame(size_t pos) {
         const Dir mark = MarkAt(m_data + pos + 2);
         if (pos + kHeadSize > m_n) return EmitTruncated(pos, m_n, mark);
-        const uint16_t length = static_cast<uint16_t>((m_data[pos + 4] << 8) | m_data[pos + 5]);
+        const uint16_t rawLength = static_cast<uint16_t>((m_data[pos + 4] << 8) | m_data[pos + 5]);
+        // The box escapes its length field too (a low byte of 7D to 7F).
+        uint16_t length = rawLength;
+        size_t bodyStart = pos + kHeadSize;
+        int lengthPairs = 0;
+        if (mark == Dir::FromBox) {
+            size_t j = pos + 4;
+            uint8_t hi = 0, lo = 0;
+            if (!EscapedAt(j, hi, lengthPairs) || !EscapedAt(j, lo, lengthPairs)) {
+                return EmitTruncated(pos, m_n, mark);
+            }
+            length = static_cast<uint16_t>((hi << 8) | lo);
+            bodyStart = j;
+        }
         if (length < 3 || length > kMaxLength) return pos;
 
-        const size_t bodyStart = pos + kHeadSize;
         std::vector<Candidate> candidates;
+        bool undone = lengthPairs > 0;  // escapes undone by some reading
         if (mark == Dir::FromBox) {
-            // L counting the unescaped bytes first: it is what the box does unless told otherwise.
+            // L counting the unescaped bytes: it is what the box does unless told otherwise.
             Candidate a;
+            a.length = length;
+            a.pairs = lengthPairs;
             size_t j = bodyStart;
-            while (a.body.size() < length && j < m_n) {
-                if (m_data[j] == 0x7D && j + 1 < m_n && IsEscapeCode(m_data[j + 1])) {
-                    a.body.push_back(Unescaped(m_data[j + 1]));
-                    ++a.pairs;
-                    j += 2;
-                } else {
-                    a.body.push_back(m_data[j++]);
-                }
-            }
+            uint8_t b = 0;
+            while (a.body.size() < length && EscapedAt(j, b, a.pairs)) a.body.push_back(b);
             if (a.body.size() == length && j < m_n) {
                 a.end = j + 1;
+                undone = undone || a.pairs > 0;
                 Seal(a, pos);
                 candidates.push_back(std::move(a));
             }
-        }
-        const size_t rawEnd = bodyStart + length + 1;
-        if (rawEnd <= m_n) {
-            Candidate plain;
-            plain.end = rawEnd;
-            plain.body.assign(m_data + bodyStart, m_data + rawEnd - 1);
-            if (mark == Dir::FromBox) {
-                Candidate b;
-                b.end = rawEnd;
-                b.pairs = Unescape(m_data + bodyStart, length, b.body);
-                // With no pair in L raw bytes the three readings coincide and the first stands.
-                if (b.pairs > 0) {
-                    b.countsEscapes = true;
-                    Seal(b, pos);
-                    candidates.push_back(std::move(b));
-                    plain.notEscaped = true;
-                    Seal(plain, pos);
-                    candidates.push_back(std::move(plain));
-                } else if (candidates.empty()) {
-                    Seal(plain, pos);
-                    candidates.push_back(std::move(plain));
+            // L counting the raw bytes after it: with no pair among them the same as the first.
+            Candidate c;
+            c.length = length;
+            c.end = bodyStart + length + 1;
+            if (c.end <= m_n) {
+                c.pairs = Unescape(m_data + bodyStart, length, c.body);
+                if (c.pairs > 0) {
+                    c.pairs += lengthPairs;
+                    c.countsEscapes = undone = true;
+                    Seal(c, pos);
+                    candidates.push_back(std::move(c));
                 }
-            } else {
-                Seal(plain, pos);
-                candidates.push_back(std::move(plain));
             }
+        }
+        // The bytes as they are: the plug-in's frames, or a box that does not escape.
+        Candidate plain;
+        plain.length = rawLength;
+        plain.end = pos + kHeadSize + rawLength + 1;
+        if (plain.end <= m_n && rawLength >= 3 && (undone || candidates.empty())) {
+            plain.body.assign(m_data + pos + kHeadSize, m_data + plain.end - 1);
+            plain.notEscaped = undone;
+            Seal(plain, pos);
+            candidates.push_back(std::move(plain));
         }
 
-        const Candidate* chosen = nullptr;
-        for (const Candidate& c : candidates) {
-            if (c.ok) {
-                chosen = &c;
-                break;
-            }
-        }
+        const Candidate* chosen = Matching(candidates);
         // A bad checksum: believe the length only if no other frame starts inside it, preferably
         // when another frame (or the end) follows right after it.
         for (int pass = 0; pass < 2 && chosen == nullptr; ++pass) {

@@ -2,12 +2,13 @@
 //
 // Frame: 55 AA, direction mark (F0 F8 towards the box, F8 F0 from it), length L (MSB first) =
 // payload + 3, sequence number, code (MSB first), payload, XOR of bytes 2.. end of payload. The
-// box escapes its frames (7E -> 7D 01, 7F -> 7D 02, 7D -> 7D 03, never the first or last byte)
-// and may or may not count the escape pairs in L; the plug-in never escapes.
+// box escapes its frames (7E -> 7D 01, 7F -> 7D 02, 7D -> 7D 03, never the first or last byte,
+// its length field too) and may or may not count the escape pairs in L; the plug-in never escapes.
 //
-// Unlike the plug-in's receiver, which trusts L and never looks at the checksum, the decoder is
-// for reading a log after the fact: it sees the whole stream, checks the checksum, and uses what
-// follows a frame to tell a wrong length from a wrong checksum. Every input byte ends up in
+// Unlike the plug-in's receiver, which trusts L and checks the checksum only to tell how an
+// escaped frame's L counts (choosing as the decoder does), the decoder is for reading a log after
+// the fact: it sees the whole stream, checks the checksum, and uses what follows a frame to tell
+// a wrong length from a wrong checksum. Every input byte ends up in
 // exactly one record, in order, so nothing is silently lost and nothing is counted twice.
 #pragma once
 
@@ -36,12 +37,12 @@ struct Record {
     Bytes raw;                   // the bytes as on the line
 
     // Frames (and truncated frames as far as their bytes go).
-    uint16_t length = 0;  // the L field
+    uint16_t length = 0;  // the L field (an escape in it undone)
     Bytes body;           // sequence, code and payload with the escapes undone
     uint8_t checksum = 0;
     uint8_t computed = 0;  // XOR over mark, L and body
     bool checksumOk = false;
-    int escapePairs = 0;               // undone in body
+    int escapePairs = 0;               // undone in L and body
     bool lengthCountsEscapes = false;  // L counted the raw bytes, escape pairs included
     bool notEscaped = false;  // from the box, yet its 7D pairs only add up when read as they are
 

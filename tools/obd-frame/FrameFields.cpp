@@ -332,14 +332,18 @@ std::vector<Field> DecodePayload(const Record& r) {
     std::vector<Field> out;
     if (!r.HasCode()) return out;
     PayloadReader rd(r, out);
-    // The plug-in cuts a frame at L + 7 raw bytes and hands on L - 3 payload bytes, escapes or
-    // not: either way an escaped frame does not reach it whole.
-    if (r.kind == Kind::Frame && r.escapePairs > 0 && r.lengthCountsEscapes) {
-        rd.Note(Format("the plug-in takes L - 3 = %u payload bytes, %d more than there are",
-                       r.length - 3u, r.escapePairs));
-    } else if (r.kind == Kind::Frame && r.escapePairs > 0) {
-        rd.Note(Format("the plug-in cuts the frame at L + 7 = %u of its %zu bytes", r.length + 7u,
-                       r.raw.size()));
+    // The plug-in takes an escaped frame whole when its checksum matches, L counting the escape
+    // pairs or not; else it cuts the frame at L + 7 raw bytes (L as received) and hands on L - 3
+    // payload bytes.
+    if (r.kind == Kind::Frame && r.escapePairs > 0 && !r.checksumOk) {
+        const unsigned rawLength = (static_cast<unsigned>(r.raw[4]) << 8) | r.raw[5];
+        if (rawLength + 7u < r.raw.size()) {
+            rd.Note(Format("the plug-in cuts the frame at L + 7 = %u of its %zu bytes",
+                           rawLength + 7u, r.raw.size()));
+        } else if (rawLength > r.body.size()) {
+            rd.Note(Format("the plug-in takes L - 3 = %u payload bytes, %zu more than there are",
+                           rawLength - 3u, rawLength - r.body.size()));
+        }
     }
     switch (CommandIndex(r.Code(), r.dir)) {
         case OBD_CMD_READ_HW_VER_ACK:

@@ -77,8 +77,8 @@ class COBDCtrl : public COBDParser {
     static unsigned char CalXOR(char const* data, int len);
 
     // ---- dispatch (COBDCtrlDispatch.cpp) ----
-    // `frame` points at the sequence byte of an unescaped frame, `len` is its length field L
-    // (sequence + code + payload). Returns the handling branch's result, -1 when refused.
+    // `frame` points at the sequence byte of an unescaped frame, `len` counts its sequence byte,
+    // code and payload. Returns the handling branch's result, -1 when refused.
     int HandleData(char* frame, int len);
     // Data-stream payload: items of {id, float LSB first}. 0, or -1 for a bad length.
     int OBD_HandleOrgData(char* payload, int len);

@@ -2,11 +2,11 @@
 // hand-off to the dispatcher.
 //
 // Untrusted input. Everything here comes from the wire. A length field is only believed as far
-// as the bytes really buffered: a frame is cut only once its last byte (index head + 6 + L) lies
-// below the fill count, and the fill count never exceeds 1023, so a copy of L + 7 bytes always
-// stays inside the 1024-byte buffers; the length field itself is read only where received. The
-// dispatcher gets L, never more than was received, and the parsers behind it bound every count and
-// text length by the payload and by their record.
+// as the bytes really buffered: a frame is cut only once its last byte lies below the fill count,
+// and the fill count never exceeds 1023, so a copy of the frame always stays inside the 1024-byte
+// buffers; the length field itself is read only where received. The dispatcher gets at most the
+// bytes the unescaped frame holds, and the parsers behind it bound every count and text length by
+// the payload and by their record.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -44,6 +44,86 @@ int HeadStartAtEnd(const unsigned char* buf, int fill) {
         if (std::memcmp(buf + fill - n, kHead, static_cast<size_t>(n)) == 0) return n;
     }
     return 0;
+}
+
+// Reads the byte at `at` through an escape pair: the raw bytes it takes (1 or 2), or 0 when the
+// bytes needed are not received yet.
+int EscapedByte(const unsigned char* f, int avail, int at, unsigned char* out) {
+    static constexpr unsigned char kPlain[4] = {0, 0x7E, 0x7F, 0x7D};
+    if (at >= avail) return 0;
+    if (f[at] != 0x7D) {
+        *out = f[at];
+        return 1;
+    }
+    if (at + 1 >= avail) return 0;  // a pair or a lone 0x7D: the next byte tells
+    const unsigned char code = f[at + 1];
+    if (code < 0x01 || code > 0x03) {
+        *out = f[at];
+        return 1;
+    }
+    *out = kPlain[code];
+    return 2;
+}
+
+// The first `n` raw bytes of `f` unescaped into `plain` (`*plainLen` bytes) hold a frame whose
+// checksum, its last byte, is the XOR of its bytes from offset 2 to the end of the payload.
+bool ChecksumMatches(const unsigned char* f, int n, char* plain, int* plainLen) {
+    COBDCtrl::ReverseTransferredContent(reinterpret_cast<const char*>(f), n, plain, plainLen);
+    const int m = *plainLen;
+    return m >= OBD_FRAME_OVERHEAD &&
+           COBDCtrl::CalXOR(plain + 2, m - 3) == static_cast<unsigned char>(plain[m - 1]);
+}
+
+// Whether the `n` bytes at `p` may begin a head (none yet: they may too).
+bool HeadMayStartAt(const unsigned char* p, int n) {
+    return std::memcmp(p, kHead, static_cast<size_t>(std::min(n, 4))) == 0;
+}
+
+// Raw length of the escaped frame at `f` (`avail` bytes received from its head on) whose checksum
+// matches, unescaped into `plain`: L counting the raw bytes after the length field (escape pairs
+// included), or L counting the unescaped bytes (one more raw byte per pair, wherever it lies).
+// 0 when neither matches; -1 when that takes bytes not received yet which still fit the buffer.
+// A checksum matches by chance once in 256 frames: when both match, the reading followed by a head
+// (or by nothing yet) stands, the shorter one if both or neither are.
+int MatchEscapedFrame(const unsigned char* f, int avail, char* plain, int* plainLen) {
+    int at = kLenOffset;
+    int l = 0;
+    for (int k = 0; k < 2; ++k) {
+        unsigned char b = 0;
+        const int n = EscapedByte(f, avail, at, &b);
+        if (n == 0) return 0;  // not reached: the cut by the raw length field is complete
+        l = (l << 8) | b;
+        at += n;
+    }
+    const bool canWait = avail < OBD_RECV_MAX;
+    const int countsPairs = at + l + 1;
+    int shorter = 0;  // the shorter reading: -1 not complete, > 0 matched with bytes after it
+    if (countsPairs <= OBD_RECV_MAX) {
+        if (countsPairs > avail) {
+            shorter = -1;
+        } else if (ChecksumMatches(f, countsPairs, plain, plainLen)) {
+            if (HeadMayStartAt(f + countsPairs, avail - countsPairs)) return countsPairs;
+            shorter = countsPairs;
+        }
+    }
+    const auto shorterOnly = [&] {
+        if (shorter > 0) ChecksumMatches(f, shorter, plain, plainLen);
+        return shorter;
+    };
+    // L unescaped bytes (pairs beyond the shorter cut included), then the checksum.
+    for (int got = 0; got < l; ++got) {
+        unsigned char b = 0;
+        const int n = EscapedByte(f, avail, at, &b);
+        if (n == 0) return canWait ? -1 : shorterOnly();
+        at += n;
+    }
+    if (at >= avail) return canWait ? -1 : shorterOnly();
+    const int unescaped = at + 1;
+    if (unescaped != countsPairs && ChecksumMatches(f, unescaped, plain, plainLen) &&
+        (shorter <= 0 || HeadMayStartAt(f + unescaped, avail - unescaped))) {
+        return unescaped;
+    }
+    return shorterOnly();
 }
 
 }  // namespace
@@ -157,19 +237,38 @@ void COBDCtrl::CutFrames(bool endOfRead) {
             keepTail(m_recvLen - head);  // incomplete: keep it from its head on, wait for the rest
             return;
         }
-        const int frameLen = l + kFrameExtra;
+        int frameLen = l + kFrameExtra;
+        int handLen = l;
+        std::memset(plain, 0, sizeof(plain));
+        int plainLen = 0;
+        ReverseTransferredContent(reinterpret_cast<const char*>(buf + head), frameLen, plain,
+                                  &plainLen);
+        if (plainLen < frameLen) {
+            // Whether the box counts its escape pairs in L is its own choice: the checksum tells.
+            const int matched = MatchEscapedFrame(buf + head, m_recvLen - head, plain, &plainLen);
+            if (matched < 0) {
+                keepTail(m_recvLen - head);  // the longer reading is not complete yet
+                return;
+            }
+            if (matched > 0) {
+                frameLen = matched;
+                handLen = plainLen - kFrameExtra;
+                std::memset(plain + plainLen, 0, sizeof(plain) - static_cast<size_t>(plainLen));
+            } else {
+                std::memset(plain, 0, sizeof(plain));
+                ReverseTransferredContent(reinterpret_cast<const char*>(buf + head), frameLen,
+                                          plain, &plainLen);
+            }
+        }
         std::memcpy(raw, buf + head, static_cast<size_t>(frameLen));
         if (m_pOwner != nullptr && m_pOwner->PeripheralManage() != nullptr) {
             m_pOwner->PeripheralManage()->hex_dump("one obd data:", raw,
                                                    static_cast<unsigned int>(frameLen), 3);
         }
-        std::memset(plain, 0, sizeof(plain));
-        int plainLen = 0;
-        ReverseTransferredContent(raw, frameLen, plain, &plainLen);
-        if (HandleData(plain + kSeqOffset, l) == -1) {
+        if (HandleData(plain + kSeqOffset, handLen) == -1) {
             OBD_CTRL_LOG(0, "####Analy original data failed, crc error, length = %d\n", frameLen);
         }
-        keepTail(m_recvLen - (end + 1));
+        keepTail(m_recvLen - (head + frameLen));
         // The host's buffer is cleared once a read is used up exactly by its frames.
         if (m_recvLen == 0 && endOfRead && m_pOwner != nullptr) m_pOwner->ClearSerialBufferValue();
     }
