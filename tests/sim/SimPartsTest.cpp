@@ -32,11 +32,11 @@ struct Loaded {
     Drive drive;
     std::string error;
 };
-Loaded Load(const std::string& text, const std::string& columns = "") {
+Loaded Load(const std::string& text, const std::string& columns = "", Gaps gaps = Gaps::ByKind) {
     const std::string path = TempFile(text);
     Loaded l{false, Drive(), ""};
     std::vector<ColumnMap> map;
-    l.ok = ParseColumns(columns, map, l.error) && LoadScenario(path, map, l.drive, l.error);
+    l.ok = ParseColumns(columns, map, l.error) && LoadScenario(path, map, l.drive, l.error, gaps);
     std::remove(path.c_str());
     return l;
 }
@@ -52,6 +52,7 @@ TEST(Scenario, ReadsRowsAsTheBoxReportsThem) {
     struct Case {
         const char* what;
         std::string csv, columns;
+        Gaps gaps;
         double t;
         const char* item;
         float want;  // NAN: absent
@@ -63,25 +64,43 @@ TEST(Scenario, ReadsRowsAsTheBoxReportsThem) {
         "time,speed,rpm,acceleration,throttle_position,engine_temperature,system_voltage,"
         "distance_travelled,current_weather\n13:47:21,,,,,,,,Sun\n13:47:22,0.0,598.0,,12.9,94.0,"
         "13.0,0.0,Sun\n13:47:23,,610.0,0.1,,,13.1,,Sun\n13:47:25,4.0,,,14.5,95.0,,0.01,Sun\n";
+    const std::string km = "sec,km\n0,1.5\n1,2.5\n";
+    const Gaps kind = Gaps::ByKind, hold = Gaps::Hold, ramp = Gaps::Interpolate;
     const std::vector<Case> cases = {
-        {"empty cell repeats the value above", native, "", 1.0, "speed", 10.0f},
-        {"interpolated between rows", native, "", 3.0, "speed", 20.0f},
-        {"across a gap of 10 s", native, "", 9.0, "speed", 80.0f},
-        {"a state holds to the next row", native, "", 1.9, "brake", 0.0f},
-        {"a state repeated by an empty cell", native, "", 3.9, "brake", 1.0f},
-        {"absent before its first value", native, "", 3.9, "coolant_temp", NAN},
-        {"present from its first value", native, "", 4.0, "coolant_temp", 80.0f},
-        {"the last value holds after the end", native, "", 99.0, "speed", 130.0f},
-        {"clock time past midnight", "time,speed\n23:59:59,1\n0:00:01,3\n", "", 1.0, "speed", 2.0f},
-        {"mapped and scaled column", "sec,mph\n0,10\n1,20\n", "sec=t,mph=speed*1.609344", 1.0,
+        {"empty cell repeats the value above", native, "", kind, 1.0, "speed", 10.0f},
+        {"own format: interpolated between rows", native, "", kind, 3.0, "speed", 20.0f},
+        {"own format: across a gap of 10 s", native, "", kind, 9.0, "speed", 80.0f},
+        {"own format held: a row stands", native, "", hold, 13.9, "speed", 30.0f},
+        {"a state holds to the next row", native, "", ramp, 1.9, "brake", 0.0f},
+        {"a state repeated by an empty cell", native, "", kind, 3.9, "brake", 1.0f},
+        {"absent before its first value", native, "", kind, 3.9, "coolant_temp", NAN},
+        {"present from its first value", native, "", kind, 4.0, "coolant_temp", 80.0f},
+        {"the last value holds after the end", native, "", kind, 99.0, "speed", 130.0f},
+        {"clock time past midnight", "time,speed\n23:59:59,1\n0:00:01,3\n", "", kind, 1.0, "speed",
+         2.0f},
+        {"mapped and scaled column", "sec,mph\n0,10\n1,20\n", "sec=t,mph=speed*1.609344", ramp, 1.0,
          "speed", 32.18688f},
-        {"preset: rpm is the engine speed", poli, "polidriving", 2.0, "engine_speed", 610.0f},
-        {"preset: throttle is the accelerator", poli, "polidriving", 3.0, "accelerator", 13.7f},
-        {"preset: absent before the first row with data", poli, "polidriving", 0.5, "speed", NAN},
-        {"preset: unmapped columns are ignored", poli, "polidriving", 4.0, "mileage", 0.01f},
+        {"one column feeds two names", km, "sec=t,km=mileage+mileage2*1000", kind, 1.0, "mileage",
+         2.5f},
+        {"each name with its factor", km, "sec=t,km=mileage+mileage2*1000", kind, 1.0, "mileage2",
+         2500.0f},
+        {"a factor's exponent is no name", km, "sec=t,km=mileage*1e+3", kind, 0.0, "mileage",
+         1500.0f},
+        {"mapped: a row stands until the next", km, "sec=t,km=mileage", kind, 0.9, "mileage", 1.5f},
+        {"preset: rpm is the engine speed", poli, "polidriving", kind, 2.0, "engine_speed", 610.0f},
+        {"preset: a gap holds the row before it", poli, "polidriving", kind, 3.0, "accelerator",
+         12.9f},
+        {"preset interpolated: a gap is a ramp", poli, "polidriving", ramp, 3.0, "accelerator",
+         13.7f},
+        {"preset: throttle is the accelerator", poli, "polidriving", kind, 4.0, "accelerator",
+         14.5f},
+        {"preset: absent before the first row with data", poli, "polidriving", kind, 0.5, "speed",
+         NAN},
+        {"preset: distance is the mileage", poli, "polidriving", kind, 4.0, "mileage", 0.01f},
+        {"preset: and the second mileage too", poli, "polidriving", kind, 4.0, "mileage2", 0.01f},
     };
     for (const Case& c : cases) {
-        const Loaded l = Load(c.csv, c.columns);
+        const Loaded l = Load(c.csv, c.columns, c.gaps);
         ASSERT_TRUE(l.ok) << c.what << ": " << l.error;
         const float got = At(l.drive, c.t, c.item);
         if (std::isnan(c.want)) {
@@ -116,7 +135,9 @@ TEST(Scenario, BadInputGivesOneLineNamingTheFileAndLine) {
         {"t,speed\n0,1\n", "t=t,speed", "expected SOURCE=NAME"},
         {"t,speed\n0,1\n", "t=t,speed=sped", "unknown name \"sped\""},
         {"t,speed\n0,1\n", "t=t,speed=speed*x", "bad factor"},
-        {"t,speed\n0,1\n", "t=t,speed=speed,speed=fuel", "used twice"},
+        {"t,speed\n0,1\n", "t=t,speed=speed,speed=fuel", "column used twice"},
+        {"t,speed\n0,1\n", "t=t,speed=speed+fuel+speed", "name \"speed\" used twice"},
+        {"t,speed\n0,1\n", "t=t,speed=speed+", "unknown name \"\""},
     };
     for (const auto& [csv, columns, said] : cases) {
         const Loaded l = Load(csv, columns);

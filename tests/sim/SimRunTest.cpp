@@ -216,6 +216,8 @@ TEST_F(SimRun, UnusableScenarioOrMisbehavingPlugInEndsWithItsReason) {
         {"--no-box --scenario " + dir + "/bad.csv", 2, "--scenario needs the built-in box"},
         {"--columns polidriving", 2, "--columns needs --scenario"},
         {"--scenario " + dir + "/bad.csv --columns nosuch", 2, "unknown column preset"},
+        {"--gaps hold", 2, "--gaps needs --scenario"},
+        {"--scenario " + dir + "/bad.csv --gaps ramp", 2, "--gaps: ramp not in {hold,interpolate}"},
 #ifdef HOST_TEST_PLUGIN
         // A program that is no OBD plug-in: the drive runs, the link never comes up.
         {"--plugin " HOST_TEST_PLUGIN " --time-scale 50 --duration 60", 3,

@@ -368,8 +368,16 @@ int Run(int argc, char** argv) {
     app.add_option("--scenario", scenario,
                    "built-in box: play this CSV drive instead of the built-in one");
     app.add_option("--columns", columns,
-                   "--scenario's column mapping: SOURCE=NAME[*FACTOR],... or a preset "
+                   "--scenario's column mapping: SOURCE=NAME[*FACTOR][+NAME[*FACTOR]...],... "
+                   "(a column may feed several names: distance=mileage+mileage2) or a preset "
                    "(polidriving)");
+    std::string gapsText;
+    app.add_option("--gaps", gapsText,
+                   "--scenario's values between rows: hold (each row stands until the next; the "
+                   "default with --columns) or interpolate (a straight line; the default for "
+                   "obd-sim's own format)")
+        ->check(CLI::IsMember({"hold", "interpolate"}))
+        ->option_text("hold|interpolate");
     app.add_option("--box-stream-ms", boxStreamMs,
                    "built-in box: data-stream frame period in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
@@ -420,6 +428,10 @@ int Run(int argc, char** argv) {
     const bool builtInBox = serial.empty() && !noBox;
     if (!builtInBox && !scenario.empty()) return Fail("--scenario needs the built-in box", 2);
     if (scenario.empty() && !columns.empty()) return Fail("--columns needs --scenario", 2);
+    if (scenario.empty() && !gapsText.empty()) return Fail("--gaps needs --scenario", 2);
+    const obdsim::Gaps gaps = gapsText.empty()     ? obdsim::Gaps::ByKind
+                              : gapsText == "hold" ? obdsim::Gaps::Hold
+                                                   : obdsim::Gaps::Interpolate;
     if (!report.empty() && !obdsim::ReportAvailable()) {
         return Fail("--report: built without Chart.js (install libjs-chart.js and rebuild)", 2);
     }
@@ -467,7 +479,7 @@ int Run(int argc, char** argv) {
         std::string error;
         if (scenario.empty()) {
             *drive = obdsim::BuiltinDrive();
-        } else if (!obdsim::LoadScenario(scenario, columnMap, *drive, error)) {
+        } else if (!obdsim::LoadScenario(scenario, columnMap, *drive, error, gaps)) {
             return Fail("cannot read scenario " + error, 1);
         }
     }
@@ -672,6 +684,7 @@ int Run(int argc, char** argv) {
             settings["speed"] = speed;
             if (duration > 0.0) settings["duration_s"] = duration;
             if (!columns.empty()) settings["columns"] = columns;
+            if (!gapsText.empty()) settings["gaps"] = gapsText;
             settings["baud"] = baud;
             settings["product type"] = productType;
             if (builtInBox) {
