@@ -254,9 +254,7 @@ std::vector<AlarmEvent> Replay(const Drive& d, double phase) {
     Gds_IF_InitLogicAnalyser(g);
     _OBD_DataTable_t table;
     for (auto& it : table.item) it = {-1, 0.0f};
-    std::vector<AlarmEvent> events;
-    int open[kAlarmCount];
-    std::fill(std::begin(open), std::end(open), -1);
+    AlarmEpisodes episodes;
     const long long end = static_cast<long long>(d.DurationS() * 10) + 20;
     for (long long k = 0; k <= end; ++k) {
         const double t = static_cast<double>(k) / 10.0;
@@ -277,22 +275,11 @@ std::vector<AlarmEvent> Replay(const Drive& d, double phase) {
         const Alarm_Info_t& a = g->collData.alarmInfo;
         const uint64_t words[4] = {a.eventType1Alarms, a.eventType2Alarms, a.eventType3Alarms,
                                    a.eventType4Alarms};
-        for (int i = 0; i < kAlarmCount; ++i) {
-            const int level = AlarmLevel(i, words);
-            if (level > 0 && open[i] < 0) {
-                open[i] = static_cast<int>(events.size());
-                events.push_back({i, level, k * 100, -1, false});
-            } else if (level > 0) {
-                events[static_cast<size_t>(open[i])].level =
-                    std::max(events[static_cast<size_t>(open[i])].level, level);
-            } else {
-                open[i] = -1;
-            }
-        }
+        episodes.Step(k * 100, words);
     }
     Gds_IF_ReleaseLogicAnalyser(g);
     std::free(g);
-    return events;
+    return episodes.Events();
 }
 
 TEST(Drives, EveryDriveRaisesItsAlarmsOnceAtTheirTimesWhateverTheStreamPhase) {

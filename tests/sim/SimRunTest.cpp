@@ -208,6 +208,25 @@ TEST_F(SimRun, RealTripGivesWhatItsDriverWouldRecognise) {
     EXPECT_NEAR(s["statistics"]["distance_km"].get<double>(), logged, 0.03 * logged);
 }
 
+TEST_F(SimRun, AlarmStillOnAtTheEndCountsToTheEndOfTheTrip) {
+    // Idling at 13 V: the battery alarm from the analyser's 121st second to the drive's last,
+    // 200 s: 81 seconds in the summary, its JSON and the report alike.
+    std::ofstream(dir + "/idle.csv") << "t,speed,engine_speed,battery_volt\n0,0,800,13\n200,,,\n";
+    ASSERT_EQ(Run("--scenario " + dir + "/idle.csv --speed max --summary-json " + dir +
+                  "/summary.json --report " + dir + "/trip.html"),
+              0)
+        << err;
+    const Json s = Summary();
+    ASSERT_EQ(s["alarms"].size(), 1u) << s["alarms"].dump();
+    EXPECT_EQ(s["alarms"][0]["key"], "battery_voltage");
+    EXPECT_EQ(s["alarms"][0]["duration_s"], 81.0);
+    EXPECT_EQ(s["alarms"][0]["active"], true);
+    EXPECT_NE(out.find("0:01:21        3  battery voltage (still on at the end)"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(Slurp("/trip.html").find("0:01:21 (on at the end)"), std::string::npos);
+}
+
 TEST_F(SimRun, UnusableScenarioOrMisbehavingPlugInEndsWithItsReason) {
     std::ofstream(dir + "/bad.csv") << "t,speed\n0,1\n1,fast\n";
     const std::vector<std::tuple<std::string, int, std::string>> cases = {
