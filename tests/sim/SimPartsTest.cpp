@@ -8,6 +8,7 @@
 #include <map>
 
 #include "Decode.h"
+#include "Direct.h"
 #include "Drive.h"
 #include "Feeder.h"
 #include "GdsInternal.h"
@@ -484,6 +485,78 @@ TEST(Trip, ChecksTellWhenThePlugInMisbehaved) {
                 << c.what << ": " << problems.front();
         }
     }
+}
+
+TEST(Direct, ComparisonNamesEveryEpisodeThatDiffers) {
+    auto a = [](const char* key, double start, double duration, int level) {
+        return Json{{"key", key}, {"start_s", start}, {"duration_s", duration}, {"level", level}};
+    };
+    const Json direct = {a("battery_voltage", 121, 81, 3), a("over_running", 300, 10, 2),
+                         a("over_running", 400, 5, 1)};
+    const Json sameOver = {a("over_running", 300, 10, 2), a("over_running", 400, 5, 1)};
+    auto with = [&](Json first, const Json& rest) {
+        Json j = Json::array({std::move(first)});
+        for (const Json& x : rest) j.push_back(x);
+        return j;
+    };
+    const std::string bat = "at 0:02:01 for 81 s, level 3";
+    const std::vector<std::tuple<const char*, Json, std::vector<std::string>>> cases = {
+        {"the same", direct, {}},
+        {"a second either way",
+         {a("battery_voltage", 122, 80, 3), a("over_running", 299, 11, 2),
+          a("over_running", 401, 4, 1)},
+         {}},
+        {"started 2 s late",
+         with(a("battery_voltage", 123, 81, 3), sameOver),
+         {"battery voltage " + bat + " only in the direct analysis",
+          "battery voltage at 0:02:03 for 81 s, level 3 only in the replay"}},
+        {"2 s shorter",
+         with(a("battery_voltage", 121, 79, 3), sameOver),
+         {"battery voltage at 0:02:01 for 79 s, level 3 in the replay, " + bat +
+          " in the direct analysis"}},
+        {"another level",
+         with(a("battery_voltage", 121, 81, 2), sameOver),
+         {"battery voltage at 0:02:01 for 81 s, level 2 in the replay, " + bat +
+          " in the direct analysis"}},
+        {"an episode missing",
+         {a("battery_voltage", 121, 81, 3), a("over_running", 300, 10, 2)},
+         {"engine over-running at 0:06:40 for 5 s, level 1 only in the direct analysis"}},
+        {"an episode more",
+         with(a("parking_close_engine", 50, 10, 1), direct),
+         {"parking close engine at 0:00:50 for 10 s only in the replay"}},
+        {"no alarms of a summary",
+         Json{{"alarms", 1}},
+         {"engine over-running at 0:05:00 for 10 s, level 2 only in the direct analysis",
+          "engine over-running at 0:06:40 for 5 s, level 1 only in the direct analysis",
+          "battery voltage " + bat + " only in the direct analysis"}},
+    };
+    for (const auto& [what, replay, said] : cases) {
+        EXPECT_EQ(CompareAlarms(replay, direct, 1.0).differences, said) << what;
+    }
+    EXPECT_NE(CompareAlarms(direct, direct, 1.0)
+                  .table.find("  battery voltage                  1       1        81        81\n"),
+              std::string::npos)
+        << CompareAlarms(direct, direct, 1.0).table;
+}
+
+TEST(Direct, AnalysesEachSecondOfTheDriveOnceToItsEnd) {
+    // Idling at 13 V (below the charging limit) from 0 to 200 s: the analyser raises the battery
+    // alarm in its 121st second (at 120 s, broadcast at 121 s) and keeps it to the drive's last
+    // second, 200 s: 81 seconds.
+    Drive d;
+    d.SetChannel({OBD_IDX_ENGINE_SPEED, Drive::Mode::Hold, {0, 200}, {800, 800}});
+    d.SetChannel({OBD_IDX_SPEED, Drive::Mode::Hold, {0}, {0}});
+    d.SetChannel({OBD_IDX_BATTERY_VOLT, Drive::Mode::Hold, {0}, {13}});
+    ReferenceAnalyser r;
+    std::string error;
+    ASSERT_TRUE(r.Load(OBD_PLUGIN_PATH, error)) << error;
+    const Json alarms = DirectAlarms(d, r);
+    ASSERT_EQ(alarms.size(), 1u) << alarms.dump();
+    EXPECT_EQ(alarms[0]["key"], "battery_voltage");
+    EXPECT_EQ(alarms[0]["level"], 3);
+    EXPECT_EQ(alarms[0]["start_s"], 121.0);
+    EXPECT_EQ(alarms[0]["duration_s"], 81.0);
+    EXPECT_EQ(alarms[0]["active"], true);
 }
 
 TEST(Reference, LoadsItsOwnCopyOfTheAnalyser) {
