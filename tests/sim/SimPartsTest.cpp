@@ -8,6 +8,7 @@
 #include <map>
 
 #include "Decode.h"
+#include "Direct.h"
 #include "Drive.h"
 #include "Feeder.h"
 #include "GdsInternal.h"
@@ -32,11 +33,11 @@ struct Loaded {
     Drive drive;
     std::string error;
 };
-Loaded Load(const std::string& text, const std::string& columns = "") {
+Loaded Load(const std::string& text, const std::string& columns = "", Gaps gaps = Gaps::ByKind) {
     const std::string path = TempFile(text);
     Loaded l{false, Drive(), ""};
     std::vector<ColumnMap> map;
-    l.ok = ParseColumns(columns, map, l.error) && LoadScenario(path, map, l.drive, l.error);
+    l.ok = ParseColumns(columns, map, l.error) && LoadScenario(path, map, l.drive, l.error, gaps);
     std::remove(path.c_str());
     return l;
 }
@@ -52,6 +53,7 @@ TEST(Scenario, ReadsRowsAsTheBoxReportsThem) {
     struct Case {
         const char* what;
         std::string csv, columns;
+        Gaps gaps;
         double t;
         const char* item;
         float want;  // NAN: absent
@@ -63,25 +65,43 @@ TEST(Scenario, ReadsRowsAsTheBoxReportsThem) {
         "time,speed,rpm,acceleration,throttle_position,engine_temperature,system_voltage,"
         "distance_travelled,current_weather\n13:47:21,,,,,,,,Sun\n13:47:22,0.0,598.0,,12.9,94.0,"
         "13.0,0.0,Sun\n13:47:23,,610.0,0.1,,,13.1,,Sun\n13:47:25,4.0,,,14.5,95.0,,0.01,Sun\n";
+    const std::string km = "sec,km\n0,1.5\n1,2.5\n";
+    const Gaps kind = Gaps::ByKind, hold = Gaps::Hold, ramp = Gaps::Interpolate;
     const std::vector<Case> cases = {
-        {"empty cell repeats the value above", native, "", 1.0, "speed", 10.0f},
-        {"interpolated between rows", native, "", 3.0, "speed", 20.0f},
-        {"across a gap of 10 s", native, "", 9.0, "speed", 80.0f},
-        {"a state holds to the next row", native, "", 1.9, "brake", 0.0f},
-        {"a state repeated by an empty cell", native, "", 3.9, "brake", 1.0f},
-        {"absent before its first value", native, "", 3.9, "coolant_temp", NAN},
-        {"present from its first value", native, "", 4.0, "coolant_temp", 80.0f},
-        {"the last value holds after the end", native, "", 99.0, "speed", 130.0f},
-        {"clock time past midnight", "time,speed\n23:59:59,1\n0:00:01,3\n", "", 1.0, "speed", 2.0f},
-        {"mapped and scaled column", "sec,mph\n0,10\n1,20\n", "sec=t,mph=speed*1.609344", 1.0,
+        {"empty cell repeats the value above", native, "", kind, 1.0, "speed", 10.0f},
+        {"own format: interpolated between rows", native, "", kind, 3.0, "speed", 20.0f},
+        {"own format: across a gap of 10 s", native, "", kind, 9.0, "speed", 80.0f},
+        {"own format held: a row stands", native, "", hold, 13.9, "speed", 30.0f},
+        {"a state holds to the next row", native, "", ramp, 1.9, "brake", 0.0f},
+        {"a state repeated by an empty cell", native, "", kind, 3.9, "brake", 1.0f},
+        {"absent before its first value", native, "", kind, 3.9, "coolant_temp", NAN},
+        {"present from its first value", native, "", kind, 4.0, "coolant_temp", 80.0f},
+        {"the last value holds after the end", native, "", kind, 99.0, "speed", 130.0f},
+        {"clock time past midnight", "time,speed\n23:59:59,1\n0:00:01,3\n", "", kind, 1.0, "speed",
+         2.0f},
+        {"mapped and scaled column", "sec,mph\n0,10\n1,20\n", "sec=t,mph=speed*1.609344", ramp, 1.0,
          "speed", 32.18688f},
-        {"preset: rpm is the engine speed", poli, "polidriving", 2.0, "engine_speed", 610.0f},
-        {"preset: throttle is the accelerator", poli, "polidriving", 3.0, "accelerator", 13.7f},
-        {"preset: absent before the first row with data", poli, "polidriving", 0.5, "speed", NAN},
-        {"preset: unmapped columns are ignored", poli, "polidriving", 4.0, "mileage", 0.01f},
+        {"one column feeds two names", km, "sec=t,km=mileage+mileage2*1000", kind, 1.0, "mileage",
+         2.5f},
+        {"each name with its factor", km, "sec=t,km=mileage+mileage2*1000", kind, 1.0, "mileage2",
+         2500.0f},
+        {"a factor's exponent is no name", km, "sec=t,km=mileage*1e+3", kind, 0.0, "mileage",
+         1500.0f},
+        {"mapped: a row stands until the next", km, "sec=t,km=mileage", kind, 0.9, "mileage", 1.5f},
+        {"preset: rpm is the engine speed", poli, "polidriving", kind, 2.0, "engine_speed", 610.0f},
+        {"preset: a gap holds the row before it", poli, "polidriving", kind, 3.0, "accelerator",
+         12.9f},
+        {"preset interpolated: a gap is a ramp", poli, "polidriving", ramp, 3.0, "accelerator",
+         13.7f},
+        {"preset: throttle is the accelerator", poli, "polidriving", kind, 4.0, "accelerator",
+         14.5f},
+        {"preset: absent before the first row with data", poli, "polidriving", kind, 0.5, "speed",
+         NAN},
+        {"preset: distance is the mileage", poli, "polidriving", kind, 4.0, "mileage", 0.01f},
+        {"preset: and the second mileage too", poli, "polidriving", kind, 4.0, "mileage2", 0.01f},
     };
     for (const Case& c : cases) {
-        const Loaded l = Load(c.csv, c.columns);
+        const Loaded l = Load(c.csv, c.columns, c.gaps);
         ASSERT_TRUE(l.ok) << c.what << ": " << l.error;
         const float got = At(l.drive, c.t, c.item);
         if (std::isnan(c.want)) {
@@ -116,7 +136,9 @@ TEST(Scenario, BadInputGivesOneLineNamingTheFileAndLine) {
         {"t,speed\n0,1\n", "t=t,speed", "expected SOURCE=NAME"},
         {"t,speed\n0,1\n", "t=t,speed=sped", "unknown name \"sped\""},
         {"t,speed\n0,1\n", "t=t,speed=speed*x", "bad factor"},
-        {"t,speed\n0,1\n", "t=t,speed=speed,speed=fuel", "used twice"},
+        {"t,speed\n0,1\n", "t=t,speed=speed,speed=fuel", "column used twice"},
+        {"t,speed\n0,1\n", "t=t,speed=speed+fuel+speed", "name \"speed\" used twice"},
+        {"t,speed\n0,1\n", "t=t,speed=speed+", "unknown name \"\""},
     };
     for (const auto& [csv, columns, said] : cases) {
         const Loaded l = Load(csv, columns);
@@ -233,9 +255,7 @@ std::vector<AlarmEvent> Replay(const Drive& d, double phase) {
     Gds_IF_InitLogicAnalyser(g);
     _OBD_DataTable_t table;
     for (auto& it : table.item) it = {-1, 0.0f};
-    std::vector<AlarmEvent> events;
-    int open[kAlarmCount];
-    std::fill(std::begin(open), std::end(open), -1);
+    AlarmEpisodes episodes;
     const long long end = static_cast<long long>(d.DurationS() * 10) + 20;
     for (long long k = 0; k <= end; ++k) {
         const double t = static_cast<double>(k) / 10.0;
@@ -256,22 +276,11 @@ std::vector<AlarmEvent> Replay(const Drive& d, double phase) {
         const Alarm_Info_t& a = g->collData.alarmInfo;
         const uint64_t words[4] = {a.eventType1Alarms, a.eventType2Alarms, a.eventType3Alarms,
                                    a.eventType4Alarms};
-        for (int i = 0; i < kAlarmCount; ++i) {
-            const int level = AlarmLevel(i, words);
-            if (level > 0 && open[i] < 0) {
-                open[i] = static_cast<int>(events.size());
-                events.push_back({i, level, k * 100, -1, false});
-            } else if (level > 0) {
-                events[static_cast<size_t>(open[i])].level =
-                    std::max(events[static_cast<size_t>(open[i])].level, level);
-            } else {
-                open[i] = -1;
-            }
-        }
+        episodes.Step(k * 100, words);
     }
     Gds_IF_ReleaseLogicAnalyser(g);
     std::free(g);
-    return events;
+    return episodes.Events();
 }
 
 TEST(Drives, EveryDriveRaisesItsAlarmsOnceAtTheirTimesWhateverTheStreamPhase) {
@@ -476,6 +485,78 @@ TEST(Trip, ChecksTellWhenThePlugInMisbehaved) {
                 << c.what << ": " << problems.front();
         }
     }
+}
+
+TEST(Direct, ComparisonNamesEveryEpisodeThatDiffers) {
+    auto a = [](const char* key, double start, double duration, int level) {
+        return Json{{"key", key}, {"start_s", start}, {"duration_s", duration}, {"level", level}};
+    };
+    const Json direct = {a("battery_voltage", 121, 81, 3), a("over_running", 300, 10, 2),
+                         a("over_running", 400, 5, 1)};
+    const Json sameOver = {a("over_running", 300, 10, 2), a("over_running", 400, 5, 1)};
+    auto with = [&](Json first, const Json& rest) {
+        Json j = Json::array({std::move(first)});
+        for (const Json& x : rest) j.push_back(x);
+        return j;
+    };
+    const std::string bat = "at 0:02:01 for 81 s, level 3";
+    const std::vector<std::tuple<const char*, Json, std::vector<std::string>>> cases = {
+        {"the same", direct, {}},
+        {"a second either way",
+         {a("battery_voltage", 122, 80, 3), a("over_running", 299, 11, 2),
+          a("over_running", 401, 4, 1)},
+         {}},
+        {"started 2 s late",
+         with(a("battery_voltage", 123, 81, 3), sameOver),
+         {"battery voltage " + bat + " only in the direct analysis",
+          "battery voltage at 0:02:03 for 81 s, level 3 only in the replay"}},
+        {"2 s shorter",
+         with(a("battery_voltage", 121, 79, 3), sameOver),
+         {"battery voltage at 0:02:01 for 79 s, level 3 in the replay, " + bat +
+          " in the direct analysis"}},
+        {"another level",
+         with(a("battery_voltage", 121, 81, 2), sameOver),
+         {"battery voltage at 0:02:01 for 81 s, level 2 in the replay, " + bat +
+          " in the direct analysis"}},
+        {"an episode missing",
+         {a("battery_voltage", 121, 81, 3), a("over_running", 300, 10, 2)},
+         {"engine over-running at 0:06:40 for 5 s, level 1 only in the direct analysis"}},
+        {"an episode more",
+         with(a("parking_close_engine", 50, 10, 1), direct),
+         {"parking close engine at 0:00:50 for 10 s only in the replay"}},
+        {"no alarms of a summary",
+         Json{{"alarms", 1}},
+         {"engine over-running at 0:05:00 for 10 s, level 2 only in the direct analysis",
+          "engine over-running at 0:06:40 for 5 s, level 1 only in the direct analysis",
+          "battery voltage " + bat + " only in the direct analysis"}},
+    };
+    for (const auto& [what, replay, said] : cases) {
+        EXPECT_EQ(CompareAlarms(replay, direct, 1.0).differences, said) << what;
+    }
+    EXPECT_NE(CompareAlarms(direct, direct, 1.0)
+                  .table.find("  battery voltage                  1       1        81        81\n"),
+              std::string::npos)
+        << CompareAlarms(direct, direct, 1.0).table;
+}
+
+TEST(Direct, AnalysesEachSecondOfTheDriveOnceToItsEnd) {
+    // Idling at 13 V (below the charging limit) from 0 to 200 s: the analyser raises the battery
+    // alarm in its 121st second (at 120 s, broadcast at 121 s) and keeps it to the drive's last
+    // second, 200 s: 81 seconds.
+    Drive d;
+    d.SetChannel({OBD_IDX_ENGINE_SPEED, Drive::Mode::Hold, {0, 200}, {800, 800}});
+    d.SetChannel({OBD_IDX_SPEED, Drive::Mode::Hold, {0}, {0}});
+    d.SetChannel({OBD_IDX_BATTERY_VOLT, Drive::Mode::Hold, {0}, {13}});
+    ReferenceAnalyser r;
+    std::string error;
+    ASSERT_TRUE(r.Load(OBD_PLUGIN_PATH, error)) << error;
+    const Json alarms = DirectAlarms(d, r);
+    ASSERT_EQ(alarms.size(), 1u) << alarms.dump();
+    EXPECT_EQ(alarms[0]["key"], "battery_voltage");
+    EXPECT_EQ(alarms[0]["level"], 3);
+    EXPECT_EQ(alarms[0]["start_s"], 121.0);
+    EXPECT_EQ(alarms[0]["duration_s"], 81.0);
+    EXPECT_EQ(alarms[0]["active"], true);
 }
 
 TEST(Reference, LoadsItsOwnCopyOfTheAnalyser) {

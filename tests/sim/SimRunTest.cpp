@@ -206,16 +206,51 @@ TEST_F(SimRun, RealTripGivesWhatItsDriverWouldRecognise) {
     }
     const double logged = trip.ItemsAt(trip.DurationS()).value[OBD_IDX_MILEAGE];
     EXPECT_NEAR(s["statistics"]["distance_km"].get<double>(), logged, 0.03 * logged);
+    // Every alarm of the replay is one that the trip's rows give when they go straight into the
+    // analyser, one analysis a second: the same episodes, starts and seconds.
+    EXPECT_EQ(Run("--scenario " + kTrip + " --columns polidriving --direct-check " + dir +
+                  "/summary.json"),
+              0)
+        << out << err;
+    EXPECT_NE(out.find("Verdict: the replay gives the direct analysis's alarms"), std::string::npos)
+        << out;
+}
+
+TEST_F(SimRun, AlarmStillOnAtTheEndCountsToTheEndOfTheTrip) {
+    // Idling at 13 V: the battery alarm from the analyser's 121st second to the drive's last,
+    // 200 s: 81 seconds in the summary, its JSON and the report alike.
+    std::ofstream(dir + "/idle.csv") << "t,speed,engine_speed,battery_volt\n0,0,800,13\n200,,,\n";
+    ASSERT_EQ(Run("--scenario " + dir + "/idle.csv --speed max --summary-json " + dir +
+                  "/summary.json --report " + dir + "/trip.html"),
+              0)
+        << err;
+    const Json s = Summary();
+    ASSERT_EQ(s["alarms"].size(), 1u) << s["alarms"].dump();
+    EXPECT_EQ(s["alarms"][0]["key"], "battery_voltage");
+    EXPECT_EQ(s["alarms"][0]["duration_s"], 81.0);
+    EXPECT_EQ(s["alarms"][0]["active"], true);
+    EXPECT_NE(out.find("0:01:21        3  battery voltage (still on at the end)"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(Slurp("/trip.html").find("0:01:21 (on at the end)"), std::string::npos);
 }
 
 TEST_F(SimRun, UnusableScenarioOrMisbehavingPlugInEndsWithItsReason) {
     std::ofstream(dir + "/bad.csv") << "t,speed\n0,1\n1,fast\n";
+    std::ofstream(dir + "/other.json") << R"({"source": "scenario x.csv", "alarms": []})";
     const std::vector<std::tuple<std::string, int, std::string>> cases = {
         {"--scenario /nonexistent/trip.csv", 1, "cannot read scenario"},
         {"--scenario " + dir + "/bad.csv", 1, "bad.csv:3: column \"speed\": \"fast\" is not"},
         {"--no-box --scenario " + dir + "/bad.csv", 2, "--scenario needs the built-in box"},
         {"--columns polidriving", 2, "--columns needs --scenario"},
         {"--scenario " + dir + "/bad.csv --columns nosuch", 2, "unknown column preset"},
+        {"--gaps hold", 2, "--gaps needs --scenario"},
+        {"--scenario " + dir + "/bad.csv --gaps ramp", 2, "--gaps: ramp not in {hold,interpolate}"},
+        {"--direct-check " + dir + "/s.json --json", 2, "--direct-check runs no plug-in"},
+        {"--direct-check /nonexistent/s.json", 1, "cannot read /nonexistent/s.json"},
+        {"--direct-check " + dir + "/bad.csv", 1, "bad.csv: not a summary written by"},
+        {"--direct-check " + dir + "/other.json", 1,
+         "the summary of scenario x.csv, not of built-in"},
 #ifdef HOST_TEST_PLUGIN
         // A program that is no OBD plug-in: the drive runs, the link never comes up.
         {"--plugin " HOST_TEST_PLUGIN " --time-scale 50 --duration 60", 3,

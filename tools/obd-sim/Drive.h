@@ -1,10 +1,11 @@
 // A drive: what the vehicle does over time, as the box and the inertial sensor report it.
 //
 // A drive is a set of channels, each a list of keyframes (vehicle time, value): one channel per
-// OBD item the box reports and one per six-axis component. Any vehicle time is answered by
-// interpolating between keyframes, so the data-stream rate of the box and the rate of inertial
-// samples are free of the rate at which the drive was written or recorded. Before its first
-// keyframe an item is absent (the box has not sent it); after its last the value holds.
+// OBD item the box reports and one per six-axis component. Any vehicle time is answered from the
+// keyframes on either side (interpolated, or the earlier one held), so the data-stream rate of the
+// box and the rate of inertial samples are free of the rate at which the drive was written or
+// recorded. Before its first keyframe an item is absent (the box has not sent it); after its last
+// the value holds.
 //
 // The built-in drive and every scenario (Scenario.h) are drives; the feed (Feeder.h) turns one
 // into data-stream frames and inertial messages.

@@ -136,6 +136,15 @@ void ReferenceAnalyser::Second() {
     if (m_gds != nullptr) m_analyse(m_gds);
 }
 
+void ReferenceAnalyser::AlarmWords(uint64_t words[4]) const {
+    const Alarm_Info_t none{};
+    const Alarm_Info_t& a = m_gds != nullptr ? m_gds->collData.alarmInfo : none;
+    words[0] = a.eventType1Alarms;
+    words[1] = a.eventType2Alarms;
+    words[2] = a.eventType3Alarms;
+    words[3] = a.eventType4Alarms;
+}
+
 bool ReferenceAnalyser::Statistics(GdsStatisticsData_t_& stat,
                                    EconomyStatisticsData_t_& economy) const {
     return m_gds != nullptr && m_stat(m_gds, &stat, &economy) == 0;

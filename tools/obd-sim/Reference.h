@@ -13,6 +13,7 @@
 #pragma once
 
 #include <bitset>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -43,6 +44,8 @@ class ReferenceAnalyser {
     void SixAxis(const tagSixAxisOrgData& sample);
     // The once-a-second evaluation.
     void Second();
+    // The four event words of the last evaluation.
+    void AlarmWords(uint64_t words[4]) const;
     bool Statistics(GdsStatisticsData_t_& stat, EconomyStatisticsData_t_& economy) const;
     // The analyser's thresholds (the band edges of the statistics).
     StatisticsThresold_tag_ Thresholds() const;

@@ -1,6 +1,8 @@
 #include "Scenario.h"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -107,14 +109,16 @@ bool ParseColumns(const std::string& mapping, std::vector<ColumnMap>& out, std::
     if (mapping.empty()) return true;
     std::string list = mapping;
     if (mapping == "polidriving") {
+        // The parking checks read the second distance item, so the trip's distance feeds both.
         list =
             "time=time,speed=speed,rpm=engine_speed,throttle_position=accelerator,"
             "engine_temperature=coolant_temp,system_voltage=battery_volt,"
-            "distance_travelled=mileage";
+            "distance_travelled=mileage+mileage2";
     } else if (mapping.find('=') == std::string::npos) {
         error = "unknown column preset \"" + mapping + "\" (known: polidriving)";
         return false;
     }
+    std::vector<std::string> sources;
     size_t at = 0;
     while (at <= list.size()) {
         size_t comma = list.find(',', at);
@@ -122,33 +126,52 @@ bool ParseColumns(const std::string& mapping, std::vector<ColumnMap>& out, std::
         const std::string entry = list.substr(at, comma - at);
         at = comma + 1;
         const size_t eq = entry.find('=');
-        ColumnMap c;
         if (eq == std::string::npos || eq == 0 || eq + 1 == entry.size()) {
-            error = "column mapping \"" + entry + "\": expected SOURCE=NAME[*FACTOR]";
+            error = "column mapping \"" + entry + "\": expected SOURCE=NAME[*FACTOR][+NAME...]";
             return false;
         }
-        c.source = entry.substr(0, eq);
-        c.target = entry.substr(eq + 1);
-        const size_t star = c.target.find('*');
-        if (star != std::string::npos) {
-            if (!Number(c.target.c_str() + star + 1, c.factor)) {
-                error = "column mapping \"" + entry + "\": bad factor";
-                return false;
-            }
-            c.target.resize(star);
-        }
-        if (Channel(c.target) == -1) {
-            error = "column mapping \"" + entry + "\": unknown name \"" + c.target + "\"";
+        const std::string source = entry.substr(0, eq);
+        if (std::find(sources.begin(), sources.end(), source) != sources.end()) {
+            error = "column mapping \"" + entry + "\": column used twice (SOURCE=NAME+NAME feeds " +
+                    "several names)";
             return false;
         }
-        for (const ColumnMap& o : out) {
-            if (o.source == c.source || o.target == c.target) {
-                error = "column mapping \"" + entry + "\": column or name used twice";
+        sources.push_back(source);
+        // A '+' followed by a name starts the next one; in a factor ("*1e+3") a digit follows.
+        size_t from = eq + 1;
+        while (from <= entry.size()) {
+            size_t plus = from;
+            while ((plus = entry.find('+', plus)) != std::string::npos && plus + 1 < entry.size() &&
+                   std::isdigit(static_cast<unsigned char>(entry[plus + 1])) != 0) {
+                ++plus;
+            }
+            if (plus == std::string::npos) plus = entry.size();
+            ColumnMap c;
+            c.source = source;
+            c.target = entry.substr(from, plus - from);
+            from = plus + 1;
+            const size_t star = c.target.find('*');
+            if (star != std::string::npos) {
+                if (!Number(c.target.c_str() + star + 1, c.factor)) {
+                    error = "column mapping \"" + entry + "\": bad factor";
+                    return false;
+                }
+                c.target.resize(star);
+            }
+            if (Channel(c.target) == -1) {
+                error = "column mapping \"" + entry + "\": unknown name \"" + c.target + "\"";
                 return false;
             }
+            for (const ColumnMap& o : out) {
+                if (o.target == c.target) {
+                    error =
+                        "column mapping \"" + entry + "\": name \"" + c.target + "\" used twice";
+                    return false;
+                }
+            }
+            out.push_back(c);
         }
-        out.push_back(c);
-        if (out.size() > kMaxColumns) {
+        if (sources.size() > kMaxColumns) {
             error = "column mapping: more than " + std::to_string(kMaxColumns) + " columns";
             return false;
         }
@@ -157,7 +180,7 @@ bool ParseColumns(const std::string& mapping, std::vector<ColumnMap>& out, std::
 }
 
 bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns, Drive& out,
-                  std::string& error) {
+                  std::string& error, Gaps gaps) {
     std::vector<ColumnMap> map = columns;
     const bool ownNames = map.empty();
     if (ownNames) {
@@ -165,10 +188,23 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
         for (int i = 0; i < kItemCount; ++i) map.push_back({ItemName(i), ItemName(i), 1.0});
         for (const char* n : kMotionNames) map.push_back({n, n, 1.0});
     }
+    if (gaps == Gaps::ByKind) gaps = ownNames ? Gaps::Interpolate : Gaps::Hold;
+    // The reader's slots hold each column once; a column that feeds several names is read once.
+    std::vector<std::string> sources;
+    std::vector<size_t> slot(map.size());
+    for (size_t i = 0; i < map.size(); ++i) {
+        const auto s = std::find(sources.begin(), sources.end(), map[i].source);
+        slot[i] = static_cast<size_t>(s - sources.begin());
+        if (s == sources.end()) sources.push_back(map[i].source);
+    }
+    if (sources.size() > kMaxColumns) {
+        error = path + ": more than " + std::to_string(kMaxColumns) + " columns mapped";
+        return false;
+    }
     Names names;
     for (size_t i = 0; i < kMaxColumns; ++i) {
         // Unused slots get names no header can hold (a cell never contains a comma).
-        names[i] = i < map.size() ? map[i].source : ",unused" + std::to_string(i);
+        names[i] = i < sources.size() ? sources[i] : ",unused" + std::to_string(i);
     }
     const std::string where = path + ": ";
     int line = 0;
@@ -200,7 +236,7 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
                     error = where + "two time columns";
                     return false;
                 }
-                timeSlot = static_cast<int>(i);
+                timeSlot = static_cast<int>(slot[i]);
             } else {
                 used.push_back(i);
             }
@@ -215,8 +251,9 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
         for (size_t k = 0; k < used.size(); ++k) {
             const int ch = Channel(map[used[k]].target);
             channels[k].id = ch;
+            const bool state = ch < kItemCount && ItemIsState(ch);
             channels[k].mode =
-                ch < kItemCount && ItemIsState(ch) ? Drive::Mode::Hold : Drive::Mode::Linear;
+                state || gaps == Gaps::Hold ? Drive::Mode::Hold : Drive::Mode::Linear;
         }
         Cells cells;
         double t0 = 0, previous = 0, dayOffset = 0, lastClock = 0;
@@ -246,7 +283,7 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
                 return false;
             }
             for (size_t k = 0; k < used.size(); ++k) {
-                const char* cell = cells[used[k]];
+                const char* cell = cells[slot[used[k]]];
                 if (cell != nullptr && *cell != '\0') {
                     double v = 0;
                     if (!Number(cell, v)) {

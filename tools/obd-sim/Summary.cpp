@@ -143,12 +143,11 @@ Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const 
     j["real_s"] = std::round(facts.realSeconds * 10.0) / 10.0;
     Json alarms = Json::array();
     for (const AlarmEvent& e : trip.Alarms()) {
-        const long long end = e.endMs < 0 ? endMs : e.endMs;
         alarms.push_back({{"key", Alarm(e.alarm).key},
                           {"title", Alarm(e.alarm).title},
                           {"level", e.level},
                           {"start_s", Seconds(e.startMs)},
-                          {"duration_s", Seconds(end - e.startMs)},
+                          {"duration_s", Seconds(e.UntilMs() - e.startMs)},
                           {"active", e.endMs < 0},
                           {"expected", e.expected}});
     }

@@ -11,7 +11,6 @@
 namespace obdsim {
 namespace {
 
-constexpr long long kPeriodMs = 1000;          // the plug-in's 1 s broadcasts
 constexpr long long kFirstBroadcastMs = 2000;  // the first one comes at its first 1 s step
 constexpr long long kStaleMs = 3000;           // data that does not follow the box for this long
 constexpr long long kLinkUpMs = 15000;         // the plug-in reports its link up by then
@@ -28,9 +27,28 @@ std::string Clock(long long ms) {
     return text;
 }
 
-TripLog::TripLog(const Drive* drive, long long slackMs) : m_drive(drive), m_slackMs(slackMs) {
+AlarmEpisodes::AlarmEpisodes() {
     std::fill(std::begin(m_open), std::end(m_open), -1);
 }
+
+void AlarmEpisodes::Step(long long tMs, const uint64_t words[4]) {
+    for (int i = 0; i < kAlarmCount; ++i) {
+        const int level = AlarmLevel(i, words);
+        if (level > 0 && m_open[i] < 0) {
+            m_open[i] = static_cast<int>(m_events.size());
+            m_events.push_back({i, level, tMs, -1, false, tMs});
+        } else if (level > 0) {
+            AlarmEvent& e = m_events[static_cast<size_t>(m_open[i])];
+            e.level = std::max(e.level, level);
+            e.lastMs = tMs;
+        } else if (m_open[i] >= 0) {
+            m_events[static_cast<size_t>(m_open[i])].endMs = tMs;
+            m_open[i] = -1;
+        }
+    }
+}
+
+TripLog::TripLog(const Drive* drive, long long slackMs) : m_drive(drive), m_slackMs(slackMs) {}
 
 void TripLog::Problem(const std::string& text) {
     if (m_problems.size() < kMaxProblems) m_problems.push_back(text);
@@ -49,7 +67,7 @@ void TripLog::CheckGap(int id, long long& last, long long nowMs) {
         return;
     }
     const long long from = last < 0 ? m_linkUpMs : last;
-    const long long limit = (last < 0 ? kFirstBroadcastMs : kPeriodMs) + m_slackMs;
+    const long long limit = (last < 0 ? kFirstBroadcastMs : kStepMs) + m_slackMs;
     if (m_drive != nullptr && !Suspended() && nowMs - from > limit) {
         Problem("no " + std::string(id == MSG_OBD_ORIGINAL_DATA ? "OBD data" : "alarm") +
                 " broadcast (" + std::to_string(id) + ") from " + Clock(from) + " to " +
@@ -112,19 +130,7 @@ void TripLog::OnBus(const hostsim::BusMessage& m) {
             if (!AlarmWords(m.payload, words)) break;
             CheckGap(m.id, m_lastAlarmMs, m.tMs);
             std::copy(words, words + 4, m_words);
-            for (int i = 0; i < kAlarmCount; ++i) {
-                const int level = AlarmLevel(i, words);
-                if (level > 0 && m_open[i] < 0) {
-                    m_open[i] = static_cast<int>(m_alarms.size());
-                    m_alarms.push_back({i, level, m.tMs, -1, false});
-                } else if (level > 0) {
-                    AlarmEvent& e = m_alarms[static_cast<size_t>(m_open[i])];
-                    e.level = std::max(e.level, level);
-                } else if (m_open[i] >= 0) {
-                    m_alarms[static_cast<size_t>(m_open[i])].endMs = m.tMs;
-                    m_open[i] = -1;
-                }
-            }
+            m_alarms.Step(m.tMs, words);
             break;
         }
         case MSG_OBD_ORIGINAL_DATA:
@@ -198,13 +204,14 @@ void TripLog::Finish(long long endMs) {
     const std::pair<int, long long> lasts[] = {{MSG_OBD_ORIGINAL_DATA, m_lastObdMs},
                                                {MSG_GDS_ALARM, m_lastAlarmMs}};
     for (auto [id, last] : lasts) {
-        if (m_linkUpMs >= 0 && (last < 0 || endMs - last > kPeriodMs + m_slackMs)) {
+        if (m_linkUpMs >= 0 && (last < 0 || endMs - last > kStepMs + m_slackMs)) {
             CheckGap(id, last, endMs);
         }
     }
     if (m_drive->Expected().empty()) return;
     const long long tolerance = kAlarmToleranceMs + m_slackMs;
-    std::vector<bool> named(m_alarms.size(), false);
+    std::vector<AlarmEvent>& alarms = m_alarms.Events();
+    std::vector<bool> named(alarms.size(), false);
     for (const ExpectedAlarm& e : m_drive->Expected()) {
         const long long at = std::llround(e.startS * 1000.0);
         const long long late = std::llround(e.holdS * 100.0);
@@ -213,14 +220,14 @@ void TripLog::Finish(long long endMs) {
         // checks count whole seconds of a clock that may be late.
         std::vector<size_t> came;
         long long lastEnd = -1;
-        for (size_t k = 0; k < m_alarms.size(); ++k) {
-            if (m_alarms[k].alarm != alarm) continue;
+        for (size_t k = 0; k < alarms.size(); ++k) {
+            if (alarms[k].alarm != alarm) continue;
             named[k] = true;
-            m_alarms[k].expected = true;
-            if (came.empty() || lastEnd < 0 || m_alarms[k].startMs - lastEnd > tolerance) {
+            alarms[k].expected = true;
+            if (came.empty() || lastEnd < 0 || alarms[k].startMs - lastEnd > tolerance) {
                 came.push_back(k);
             }
-            lastEnd = m_alarms[k].endMs;
+            lastEnd = alarms[k].endMs;
         }
         const std::string title = alarm >= 0 ? Alarm(alarm).title : e.key;
         if (came.empty() && at + tolerance + late > endMs) {
@@ -231,26 +238,26 @@ void TripLog::Finish(long long endMs) {
         } else if (came.size() > 1) {
             Problem(title + " came " + std::to_string(came.size()) + " times, expected once at " +
                     Clock(at));
-        } else if (m_alarms[came[0]].startMs < at - tolerance ||
-                   m_alarms[came[0]].startMs > at + tolerance + late) {
-            Problem(title + " came at " + Clock(m_alarms[came[0]].startMs) + ", expected at " +
+        } else if (alarms[came[0]].startMs < at - tolerance ||
+                   alarms[came[0]].startMs > at + tolerance + late) {
+            Problem(title + " came at " + Clock(alarms[came[0]].startMs) + ", expected at " +
                     Clock(at));
-        } else if (m_alarms[came[0]].level != e.level) {
-            Problem(title + " reached level " + std::to_string(m_alarms[came[0]].level) +
+        } else if (alarms[came[0]].level != e.level) {
+            Problem(title + " reached level " + std::to_string(alarms[came[0]].level) +
                     ", expected " + std::to_string(e.level));
         }
     }
-    for (size_t k = 0; k < m_alarms.size(); ++k) {
+    for (size_t k = 0; k < alarms.size(); ++k) {
         if (!named[k]) {
-            Problem("unexpected alarm: " + std::string(Alarm(m_alarms[k].alarm).title) + " at " +
-                    Clock(m_alarms[k].startMs));
+            Problem("unexpected alarm: " + std::string(Alarm(alarms[k].alarm).title) + " at " +
+                    Clock(alarms[k].startMs));
         }
     }
 }
 
 std::vector<AlarmEvent> TripLog::Alarms() const {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_alarms;
+    return m_alarms.Events();
 }
 
 std::vector<ExpectedAlarm> TripLog::Missing() const {

@@ -26,12 +26,35 @@
 
 namespace obdsim {
 
+// The plug-in's analyser and broadcasts run once a second: each alarm broadcast speaks for one.
+constexpr long long kStepMs = 1000;
+
 struct AlarmEvent {
     int alarm = 0;  // ObdNames alarm index
     int level = 0;  // highest level while it lasted
     long long startMs = 0;
     long long endMs = -1;  // -1: still on at the end
     bool expected = false;
+    long long lastMs = 0;  // the last step that had it
+
+    // Where its time ends: the first step without it, or for one still on, the end of the second
+    // of its last step (a trip that ends with an alarm on does not lose that second).
+    long long UntilMs() const { return endMs >= 0 ? endMs : lastMs + kStepMs; }
+};
+
+// Alarm episodes from the event words of successive once-a-second steps: an alarm begins with the
+// first step that has its bits and ends with the first that has not; a graded one keeps the
+// highest level it reached.
+class AlarmEpisodes {
+  public:
+    AlarmEpisodes();
+    void Step(long long tMs, const uint64_t words[4]);
+    std::vector<AlarmEvent>& Events() { return m_events; }
+    const std::vector<AlarmEvent>& Events() const { return m_events; }
+
+  private:
+    std::vector<AlarmEvent> m_events;
+    int m_open[kAlarmCount];  // index into m_events of the alarm on now, -1 when off
 };
 
 class TripLog {
@@ -78,8 +101,7 @@ class TripLog {
     const long long m_slackMs;
     mutable std::mutex m_mutex;  // guards everything below
     uint64_t m_words[4] = {0, 0, 0, 0};
-    std::vector<AlarmEvent> m_alarms;
-    int m_open[kAlarmCount];                // index into m_alarms of the alarm on now, -1 when off
+    AlarmEpisodes m_alarms;
     std::vector<unsigned char> m_lastData;  // latest OBD data message
     Json m_box;
     int m_linkState = -1;  // obd_state bit 0 of the last status record, -1 before any

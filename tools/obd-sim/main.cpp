@@ -7,7 +7,8 @@
 // Exit status: 0 after a clean release (end of the drive or --duration, SIGINT, SIGTERM); 1 when
 // the plug-in, the tty or a named file cannot be used; 2 for bad arguments; 3 when the plug-in
 // misbehaved (crashed, lost the link, missed a broadcast, or gave other alarms than the built-in
-// drive provokes), with the reason on stderr.
+// drive provokes), with the reason on stderr; 4 when --direct-check finds a replay's alarms
+// other than the direct analysis's.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -37,6 +38,7 @@
 #include "BoxHostClock.h"
 #include "BoxSide.h"
 #include "Decode.h"
+#include "Direct.h"
 #include "Drive.h"
 #include "Feeder.h"
 #include "HostCommon.h"
@@ -326,6 +328,51 @@ long long ClockSlackMs(double timeScale) {
     return std::max(500LL, std::llround(500.0 * timeScale));
 }
 
+// --direct-check: no plug-in runs; the drive's direct analysis is held against the alarms of a
+// replay's summary.
+int DirectCheck(const std::string& path, const obdsim::Drive& drive, const std::string& plugin) {
+    std::ifstream in(path);
+    if (!in) return Fail("cannot read " + path, 1);
+    const obdsim::Json summary = obdsim::Json::parse(in, nullptr, false);
+    if (summary.is_discarded() || !summary.is_object() || !summary.contains("alarms") ||
+        !summary["alarms"].is_array() || !summary.contains("source") ||
+        !summary["source"].is_string()) {
+        return Fail(path + ": not a summary written by --summary-json", 1);
+    }
+    const std::string source = summary["source"].get<std::string>();
+    if (source != drive.Name()) {
+        return Fail(path + ": the summary of " + source + ", not of " + drive.Name(), 1);
+    }
+    obdsim::ReferenceAnalyser reference;
+    std::string error;
+    if (!reference.Load(plugin, error)) return Fail("cannot load the analyser: " + error, 1);
+    constexpr double kToleranceS = 1.0;
+    const obdsim::AlarmComparison c = obdsim::CompareAlarms(
+        summary["alarms"], obdsim::DirectAlarms(drive, reference), kToleranceS);
+    std::string text = "Direct analysis: " + drive.Name() +
+                       ", its values at each whole second of " +
+                       obdsim::Dur(std::floor(drive.DurationS())) +
+                       " straight into the analyser, once a second; against the replay in " + path +
+                       "\n\n" + c.table;
+    if (c.differences.empty()) {
+        text += "\nVerdict: the replay gives the direct analysis's alarms (each episode within " +
+                obdsim::Fmt("%.0f", kToleranceS) + " s)\n";
+    } else {
+        const size_t n = c.differences.size();
+        text += "\nVerdict: the replay's alarms DIFFER from the direct analysis's (" +
+                std::to_string(n) + (n == 1 ? " episode)\n" : " episodes)\n");
+        constexpr size_t kShown = 30;
+        for (size_t i = 0; i < c.differences.size() && i < kShown; ++i) {
+            text += "  - " + c.differences[i] + "\n";
+        }
+        if (c.differences.size() > kShown) {
+            text += "  and " + std::to_string(c.differences.size() - kShown) + " more\n";
+        }
+    }
+    std::fputs(text.c_str(), stdout);
+    return c.differences.empty() ? 0 : 4;
+}
+
 }  // namespace
 
 int Run(int argc, char** argv) {
@@ -345,6 +392,7 @@ int Run(int argc, char** argv) {
     std::string inject;
     std::string scenario;
     std::string columns;
+    std::string directCheck;
     std::string summaryJson;
     std::string report;
     int baud = 115200;
@@ -368,8 +416,19 @@ int Run(int argc, char** argv) {
     app.add_option("--scenario", scenario,
                    "built-in box: play this CSV drive instead of the built-in one");
     app.add_option("--columns", columns,
-                   "--scenario's column mapping: SOURCE=NAME[*FACTOR],... or a preset "
+                   "--scenario's column mapping: SOURCE=NAME[*FACTOR][+NAME[*FACTOR]...],... "
+                   "(a column may feed several names: distance=mileage+mileage2) or a preset "
                    "(polidriving)");
+    std::string gapsText;
+    app.add_option("--gaps", gapsText,
+                   "--scenario's values between rows: hold (each row stands until the next; the "
+                   "default with --columns) or interpolate (a straight line; the default for "
+                   "obd-sim's own format)")
+        ->check(CLI::IsMember({"hold", "interpolate"}))
+        ->option_text("hold|interpolate");
+    app.add_option("--direct-check", directCheck,
+                   "run no plug-in: analyse the drive's values at each whole second directly and "
+                   "compare the alarms with this summary of its replay (--summary-json)");
     app.add_option("--box-stream-ms", boxStreamMs,
                    "built-in box: data-stream frame period in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
@@ -420,6 +479,16 @@ int Run(int argc, char** argv) {
     const bool builtInBox = serial.empty() && !noBox;
     if (!builtInBox && !scenario.empty()) return Fail("--scenario needs the built-in box", 2);
     if (scenario.empty() && !columns.empty()) return Fail("--columns needs --scenario", 2);
+    if (scenario.empty() && !gapsText.empty()) return Fail("--gaps needs --scenario", 2);
+    const obdsim::Gaps gaps = gapsText.empty()     ? obdsim::Gaps::ByKind
+                              : gapsText == "hold" ? obdsim::Gaps::Hold
+                                                   : obdsim::Gaps::Interpolate;
+    if (!directCheck.empty() && (json || trace || !summaryJson.empty() || !report.empty() ||
+                                 !inject.empty() || !builtInBox)) {
+        return Fail(
+            "--direct-check runs no plug-in: it takes --scenario, --columns, --gaps and --plugin",
+            2);
+    }
     if (!report.empty() && !obdsim::ReportAvailable()) {
         return Fail("--report: built without Chart.js (install libjs-chart.js and rebuild)", 2);
     }
@@ -428,6 +497,16 @@ int Run(int argc, char** argv) {
     {
         std::string error;
         if (!obdsim::ParseColumns(columns, columnMap, error)) return Fail("--columns: " + error, 2);
+    }
+    if (!directCheck.empty()) {
+        // The same drive as the replay's: a recording's rows stand until the next row, a drive
+        // written as keyframes moves from one to the next.
+        obdsim::Drive drive = obdsim::BuiltinDrive();
+        std::string error;
+        if (!scenario.empty() && !obdsim::LoadScenario(scenario, columnMap, drive, error, gaps)) {
+            return Fail("cannot read scenario " + error, 1);
+        }
+        return DirectCheck(directCheck, drive, plugin);
     }
 
     struct sigaction sa {};
@@ -467,7 +546,7 @@ int Run(int argc, char** argv) {
         std::string error;
         if (scenario.empty()) {
             *drive = obdsim::BuiltinDrive();
-        } else if (!obdsim::LoadScenario(scenario, columnMap, *drive, error)) {
+        } else if (!obdsim::LoadScenario(scenario, columnMap, *drive, error, gaps)) {
             return Fail("cannot read scenario " + error, 1);
         }
     }
@@ -636,7 +715,15 @@ int Run(int argc, char** argv) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(2));
                 }
             }
-            trip.Finish(hostsim::ClockNowMs());
+            // The broadcasts of the last instant belong to the trip (the drive's last second):
+            // on virtual time they come in turns after this thread's, so the instant is let
+            // finish before the trip closes.
+            long long finishMs = hostsim::ClockNowMs();
+            if (self && !g_signalled && endMs >= 0) {
+                Common::P4X_TMSleepMicroSecond(1000);
+                finishMs = endMs;
+            }
+            trip.Finish(finishMs);
             facts.realSeconds =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count();
             ran = true;
@@ -672,6 +759,7 @@ int Run(int argc, char** argv) {
             settings["speed"] = speed;
             if (duration > 0.0) settings["duration_s"] = duration;
             if (!columns.empty()) settings["columns"] = columns;
+            if (!gapsText.empty()) settings["gaps"] = gapsText;
             settings["baud"] = baud;
             settings["product type"] = productType;
             if (builtInBox) {
