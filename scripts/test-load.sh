@@ -34,7 +34,9 @@ cmake --build "$BUILD_DIR" -j"$JOBS" # nothing to do after scripts/test.sh --nat
 
 load_dir=$(mktemp -d "${TMPDIR:-/tmp}/obd-load.XXXXXX")
 load_pids=()
+suite_pid=
 stop_load() {
+    if [[ -n $suite_pid ]]; then kill "$suite_pid" 2>/dev/null || true; fi
     if ((${#load_pids[@]})); then
         kill "${load_pids[@]}" 2>/dev/null || true
         wait "${load_pids[@]}" 2>/dev/null || true
@@ -68,12 +70,16 @@ echo "test-load: $cpu busy loops and a ${disk_mb} MB disk writer beside the suit
 status=0
 for ((run = 1; run <= runs; ++run)); do
     t0=$SECONDS
-    if (cd "$BUILD_DIR" && ctest --output-on-failure -j"$JOBS" --no-tests=error --timeout 120 "$@"); then
+    # In the background, so that a signal to this script is handled at once, not after the suite.
+    (cd "$BUILD_DIR" && exec ctest --output-on-failure -j"$JOBS" --no-tests=error --timeout 120 "$@") &
+    suite_pid=$!
+    if wait "$suite_pid"; then
         echo "test-load: run $run of $runs passed in $((SECONDS - t0)) s (load average $(cut -d' ' -f1-3 /proc/loadavg))"
     else
         echo "test-load: run $run of $runs FAILED after $((SECONDS - t0)) s"
         status=1
         break
     fi
+    suite_pid=
 done
 exit $status
