@@ -41,7 +41,7 @@ class RunnerTest : public ::testing::Test {
     // machine, or qemu, takes seconds where an idle one takes a tenth).
     int Finish() {
         int status = 0;
-        if (!WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 60000)) {
+        if (!WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 100000)) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
         }
@@ -92,8 +92,9 @@ TEST_F(RunnerTest, MaxSpeedGivesTheSameRunEveryTime) {
         const auto start = std::chrono::steady_clock::now();
         Spawn("--speed max --duration 120 --json");
         ASSERT_EQ(Finish(), 0) << err;
-        // A fraction of a second; 120 s if host time ran at the pace of real time.
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+        // A fraction of a second (10 s under qemu on a busy machine); 120 s if host time ran at
+        // the pace of real time.
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
         if (run == 0) first = out;
     }
     EXPECT_EQ(out, first);
