@@ -82,19 +82,18 @@ TEST_F(CoreTest, ReleaseDuringSixAxisCalibrationFreesItsBuffer) {
 // Nobody reads the box's answers once the host thread is stopped: the task in hand gives up at
 // its next poll instead of sending its 21 remaining attempts first.
 TEST_F(CoreTest, ReleaseOfABusyPlugInSendsNoFurtherAttempt) {
-    // 2 s waits of 20 ms real: the start task is still busy when the release comes, however
-    // late this thread looks (at 2 ms a wait, a loaded machine saw its first attempt go by).
-    fakehost::SetSleepDivisor(100);
+    // Host time stands: the start task's stop of the stream waits for an answer that never comes
+    // until the release ends the wait, however late this thread looks.
+    fakehost::AttachAnswerer(true);
     CSerialDevOBD* obj = Create();
     ASSERT_EQ(obj->PeripheralInitialize(), 0);
-    // The start task's stop of the stream is out and waits for an answer that never comes.
     ASSERT_TRUE(WaitFor([] { return !fakehost::SerialWrites().empty(); }));
     for (int i = 1; i <= 14; ++i) obj->Request(static_cast<GdsGetInfoType_t_>(i));
-    const size_t sent = fakehost::SerialWrites().size();
     EXPECT_EQ(PeripheralRelease(m_obj), 1);  // tasks left in the queue are dropped with it
     m_obj = nullptr;
-    EXPECT_TRUE(fakehost::WaitThreadsExited(2000));
-    EXPECT_LE(fakehost::SerialWrites().size(), sent + 1);  // one may have been on its way
+    EXPECT_TRUE(fakehost::WaitThreadsExited(30000));
+    EXPECT_EQ(fakehost::SerialWrites().size(), 1u);                     // the stop, once
+    for (const auto& w : fakehost::TimedWaits()) EXPECT_TRUE(w.ready);  // ended by the release
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ class CoreTest : public ::testing::Test {
             EXPECT_EQ(PeripheralRelease(m_obj), 1);
         }
         m_obj = nullptr;
-        EXPECT_TRUE(fakehost::WaitThreadsExited(5000)) << "send thread outlived its object";
+        EXPECT_TRUE(fakehost::WaitThreadsExited(30000)) << "send thread outlived its object";
     }
     CSerialDevOBD* Create(int productType = 0) {
         fakehost::SetProductType(productType);
@@ -40,8 +40,9 @@ class CoreTest : public ::testing::Test {
         CSerialDevOBDTestPeer(m_obj).AttachCtrl();
         return m_obj;
     }
+    // Polls `pred` in real time. Generous: only a fault waits it out, a busy machine never does.
     template <typename Pred>
-    static bool WaitFor(Pred pred, int timeoutMs = 3000) {
+    static bool WaitFor(Pred pred, int timeoutMs = 30000) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         while (!pred()) {
             if (std::chrono::steady_clock::now() > end) return false;

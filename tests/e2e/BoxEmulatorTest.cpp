@@ -20,9 +20,9 @@ TEST_F(BoxEmulatorTest, AnswersEveryRequestWithItsAnswerCodeAndRecordsIt) {
     const ByteVec req = Request(0x2C12, {}, 0x07);
     Write(req);
     // 55 AA F8 F0 00 05 07 6C 12 12 34, XOR(F8..34) = 0x52.
-    EXPECT_EQ(Read(12, 1000),
+    EXPECT_EQ(Read(12),
               (ByteVec{0x55, 0xAA, 0xF8, 0xF0, 0x00, 0x05, 0x07, 0x6C, 0x12, 0x12, 0x34, 0x52}));
-    ASSERT_TRUE(m_box->WaitForFrames(1, 1000));
+    ASSERT_TRUE(m_box->WaitForFrames(1, kAnswerMs));
     const auto rx = m_box->Received();
     EXPECT_EQ(rx[0].raw, req);
     EXPECT_EQ(rx[0].seq, 0x07);
@@ -41,9 +41,9 @@ TEST_F(BoxEmulatorTest, AnswersEveryRequestWithItsAnswerCodeAndRecordsIt) {
                                                     {0x2407, 0x6407},
                                                     {0x2111, 0x6111}}) {
         Write(Request(request, {}, 9));
-        const ByteVec head = Read(9, 1000);
+        const ByteVec head = Read(9);
         ASSERT_EQ(head.size(), 9u) << std::hex << request;
-        Read(static_cast<size_t>((head[4] << 8) | head[5]) - 2, 1000);
+        Read(static_cast<size_t>((head[4] << 8) | head[5]) - 2);
         EXPECT_EQ((head[7] << 8) | head[8], answer) << std::hex << request;
         EXPECT_EQ(head[6], 9);
     }
@@ -56,16 +56,15 @@ TEST_F(BoxEmulatorTest, AnswersEveryRequestWithItsAnswerCodeAndRecordsIt) {
 TEST_F(BoxEmulatorTest, ConfigureRequestsChangeWhatIsReadBack) {
     StartBox();
     Write(Request(0x2C23, {0x01, 0x03, 0x00, 0x00, 0x0B, 0xB8}));
-    Read(10, 1000);
+    Read(10);
     Write(Request(0x2C22));
-    const ByteVec a = Read(16, 1000);
+    const ByteVec a = Read(16);
     ASSERT_EQ(a.size(), 16u);
     EXPECT_EQ(ByteVec(a.begin() + 9, a.end() - 1), (ByteVec{0x01, 0x03, 0x00, 0x00, 0x0B, 0xB8}));
     Write(Request(0x2C03, {0xAB, 0xCD, 0, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Read(11, 1000)[9], 0x00);  // status: success
+    EXPECT_EQ(Read(11)[9], 0x00);  // status: success
     Write(Request(0x2C12));
-    EXPECT_EQ(Read(12, 1000),
-              BoxEmulator::EncodeFrame(0x6C12, {0xAB, 0xCD}, 1, false, false, false));
+    EXPECT_EQ(Read(12), BoxEmulator::EncodeFrame(0x6C12, {0xAB, 0xCD}, 1, false, false, false));
 }
 
 TEST_F(BoxEmulatorTest, RefuseDropSilentAndUnanswered) {
@@ -73,18 +72,19 @@ TEST_F(BoxEmulatorTest, RefuseDropSilentAndUnanswered) {
     o.refuse = true;
     StartBox(o);
     Write(Request(0x2407));
-    EXPECT_EQ(Read(11, 1000)[9], 0x02);
+    EXPECT_EQ(Read(11)[9], 0x02);
     Write(Request(0x2C03, ByteVec(10, 0)));
-    EXPECT_EQ(Read(11, 1000)[9], 0x01);
+    EXPECT_EQ(Read(11)[9], 0x01);
     m_box->Update([](BoxOptions& opt) {
         opt.refuse = false;
         opt.dropEveryNth = 2;
     });
     for (int i = 0; i < 4; ++i) Write(Request(0x2C01, {}, static_cast<uint8_t>(i)));
-    const ByteVec got = Read(40, 300);
+    const ByteVec got = Read(20);
     ASSERT_EQ(got.size(), 20u);  // answers 1 and 3 of the four (counting from the two above)
     EXPECT_EQ(got[6], 0);
     EXPECT_EQ(got[16], 2);
+    EXPECT_TRUE(Read(1, 150).empty());  // nor the fourth
     m_box->Update([](BoxOptions& opt) {
         opt.dropEveryNth = 0;
         opt.unanswered = {0x2C12};
@@ -94,7 +94,7 @@ TEST_F(BoxEmulatorTest, RefuseDropSilentAndUnanswered) {
     m_box->Update([](BoxOptions& opt) { opt.silent = true; });
     Write(Request(0x2C01));
     EXPECT_TRUE(Read(1, 150).empty());
-    ASSERT_TRUE(m_box->WaitForFrames(8, 1000));  // everything was still recorded
+    ASSERT_TRUE(m_box->WaitForFrames(8, kAnswerMs));  // everything was still recorded
 }
 
 TEST_F(BoxEmulatorTest, EscapesBytesAndCountsPairsInLengthOnlyWhenAsked) {
@@ -132,18 +132,23 @@ TEST_F(BoxEmulatorTest, StreamsOnlyWhileStartedAndSendsLinkFrames) {
     StartBox(o);
     EXPECT_TRUE(Read(1, 100).empty());
     Write(Request(0x2C01));
-    const ByteVec got = Read(10 + 3 * 15, 1000);
+    const ByteVec got = Read(10 + 3 * 15);
     ASSERT_EQ(got.size(), 55u);
     EXPECT_EQ(ByteVec(got.begin() + 10 + 7, got.begin() + 10 + 14),
               (ByteVec{0x2C, 0x81, 0x05, 0x00, 0x00, 0x00, 0x40}));
     Write(Request(0x2C04));
-    const ByteVec stop = Read(1000, 100);  // the stop's answer and what was under way
-    const ByteVec alt = {0x23, 0x01};      // acknowledged with the other code
+    // What was under way, then the stop's answer (its code and checksum), acknowledged with the
+    // other code; nothing after it.
+    const ByteVec alt = {0x23, 0x01};
+    const ByteVec stop = ReadUntil([&alt](const ByteVec& b) {
+        const auto at = std::search(b.begin(), b.end(), alt.begin(), alt.end());
+        return at != b.end() && b.end() - at == 3;
+    });
     EXPECT_NE(std::search(stop.begin(), stop.end(), alt.begin(), alt.end()), stop.end());
     EXPECT_TRUE(Read(1, 100).empty());
     EXPECT_FALSE(m_box->Streaming());
     m_box->Update([](BoxOptions& opt) { opt.linkPeriodMs = 20; });
-    const ByteVec link = Read(20, 1000);
+    const ByteVec link = Read(20);
     ASSERT_EQ(link.size(), 20u);
     EXPECT_EQ(ByteVec(link.begin() + 7, link.begin() + 9), (ByteVec{0x2C, 0x10}));
 }
@@ -154,10 +159,11 @@ TEST_F(BoxEmulatorTest, GarbageAndSplitFramesStillCarryTheFrame) {
     o.splitMaxChunk = 3;
     o.splitGapUs = 2000;
     o.engineId = 0x0A0B;
+    o.clock = WritesReadOneByOne();  // chunks that a late reader would see as one
     StartBox(o);
     Write(Request(0x2C12, {}, 3));
     int reads = 0;
-    const ByteVec got = Read(7 + 12, 1000, &reads);
+    const ByteVec got = Read(7 + 12, kAnswerMs, &reads);
     ASSERT_EQ(got.size(), 19u);
     EXPECT_EQ(ByteVec(got.begin() + 7, got.end()),
               BoxEmulator::EncodeFrame(0x6C12, {0x0A, 0x0B}, 3, false, false, false));
@@ -176,7 +182,7 @@ TEST_F(BoxEmulatorTest, RecordsFramesThatArriveInPiecesAndAfterNoise) {
     ByteVec rest(a.begin() + 3, a.end());
     rest.insert(rest.end(), b.begin(), b.end());
     Write(rest);
-    ASSERT_TRUE(m_box->WaitForFrames(2, 1000));
+    ASSERT_TRUE(m_box->WaitForFrames(2, kAnswerMs));
     const auto rx = m_box->Received();
     EXPECT_EQ(rx[0].raw, a);
     EXPECT_EQ(rx[1].raw, b);
@@ -195,7 +201,7 @@ TEST_F(BoxEmulatorTest, KeepsTheLastFramesAndCountsAllPerCode) {
         all.insert(all.end(), r.begin(), r.end());
     }
     Write(all);
-    ASSERT_TRUE(m_box->WaitForFrames(5, 1000));
+    ASSERT_TRUE(m_box->WaitForFrames(5, kAnswerMs));
     const auto rx = m_box->Received();
     ASSERT_EQ(rx.size(), 3u);
     EXPECT_EQ(std::vector<int>({rx[0].seq, rx[1].seq, rx[2].seq}), std::vector<int>({3, 4, 5}));
@@ -225,12 +231,12 @@ TEST_F(BoxEmulatorTest, PeriodsRunOnTheGivenClockAndEveryByteIsReported) {
     o.clock.stopping = [&stopping] { stopping = true; };
     StartBox(o);
     Write(Request(0x2C01));
-    EXPECT_EQ(Read(10 + 15, 1000).size(), 25u);  // the answer and the first frame at once
-    EXPECT_TRUE(Read(1, 100).empty());           // real time passes, the given clock does not
+    EXPECT_EQ(Read(10 + 15).size(), 25u);  // the answer and the first frame at once
+    EXPECT_TRUE(Read(1, 100).empty());     // real time passes, the given clock does not
     now = 5999;
     EXPECT_TRUE(Read(1, 50).empty());
     now = 6000;
-    EXPECT_EQ(Read(15, 1000).size(), 15u);
+    EXPECT_EQ(Read(15).size(), 15u);
     m_box->Stop();
     EXPECT_TRUE(stopping);
     EXPECT_EQ(in.load(), 10u);

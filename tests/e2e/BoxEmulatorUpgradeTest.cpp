@@ -8,7 +8,7 @@ using namespace boxtest;
 class BoxUpgradeTest : public BoxLineTest {
   protected:
     // Sends a request and returns the answer's status byte, or -1 when none came within `ms`.
-    int Step(uint16_t code, const ByteVec& payload = {}, int ms = 1000) {
+    int Step(uint16_t code, const ByteVec& payload = {}, int ms = kAnswerMs) {
         Write(Request(code, payload));
         const ByteVec a = Read(11, ms);
         if (a.size() != 11) return -1;
@@ -64,7 +64,7 @@ TEST_F(BoxUpgradeTest, KeepsTheFileChecksSizeAndDigestAndReportsTheNewVersion) {
     EXPECT_TRUE(u.md5Ok && u.installed);
     // The software version now names the new firmware (its last text).
     Write(Request(0x2105, {}, 2));
-    const ByteVec a = Read(10 + 3 * 2 + 7 + 5 + 7, 1000);
+    const ByteVec a = Read(10 + 3 * 2 + 7 + 5 + 7);
     ASSERT_EQ(a.size(), 35u);
     EXPECT_EQ(ByteVec(a.end() - 8, a.end() - 1), Text("DIAG2.0"));
 }
@@ -100,15 +100,16 @@ TEST_F(BoxUpgradeTest, PacedLineDeliversAtItsByteRate) {
     }
     const auto t0 = std::chrono::steady_clock::now();
     Write(burst);
-    ASSERT_EQ(Read(44, 2000).size(), 44u);
+    ASSERT_EQ(Read(44).size(), 44u);
     const double ms =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     EXPECT_GE(ms, (4 * 272 + 11) * 1000.0 / 11520);  // the last answer after the last chunk
-    // Each frame is taken in at its own time, not with the whole burst (a late first stamp on a
-    // loaded machine may eat into one frame's time).
+    // Each frame is taken in at its own time, not with the whole burst, which would give the four
+    // one time: the last comes three frames' time after the first, less what a late stamp of the
+    // first (the box's thread waking late on a busy machine) eats into that.
     const auto rx = m_box->Received();
     ASSERT_EQ(rx.size(), 4u);
-    EXPECT_GE(rx[3].tMs - rx[0].tMs, 2 * 272 * 1000.0 / 11520);
+    EXPECT_GE(rx[3].tMs - rx[0].tMs, 272 * 1000.0 / 11520);
 }
 
 }  // namespace

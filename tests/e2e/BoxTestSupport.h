@@ -9,12 +9,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <memory>
 
 #include "BoxEmulator.h"
 
 namespace boxtest {
+
+// Real time for an answer that must come: only a box that never answers waits it out. (A check
+// that nothing comes waits a short while: a busy machine can only make it pass.)
+constexpr int kAnswerMs = 10000;
 
 using obdbox::BoxEmulator;
 using obdbox::BoxOptions;
@@ -46,7 +51,7 @@ class BoxLineTest : public ::testing::Test {
     }
     void Write(const ByteVec& b) { ASSERT_EQ(write(m_fd, b.data(), b.size()), (ssize_t)b.size()); }
     // Reads until `want` bytes arrived or `ms` (real time) passed; counts the separate reads.
-    ByteVec Read(size_t want, int ms, int* reads = nullptr) {
+    ByteVec Read(size_t want, int ms = kAnswerMs, int* reads = nullptr) {
         ByteVec out;
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
         while (out.size() < want && std::chrono::steady_clock::now() < end) {
@@ -56,12 +61,41 @@ class BoxLineTest : public ::testing::Test {
             const ssize_t n = read(m_fd, buf, std::min(sizeof(buf), want - out.size()));
             if (n <= 0) continue;
             out.insert(out.end(), buf, buf + n);
+            m_readTotal += static_cast<size_t>(n);
             if (reads) ++*reads;
         }
         return out;
     }
+    // Reads until `done` holds for what was read, or `ms` passed.
+    template <typename Done>
+    ByteVec ReadUntil(Done done, int ms = kAnswerMs) {
+        ByteVec out;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (!done(out) && std::chrono::steady_clock::now() < end) {
+            const ByteVec more = Read(1, 5);
+            out.insert(out.end(), more.begin(), more.end());
+        }
+        return out;
+    }
+    // A box clock that holds each of the box's writes until the test has read it, so that every
+    // write arrives as a read of its own however late this thread runs.
+    obdbox::BoxClock WritesReadOneByOne() {
+        obdbox::BoxClock clock;
+        clock.moved = [this](bool toBox, size_t n) {
+            if (toBox) return;
+            m_written += n;
+            const auto end =
+                std::chrono::steady_clock::now() + std::chrono::milliseconds(kAnswerMs);
+            while (m_readTotal < m_written && !m_stopping && std::chrono::steady_clock::now() < end)
+                usleep(200);
+        };
+        clock.stopping = [this] { m_stopping = true; };
+        return clock;
+    }
     std::unique_ptr<BoxEmulator> m_box;
     int m_fd = -1;
+    std::atomic<size_t> m_readTotal{0}, m_written{0};
+    std::atomic<bool> m_stopping{false};
 };
 
 }  // namespace boxtest

@@ -89,6 +89,18 @@ void QueueSerialInput(const std::vector<unsigned char>& chunk);
 using SendHook = std::function<void(int msgId, const std::vector<unsigned char>& bytes)>;
 void SetSendHook(SendHook hook);
 std::vector<std::vector<unsigned char>> SerialWrites();
+// A box that answers on a thread of its own takes part in the waits (tests/link's ScriptedBox):
+// while attached, a CTMWaitEvent wait takes no real time but ends when its condition holds or,
+// at its deadline, once the box has handled every serial write so far without making it hold.
+// An answer then never misses its wait however late the box's thread runs, and an unanswered
+// command costs nothing. Attached with no box reporting, host time stands: a wait ends only by
+// its condition (what ends a wait early), or as a fault after 10 s of real time, not ready.
+// Reset() detaches it (ClearRecords() does not).
+void AttachAnswerer(bool attached);
+// The box's view: every serial write and the epoch they belong to (Reset() and ClearRecords()
+// begin a new one); then it reports the first `count` writes of `epoch` handled.
+std::vector<std::vector<unsigned char>> SerialWrites(uint64_t* epoch);
+void AnswererHandled(uint64_t epoch, size_t count);
 int ClearCalls();
 std::vector<int> ConfigStatuses();
 unsigned int MaxBufferSize();

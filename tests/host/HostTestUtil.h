@@ -24,9 +24,9 @@ namespace hosttest {
 using Bytes = std::vector<unsigned char>;
 
 // Polls `done` in real time; true once it holds, false after `ms`. Generous by default: a
-// loaded machine may be slow, a correct host is never wrong.
+// loaded machine may be slow, a correct host is never wrong, and only a fault waits it out.
 template <typename Done>
-bool WaitUntil(Done done, int ms = 5000) {
+bool WaitUntil(Done done, int ms = 30000) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     while (!done()) {
         if (std::chrono::steady_clock::now() >= limit) return false;

@@ -63,36 +63,45 @@ inline Bytes DataFrame(unsigned char id, float v) {
 }
 
 // Answers the plug-in's frames from another thread, as the box would: watches the fake serial
-// port and feeds each answer that `respond` gives back through ReceiveData.
+// port and feeds each answer that `respond` gives back through ReceiveData. It takes part in the
+// plug-in's waits (fakehost::AttachAnswerer), so a wait ends by the answer or, once the box has
+// had its say, at its deadline: the outcome never depends on when this thread gets the CPU.
+// Clear the fake's records between steps with ClearRecords, not Reset, which detaches the box.
 class ScriptedBox {
   public:
     // (code, sequence number) of a frame sent -> the frames that answer it.
     using Responder = std::function<std::vector<Bytes>(uint16_t, unsigned char)>;
-    ScriptedBox(COBDCtrl* ctrl, Responder respond)
-        : m_ctrl(ctrl), m_respond(std::move(respond)), m_thread([this] { Run(); }) {}
+    ScriptedBox(COBDCtrl* ctrl, Responder respond) : m_ctrl(ctrl), m_respond(std::move(respond)) {
+        fakehost::AttachAnswerer(true);
+        m_thread = std::thread([this] { Run(); });
+    }
     ~ScriptedBox() {
         m_stop = true;
         m_thread.join();
+        fakehost::AttachAnswerer(false);
     }
 
   private:
     void Run() {
+        uint64_t epoch = 0, seenEpoch = 0;
         size_t seen = 0;
         while (!m_stop) {
-            const auto writes = fakehost::SerialWrites();
-            if (writes.size() < seen) seen = 0;  // the test reset the fake host
+            const auto writes = fakehost::SerialWrites(&epoch);
+            if (epoch != seenEpoch) seen = 0;  // the test cleared the records
+            seenEpoch = epoch;
             for (; seen < writes.size(); ++seen) {
                 const Bytes& w = writes[seen];
                 for (Bytes a : m_respond(static_cast<uint16_t>((w[7] << 8) | w[8]), w[6]))
                     m_ctrl->ReceiveData(a.data(), static_cast<int>(a.size()));
             }
+            fakehost::AnswererHandled(epoch, seen);
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
     }
     COBDCtrl* m_ctrl;
     Responder m_respond;
     std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    std::thread m_thread;  // started last: Run uses the members above
 };
 
 // Fixture: a peripheral object with a link controller and no send thread, so the test is the

@@ -28,7 +28,6 @@ class LinkUpgradeTest : public LinkTest {
     void SetUp() override {
         LinkTest::SetUp();
         ObdUpgradePercentReset();
-        fakehost::SetSleepDivisor(5);  // an answer has 400 ms of real time to come
     }
     void TearDown() override {
         unlink(m_path.c_str());
@@ -126,9 +125,6 @@ TEST_F(LinkUpgradeTest, TransfersAsTheBoxAnswers) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         fakehost::Reset();
-        // Real time for an answer to come: 110 ms a chunk where all is answered (the waits then
-        // cost nothing), 11 ms where a deadline must pass.
-        fakehost::SetSleepDivisor(c.expired.empty() ? 5 : 50);
         ObdUpgradePercentReset();
         const Bytes file = MakeFile(c.size);
         int r = 0;

@@ -267,8 +267,12 @@ TEST_F(SimRun, CrashEndsInOneLineAndTheMisbehaviourStatus) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer's own handler takes the signal";
 #endif
-    Start("--time-scale 20");
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    Start("--time-scale 20 --json");
+    // Its handler is in place once the run prints (under qemu on a busy machine that can take
+    // seconds); a signal before that would end it by the default action.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (Slurp("/out").empty() && std::chrono::steady_clock::now() < limit)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     kill(pid, SIGSEGV);
     EXPECT_EQ(Finish(), 3);
     EXPECT_NE(err.find("obd-sim: plug-in misbehaved: crashed (SIGSEGV) at vehicle second "),
