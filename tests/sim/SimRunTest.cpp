@@ -248,6 +248,9 @@ TEST_F(SimRun, UnusableScenarioOrMisbehavingPlugInEndsWithItsReason) {
         {"--scenario " + dir + "/bad.csv --gaps ramp", 2, "--gaps: ramp not in {hold,interpolate}"},
         {"--direct-check " + dir + "/s.json --json", 2, "--direct-check runs no plug-in"},
         {"--direct-check /nonexistent/s.json", 1, "cannot read /nonexistent/s.json"},
+        // Infinity is max (which a real box refuses); a factor that would wrap host time is not.
+        {"--speed inf --serial /dev/null", 2, "--speed max: a real box keeps real time"},
+        {"--time-scale 1e300", 2, "--time-scale: must be a number above 0 and at most 1000000"},
         {"--direct-check " + dir + "/bad.csv", 1, "bad.csv: not a summary written by"},
         {"--direct-check " + dir + "/other.json", 1,
          "the summary of scenario x.csv, not of built-in"},
@@ -260,6 +263,26 @@ TEST_F(SimRun, UnusableScenarioOrMisbehavingPlugInEndsWithItsReason) {
     for (const auto& [args, code, said] : cases) {
         EXPECT_EQ(Run(args), code) << args << ": " << err;
         EXPECT_NE(err.find(said), std::string::npos) << args << ": " << err;
+    }
+}
+
+TEST_F(SimRun, SignalEndsASlowRunWithItsSummary) {
+    // At 0.0001 one host step of 50 ms lasts 500 real seconds: the shutdown must not wait them.
+    for (int sig : {SIGTERM, SIGINT}) {
+        std::remove((dir + "/err").c_str());  // not the last run's
+        Start("--speed 0.0001");
+        // The handlers are in place once the plug-in is loaded; at this pace nothing else shows.
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (Slurp("/err").find("loaded, module") == std::string::npos &&
+               std::chrono::steady_clock::now() < limit)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const auto sent = std::chrono::steady_clock::now();
+        kill(pid, sig);
+        EXPECT_EQ(Finish(20), 0) << strsignal(sig) << ": " << err;
+        const double took =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - sent).count();
+        std::printf("%s: ended %.3f s after the signal\n", strsignal(sig), took);
+        EXPECT_EQ(out.rfind("Trip summary: built-in drive", 0), 0u) << out;
     }
 }
 

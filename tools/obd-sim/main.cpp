@@ -323,6 +323,10 @@ int Fail(const std::string& message, int code) {
 // (a build beside it, a test suite running two at a time) holds a thread back for a few hundred
 // real milliseconds now and then: half a real second is allowed for that. Virtual time (scale 0)
 // is never late: one plug-in cycle is left for the cycle's own granularity.
+// The fastest scaled clock: host microseconds stay far inside their 64 bits for centuries of
+// real time.
+constexpr double kMaxSpeed = 1e6;
+
 long long ClockSlackMs(double timeScale) {
     if (timeScale <= 0.0) return 100;
     return std::max(500LL, std::llround(500.0 * timeScale));
@@ -447,14 +451,27 @@ int Run(int argc, char** argv) {
     CLI::Option* logOption =
         app.add_option("--log-level", logLevel, "print log lines up to this level");
     app.add_option("--dump-level", dumpLevel, "print byte dumps up to this level");
+    // A factor too large for the clock's arithmetic would wrap host time; infinity (inf,
+    // infinity, or a number beyond a double) asks for the fastest clock there is, which is max.
     const CLI::Validator speedCheck(
-        [&positive](std::string& text) { return text == "max" ? std::string() : positive(text); },
+        [](std::string& text) {
+            char* end = nullptr;
+            const double v = std::strtod(text.c_str(), &end);
+            if (text == "max" || (end != text.c_str() && *end == '\0' && std::isinf(v) && v > 0)) {
+                text = "max";
+                return std::string();
+            }
+            return (end != text.c_str() && *end == '\0' && v > 0.0 && v <= kMaxSpeed)
+                       ? std::string()
+                       : "must be a number above 0 and at most 1000000, or max (inf)";
+        },
         "K|max");
     app.add_option("--speed", speed,
-                   "host time runs K times faster than real time; max: as fast as the work "
-                   "allows, the same run every time")
-        ->check(speedCheck);
-    app.add_option("--time-scale", speed, "deprecated: the same as --speed K")->check(positive);
+                   "host time runs K times faster than real time (0 < K <= 1000000); max (or "
+                   "inf): as fast as the work allows, the same run every time")
+        ->transform(speedCheck);
+    app.add_option("--time-scale", speed, "deprecated: the same as --speed K")
+        ->transform(speedCheck);
     app.add_flag("--json", json,
                  "one JSON object per line on stdout for every wire chunk and bus message "
                  "(decoded); the summary goes to stderr");
@@ -550,7 +567,8 @@ int Run(int argc, char** argv) {
             return Fail("cannot read scenario " + error, 1);
         }
     }
-    const long long slackMs = ClockSlackMs(speed == "max" ? 0.0 : std::stod(speed));
+    const double timeScale = speed == "max" ? 0.0 : std::strtod(speed.c_str(), nullptr);
+    const long long slackMs = ClockSlackMs(timeScale);
     obdsim::TripLog trip(drive.get(), slackMs);
     std::unique_ptr<Injector> injector;
     if (!inject.empty()) {
@@ -603,10 +621,10 @@ int Run(int argc, char** argv) {
         hostsim::ClockUseVirtual(0);
         self = std::make_unique<hostsim::Participant>("obd-sim");
         self->Enter();
-    } else if (std::stod(speed) == 1.0) {
+    } else if (timeScale == 1.0) {
         hostsim::ClockUseReal(0);
     } else {
-        hostsim::ClockUseScaled(std::stod(speed), 0);
+        hostsim::ClockUseScaled(timeScale, 0);
     }
     std::unique_ptr<obdsim::BoxSide> box;
     std::unique_ptr<obdbox::BoxEmulator> emulator;
@@ -727,6 +745,10 @@ int Run(int argc, char** argv) {
             facts.realSeconds =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count();
             ran = true;
+            // The shutdown waits on host time (the feeder's steps, the plug-in's release): on a
+            // clock slower than real they would last minutes or days, and a Ctrl-C would seem
+            // ignored. From here time runs at real pace; the change wakes every host sleep.
+            if (!self && timeScale < 1.0) hostsim::ClockUseReal(hostsim::ClockNowMs());
             if (injector) injector->Stop();
             feeder.Stop();
             host.Release();
