@@ -54,11 +54,14 @@
 
 namespace {
 
-volatile sig_atomic_t g_signalled = 0;
+// Set by the handler on whichever thread the signal lands (often the feeder's), read by the main
+// loop: a lock-free atomic is both async-signal-safe and race-free across threads.
+std::atomic<int> g_signalled{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal flag must be lock-free");
 std::atomic<long long> g_hostMs{0};  // last host time the main loop saw, for the crash line
 
 void OnSignal(int) {
-    g_signalled = 1;
+    g_signalled.store(1);
 }
 
 // A crash in the plug-in (or anywhere) still ends in one line and the misbehaviour status. Only
@@ -717,7 +720,7 @@ int Run(int argc, char** argv) {
             for (;;) {
                 const long long now = hostsim::ClockNowMs();
                 g_hostMs = now;
-                if (g_signalled || (endMs >= 0 && now >= endMs)) break;
+                if (g_signalled.load() != 0 || (endMs >= 0 && now >= endMs)) break;
                 if (shownStatus &&
                     std::chrono::steady_clock::now() - shown > std::chrono::milliseconds(100)) {
                     shown = std::chrono::steady_clock::now();
@@ -737,7 +740,7 @@ int Run(int argc, char** argv) {
             // on virtual time they come in turns after this thread's, so the instant is let
             // finish before the trip closes.
             long long finishMs = hostsim::ClockNowMs();
-            if (self && !g_signalled && endMs >= 0) {
+            if (self && g_signalled.load() == 0 && endMs >= 0) {
                 Common::P4X_TMSleepMicroSecond(1000);
                 finishMs = endMs;
             }
