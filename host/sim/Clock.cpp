@@ -39,6 +39,7 @@ void SelectLocked(ClockState& c, ClockMode m, double f, long long startMs) {
     c.offsetUs = startMs * 1000 - static_cast<long long>(c.monoBaseUs);
     c.wallBaseMs = m == ClockMode::Virtual ? kVirtualWallStartMs : SystemEpochMs();
     c.wallHostBaseMs = startMs;
+    c.maxLateUs = 0;
     if (turns) ResetTurnsLocked(c);
     c.ChangedLocked();
 }
@@ -136,6 +137,12 @@ long long ClockNowMs() {
     return c.NowUsLocked() / 1000;
 }
 
+long long ClockMaxLateMs() {
+    ClockState& c = Clock();
+    detail::ClockLock lock(c);
+    return static_cast<long long>(c.maxLateUs / 1000);
+}
+
 void ClockSetWallStart(long long epochMs) {
     ClockState& c = Clock();
     detail::ClockLock lock(c);
@@ -155,6 +162,12 @@ long long ClockNowUs() {
     ClockState& c = Clock();
     detail::ClockLock lock(c);
     return c.NowUsLocked();
+}
+
+void ClockNoteLate(uint64_t deadlineUs) {
+    ClockState& c = Clock();
+    detail::ClockLock lock(c);
+    c.NoteLateLocked(deadlineUs);
 }
 
 uint64_t ClockGeneration() {
@@ -241,7 +254,10 @@ void P4X_TMSleepMicroSecond(unsigned int us) {
             if (hostsim::detail::SleepVirtualLocked(c, lock, deadline)) return;
             continue;  // the mode changed while it slept
         }
-        if (mono >= deadline) return;
+        if (mono >= deadline) {
+            c.NoteLateLocked(deadline);
+            return;
+        }
         if (c.mode == hostsim::ClockMode::Stepped) {
             c.changed.wait(lock.Raw());
         } else {
@@ -283,7 +299,10 @@ bool CTMWaitEvent::WaitMicroSecond(unsigned int us, bool (*ready)(void*), void* 
     for (;;) {
         if (ready != nullptr && ready(arg)) return true;
         const uint64_t mono = c.MonoLocked();
-        if (mono >= deadline) return false;
+        if (mono >= deadline) {
+            c.NoteLateLocked(deadline);
+            return false;
+        }
         if (c.mode == hostsim::ClockMode::Virtual) {
             if (hostsim::detail::EventWaitVirtualLocked(c, lock, m_state->waiters, deadline)) {
                 continue;

@@ -74,6 +74,7 @@ struct ClockState {
     uint64_t generation = 0;
     std::vector<int> wakers;
     std::vector<std::condition_variable*> events;  // of the live CTMWaitEvents
+    uint64_t maxLateUs = 0;                        // see ClockMaxLateMs; since the mode was chosen
 
     // The virtual mode.
     std::vector<Part*> parts;    // registered, in registration order
@@ -95,6 +96,12 @@ struct ClockState {
     long long NowUsLocked() const { return static_cast<long long>(MonoLocked()) + offsetUs; }
     // Called with the mutex held after any change that is not the clock's own running.
     void ChangedLocked();
+    // A wait for `deadlineUs` (mono) ends now: how late it is counts on a running clock only.
+    void NoteLateLocked(uint64_t deadlineUs) {
+        if (Frozen()) return;
+        const uint64_t mono = MonoLocked();
+        if (mono > deadlineUs && mono - deadlineUs > maxLateUs) maxLateUs = mono - deadlineUs;
+    }
 };
 
 ClockState& Clock();

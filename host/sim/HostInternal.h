@@ -27,6 +27,8 @@ namespace detail {
 // Forward-only host time in microseconds: what deadlines are measured in. Moves with the clock
 // except on a jump backwards, which changes only the reported time.
 uint64_t ClockMonoUs();
+// The peripheral's cycle due at `deadlineUs` (mono) runs now (see ClockMaxLateMs).
+void ClockNoteLate(uint64_t deadlineUs);
 // Reported host time in microseconds.
 long long ClockNowUs();
 // Bumped on every change of the clock other than its own running (advance, set, mode change).

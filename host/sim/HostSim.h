@@ -66,6 +66,11 @@ bool ClockAdvance(long long ms);
 // Sets host time to `ms` (>= 0), forwards or backwards (see the header comment for backwards).
 bool ClockSet(long long ms);
 long long ClockNowMs();
+// How far behind its own pace the host fell since the mode was chosen: the most, in host ms, by
+// which a host-time sleep, an event's wait or the peripheral's cycle ran past its deadline. A
+// scaled clock multiplies every real delay of a busy machine by its factor; this says how much
+// that cost. Always 0 on the stepped and virtual clocks, which wait for the work.
+long long ClockMaxLateMs();
 
 // Anchors P4X_TMGetShareTime: the current host time corresponds to `epochMs` (milliseconds since
 // 1970-01-01 00:00:00 UTC); the date then runs with host time. The date is broken down in UTC so

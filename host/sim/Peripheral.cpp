@@ -171,6 +171,7 @@ int CPeripheralBase::ThreadFuncImpl() {
         const uint64_t generation = ClockGeneration();
         const uint64_t mono = ClockMonoUs();
         if (mono >= next) {
+            ClockNoteLate(next);
             PeripheralThreadCycle(ClockNowUs() / 1000);
             st->cycles.fetch_add(1);
             const uint64_t period = static_cast<uint64_t>(st->circleMs.load()) * 1000;

@@ -493,8 +493,9 @@ bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
     if (line != nullptr && fd >= 0) line->peerFd = fd;
     if (!Virtual(c)) {
         int timeout = realTimeoutMs;
+        uint64_t deadline = 0;
         if (untilMs >= 0) {
-            const uint64_t deadline = MonoForHostMs(c, untilMs);
+            deadline = MonoForHostMs(c, untilMs);
             const uint64_t mono = c.MonoLocked();
             if (mono >= deadline) return true;
             if (!c.Frozen()) {
@@ -507,6 +508,10 @@ bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
         lock.unlock();
         pollfd pfd{fd, POLLIN, 0};
         ::poll(&pfd, fd >= 0 ? 1 : 0, timeout);
+        if (untilMs >= 0) {
+            lock.lock();
+            c.NoteLateLocked(deadline);
+        }
         return true;
     }
     const bool holding = p->registered && p->state == State::Running;

@@ -82,6 +82,26 @@ TEST_F(HostTest, ScaledSleepsAreShorterAndBadClockArgumentsAreRefused) {
     EXPECT_EQ(hostsim::ClockNowMs(), 10);
 }
 
+// How far the host fell behind its pace: a wait that ends past its deadline on a running clock
+// counts (a jump makes this one 50 s late); choosing a mode starts the count again, and the
+// frozen clocks wait for the work, so nothing on them is ever late.
+TEST_F(HostTest, LatenessIsCountedOnARunningClockOnly) {
+    ASSERT_TRUE(hostsim::ClockUseScaled(1.0));
+    {
+        Sleeper s(10000);
+        hostsim::ClockAdvance(60000);
+        ASSERT_TRUE(s.WokeWithin(5000));
+    }
+    EXPECT_GE(hostsim::ClockMaxLateMs(), 50000);
+    EXPECT_LT(hostsim::ClockMaxLateMs(), 55000);
+    hostsim::ClockUseStepped(0);
+    EXPECT_EQ(hostsim::ClockMaxLateMs(), 0);
+    Sleeper s(250);
+    hostsim::ClockAdvance(1000);
+    ASSERT_TRUE(s.WokeWithin(5000));
+    EXPECT_EQ(hostsim::ClockMaxLateMs(), 0);
+}
+
 // ---- Virtual time ----
 
 TEST_F(HostTest, VirtualTimeStandsWhileAParticipantRunsAndJumpsToTheEarliestDeadline) {

@@ -77,9 +77,11 @@ TEST_F(RunnerTest, UnusableArgumentsGiveOneLineAndTheirExitCode) {
 TEST_F(RunnerTest, RealPluginRunsForItsHostDurationAndExitsCleanly) {
     const auto start = std::chrono::steady_clock::now();
     // Before the drive's first alarm, at 46 s: a late cycle on a busy machine may skip seconds.
-    Spawn("--duration 40 --speed 400 --box-link-ms 0");  // no link task to wait for at release
-    EXPECT_EQ(Finish(), 0) << err;
-    // 0.1 s expected (and some for the start under a sanitizer), 40 s if the scale were ignored.
+    Spawn("--duration 40 --speed 100 --box-link-ms 0");  // no link task to wait for at release
+    // 5: a machine too busy for the pace saw problems and gave no verdict; still a clean exit.
+    const int rc = Finish();
+    EXPECT_TRUE(rc == 0 || rc == 5) << rc << ": " << err;
+    // 0.4 s expected (and some for the start under a sanitizer), 40 s if the scale were ignored.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
     EXPECT_TRUE(Has(err, "is destruct")) << err;
 }

@@ -15,6 +15,7 @@
 #include "ObdBusRecords.h"
 #include "Reference.h"
 #include "Scenario.h"
+#include "Summary.h"
 #include "Trip.h"
 
 namespace obdsim {
@@ -484,6 +485,73 @@ TEST(Trip, ChecksTellWhenThePlugInMisbehaved) {
             EXPECT_EQ(problems.front().rfind(c.problem, 0), 0u)
                 << c.what << ": " << problems.front();
         }
+    }
+}
+
+// The plug-in's 1 s timer restarts from the cycle that ran it, so on a clock with late cycles its
+// steps last longer and an alarm held for 240 of them comes 12 s late at 1.05 s a step. Counted in
+// its steps that is on time; on an exact clock the same lateness is the plug-in's.
+TEST(Trip, AlarmHoldsCountThePlugInsStepsOnALateClock) {
+    Drive drive;
+    drive.SetExpected({{"over_running", 240, 240, 3}});
+    for (const hostsim::ClockMode mode : {hostsim::ClockMode::Real, hostsim::ClockMode::Virtual}) {
+        if (mode == hostsim::ClockMode::Virtual) hostsim::ClockUseVirtual(0);
+        TripLog trip(&drive, 100);  // a cycle's slack: each step may be that much late
+        trip.OnBus(Msg(500, 6699, Status(true)));
+        for (int step = 1; step <= 300; ++step) {
+            const long long t = step * 1050;
+            trip.OnBus(Msg(t, 6702, Table(10)));
+            trip.OnBus(Msg(t + 1, 6720, Words(step >= 240 && step < 250 ? 4 : 0)));
+        }
+        trip.Finish(300 * 1050);
+        hostsim::ClockUseReal(0);
+        const std::vector<std::string> problems = trip.Problems();
+        EXPECT_NEAR(trip.MeanStepMs(), 1050.0, 0.01);
+        if (mode == hostsim::ClockMode::Real) {
+            EXPECT_TRUE(problems.empty()) << problems.front();
+        } else {
+            ASSERT_EQ(problems.size(), 1u);
+            EXPECT_EQ(problems[0], "engine over-running came at 0:04:12, expected at 0:04:00");
+        }
+    }
+}
+
+// Problems are the plug-in's only when the host kept its pace and the settings are the ones the
+// drive's checks assume.
+TEST(Summary, VerdictBlamesThePlugInOnlyForWhatItDid) {
+    Drive drive;
+    drive.SetExpected({{"over_running", 20, 6, 3}});
+    struct Case {
+        long long behindMs;
+        std::string unjudged;
+        bool problem;
+        std::string verdict, text;
+    };
+    for (const Case& c : std::vector<Case>{
+             {0, "", false, "behaved", "Verdict: the plug-in behaved (timing to within 0.5 s)"},
+             {250, "", true, "misbehaved",
+              "Verdict: the plug-in MISBEHAVED (timing to within 0.8 s)"},
+             {251, "", true, "host behind",
+              "Verdict: not judged: obd-sim fell behind the pace of --speed 20 by up to 0.3 s"},
+             {251, "", false, "behaved", "Verdict: the plug-in behaved (timing to within 0.8 s)"},
+             {0, "--box-stream-ms 0: the box sends no data stream", true, "not judged",
+              "Verdict: not judged (--box-stream-ms 0: the box sends no data stream)\n  seen: "},
+         }) {
+        TripLog trip(&drive, 0);
+        trip.OnBus(Msg(500, 6699, Status(true)));
+        for (int s = 1; s <= 30; ++s) {
+            trip.OnBus(Msg(s * 1000, 6702, Table(10)));
+            trip.OnBus(Msg(s * 1000, 6720, Words(c.problem || (s >= 20 && s < 26) ? 4 : 0)));
+        }
+        trip.Finish(30000);
+        RunFacts facts;
+        facts.slackMs = 500;
+        facts.behindMs = c.behindMs;
+        facts.speed = "20";
+        facts.unjudged = c.unjudged;
+        const Json summary = SummaryJson(trip, nullptr, facts);
+        EXPECT_EQ(summary["verdict"], c.verdict) << c.behindMs << c.unjudged;
+        EXPECT_NE(SummaryText(summary).find(c.text), std::string::npos) << SummaryText(summary);
     }
 }
 

@@ -250,19 +250,25 @@ TEST_F(SimRun, UnusableScenarioOrMisbehavingPlugInEndsWithItsReason) {
         {"--direct-check /nonexistent/s.json", 1, "cannot read /nonexistent/s.json"},
         // Infinity is max (which a real box refuses); a factor that would wrap host time is not.
         {"--speed inf --serial /dev/null", 2, "--speed max: a real box keeps real time"},
-        {"--time-scale 1e300", 2, "--time-scale: must be a number above 0 and at most 1000000"},
+        {"--time-scale 1e300", 2, "--time-scale: must be a number above 0 and at most 100 "},
+        {"--speed 101", 2, "--speed: must be a number above 0 and at most 100 "},
         {"--direct-check " + dir + "/bad.csv", 1, "bad.csv: not a summary written by"},
+        // A box without a data stream is the user's choice: nothing for the plug-in to answer for.
+        {"--speed max --duration 30 --box-stream-ms 0", 0,
+         "Verdict: not judged (--box-stream-ms 0: the box sends no data stream)\n  seen: the "
+         "plug-in never reported the OBD link up"},
         {"--direct-check " + dir + "/other.json", 1,
          "the summary of scenario x.csv, not of built-in"},
 #ifdef HOST_TEST_PLUGIN
         // A program that is no OBD plug-in: the drive runs, the link never comes up.
-        {"--plugin " HOST_TEST_PLUGIN " --time-scale 50 --duration 60", 3,
+        {"--plugin " HOST_TEST_PLUGIN " --speed max --duration 60", 3,
          "obd-sim: plug-in misbehaved: the plug-in never reported the OBD link up\n"},
 #endif
     };
     for (const auto& [args, code, said] : cases) {
         EXPECT_EQ(Run(args), code) << args << ": " << err;
-        EXPECT_NE(err.find(said), std::string::npos) << args << ": " << err;
+        // A failure says why on stderr; a run that ends says it in its summary.
+        EXPECT_NE((code == 0 ? out : err).find(said), std::string::npos) << args << ": " << err;
     }
 }
 

@@ -35,8 +35,9 @@ struct DriveSample {
 
 // An alarm that a drive is written to provoke. The analyser raises it once its condition has held
 // for `holdS` of its once-a-second runs, nominally at `startS` of vehicle time. The plug-in runs
-// them when a 100 ms cycle finds a second or more gone since the last run, so its "second" lasts
-// up to a tenth longer and a long hold ends later in vehicle time: up to holdS / 10.
+// them when a 100 ms cycle finds a second or more gone since the last run, so on a clock with
+// late cycles its "second" lasts longer and a long hold ends later in vehicle time (TripLog
+// counts the hold in the steps the plug-in made).
 struct ExpectedAlarm {
     std::string key;  // ObdNames alarm key
     double startS;

@@ -13,6 +13,9 @@ namespace {
 
 // Up to this many alarms are listed one by one; more are shown by kind.
 constexpr size_t kListedAlarms = 24;
+// A host this far behind has fed the plug-in samples a quarter of a second stale and run its
+// seconds late: what the checks then see may be the host's own doing.
+constexpr long long kBehindLimitMs = 250;
 
 double Seconds(long long ms) {
     return static_cast<double>(ms) / 1000.0;
@@ -180,7 +183,23 @@ Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const 
     j["problems"] = problems;
     j["ok"] = problems.empty();
     j["checked"] = trip.DriveOf() != nullptr;
-    j["slack_s"] = Seconds(facts.slackMs);
+    j["slack_s"] = Seconds(facts.slackMs + facts.behindMs);
+    j["behind_s"] = Seconds(facts.behindMs);
+    j["speed"] = facts.speed;
+    j["step_s"] = std::round(trip.MeanStepMs()) / 1000.0;
+    if (trip.DriveOf() == nullptr) {
+        j["verdict"] = "not judged";
+        j["unjudged"] = "the checks need the built-in box";
+    } else if (!facts.unjudged.empty()) {
+        j["verdict"] = "not judged";
+        j["unjudged"] = facts.unjudged;
+    } else if (problems.empty()) {
+        j["verdict"] = "behaved";
+    } else if (facts.behindMs > kBehindLimitMs) {
+        j["verdict"] = "host behind";
+    } else {
+        j["verdict"] = "misbehaved";
+    }
     return j;
 }
 
@@ -295,11 +314,25 @@ std::string SummaryText(const Json& s) {
 
     t += LinkText(s["link"]);
 
-    const std::string slack = "timing to within " + Fmt("%.1f", s["slack_s"].get<double>()) + " s";
-    if (!s["checked"].get<bool>()) {
-        t += "\nVerdict: not judged (the checks need the built-in box)\n";
-    } else if (s["ok"].get<bool>()) {
+    std::string slack = "timing to within " + Fmt("%.1f", s["slack_s"].get<double>()) + " s";
+    const double step = s["step_s"].get<double>();
+    if (step > 1.005) {
+        slack += "; its 1 s step took " + Fmt("%.3f", step) +
+                 " s on average, stretched by late cycles, and an alarm's hold counts its steps";
+    }
+    const std::string verdict = Str(s, "verdict");
+    const std::string behind = Fmt("%.1f", s["behind_s"].get<double>()) + " s of host time";
+    if (verdict == "not judged") {
+        t += "\nVerdict: not judged (" + Str(s, "unjudged") + ")\n";
+        for (const Json& p : s["problems"]) t += "  seen: " + p.get<std::string>() + "\n";
+    } else if (verdict == "behaved") {
         t += "\nVerdict: the plug-in behaved (" + slack + ")\n";
+    } else if (verdict == "host behind") {
+        t += "\nVerdict: not judged: obd-sim fell behind the pace of --speed " + Str(s, "speed") +
+             " by up to " + behind +
+             ", so what it saw may be its own lag (a busy machine, or a "
+             "speed it cannot hold: try a lower --speed, or max)\n";
+        for (const Json& p : s["problems"]) t += "  seen: " + p.get<std::string>() + "\n";
     } else {
         t += "\nVerdict: the plug-in MISBEHAVED (" + slack + ")\n";
         for (const Json& p : s["problems"]) t += "  - " + p.get<std::string>() + "\n";

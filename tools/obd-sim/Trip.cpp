@@ -50,6 +50,12 @@ void AlarmEpisodes::Step(long long tMs, const uint64_t words[4]) {
 
 TripLog::TripLog(const Drive* drive, long long slackMs) : m_drive(drive), m_slackMs(slackMs) {}
 
+long long TripLog::Slack() const {
+    // A host that fell behind its pace delivers everything that much later: that is its own
+    // lateness, not the plug-in's.
+    return m_slackMs + hostsim::ClockMaxLateMs();
+}
+
 void TripLog::Problem(const std::string& text) {
     if (m_problems.size() < kMaxProblems) m_problems.push_back(text);
 }
@@ -67,7 +73,7 @@ void TripLog::CheckGap(int id, long long& last, long long nowMs) {
         return;
     }
     const long long from = last < 0 ? m_linkUpMs : last;
-    const long long limit = (last < 0 ? kFirstBroadcastMs : kStepMs) + m_slackMs;
+    const long long limit = (last < 0 ? kFirstBroadcastMs : kStepMs) + Slack();
     if (m_drive != nullptr && !Suspended() && nowMs - from > limit) {
         Problem("no " + std::string(id == MSG_OBD_ORIGINAL_DATA ? "OBD data" : "alarm") +
                 " broadcast (" + std::to_string(id) + ") from " + Clock(from) + " to " +
@@ -90,7 +96,7 @@ void TripLog::CheckFollows(const hostsim::BusMessage& m) {
     if (m_drive == nullptr || m_frames.empty() || Suspended()) return;
     ObdOriginalDataMsg_t msg;
     std::memcpy(&msg, m.payload.data(), sizeof(msg));
-    const long long window = kStaleMs + m_slackMs;
+    const long long window = kStaleMs + Slack();
     while (!m_frames.empty() && m_frames.front().tMs < m.tMs - window) m_frames.pop_front();
     // The table follows the box when some frame sent lately left it as it is: the values of every
     // item the frame carried (later frames may have replaced some).
@@ -128,6 +134,7 @@ void TripLog::OnBus(const hostsim::BusMessage& m) {
         case MSG_GDS_ALARM: {
             uint64_t words[4];
             if (!AlarmWords(m.payload, words)) break;
+            m_steps.push_back(m.tMs);
             CheckGap(m.id, m_lastAlarmMs, m.tMs);
             std::copy(words, words + 4, m_words);
             m_alarms.Step(m.tMs, words);
@@ -197,24 +204,38 @@ void TripLog::Finish(long long endMs) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_endMs = endMs;
     if (m_drive == nullptr) return;
-    if (m_linkUpMs < 0 && endMs > kLinkUpMs + m_slackMs) {
+    if (m_linkUpMs < 0 && endMs > kLinkUpMs + Slack()) {
         Problem("the plug-in never reported the OBD link up");
     }
     // A broadcast that stopped before the end has no later one to show the gap.
     const std::pair<int, long long> lasts[] = {{MSG_OBD_ORIGINAL_DATA, m_lastObdMs},
                                                {MSG_GDS_ALARM, m_lastAlarmMs}};
     for (auto [id, last] : lasts) {
-        if (m_linkUpMs >= 0 && (last < 0 || endMs - last > kStepMs + m_slackMs)) {
+        if (m_linkUpMs >= 0 && (last < 0 || endMs - last > kStepMs + Slack())) {
             CheckGap(id, last, endMs);
         }
     }
     if (m_drive->Expected().empty()) return;
-    const long long tolerance = kAlarmToleranceMs + m_slackMs;
+    const long long tolerance = kAlarmToleranceMs + Slack();
+    // An alarm whose condition must hold for H of the plug-in's steps comes H steps after the
+    // condition began. On a clock that was late those steps last longer than a second (see
+    // MeanStepMs), so its time is counted in the steps the plug-in actually made; an exact clock
+    // is never late, and there a step must be a second.
+    const hostsim::ClockMode mode = hostsim::ClockGetMode();
+    const bool exactClock = mode != hostsim::ClockMode::Real && mode != hostsim::ClockMode::Scaled;
+    const auto stepsLate = [&](long long atMs, double holdS) -> long long {
+        if (exactClock || holdS <= 0.0) return 0;
+        const long long began = atMs - std::llround(holdS * 1000.0);
+        const auto first = std::lower_bound(m_steps.begin(), m_steps.end(), began);
+        const auto held = static_cast<std::ptrdiff_t>(std::llround(holdS));
+        if (m_steps.end() - first <= held) return 0;
+        return std::max(0LL, *(first + held) - atMs);
+    };
     std::vector<AlarmEvent>& alarms = m_alarms.Events();
     std::vector<bool> named(alarms.size(), false);
     for (const ExpectedAlarm& e : m_drive->Expected()) {
         const long long at = std::llround(e.startS * 1000.0);
-        const long long late = std::llround(e.holdS * 100.0);
+        const long long late = stepsLate(at, e.holdS);
         const int alarm = AlarmIndex(e.key);
         // An alarm that drops for a moment and comes back within the tolerance is one event: its
         // checks count whole seconds of a clock that may be late.
@@ -278,6 +299,13 @@ Json TripLog::Box() const {
 long long TripLog::LinkUpMs() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_linkUpMs;
+}
+
+double TripLog::MeanStepMs() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_steps.size() < 2) return 0.0;
+    return static_cast<double>(m_steps.back() - m_steps.front()) /
+           static_cast<double>(m_steps.size() - 1);
 }
 
 long long TripLog::EndMs() const {

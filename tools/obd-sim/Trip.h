@@ -60,7 +60,8 @@ class AlarmEpisodes {
 class TripLog {
   public:
     // `drive` is what the built-in box plays (null: a real box, or none). `slackMs`: how late a
-    // clock may deliver a periodic event (0 on an exact clock).
+    // clock may deliver a periodic event when it keeps its pace (0 on an exact clock); the host's
+    // measured lateness (hostsim::ClockMaxLateMs) comes on top.
     TripLog(const Drive* drive, long long slackMs);
 
     // Every outbound bus message, in order (the bus thread).
@@ -84,6 +85,10 @@ class TripLog {
     // The last status record (decoded), null before any.
     Json Box() const;
     long long LinkUpMs() const;
+    // The plug-in's mean 1 s step (ms between its alarm broadcasts), 0 before two of them. Its
+    // 1 s timer restarts from the cycle that ran it, so every late cycle of the host stretches
+    // the step (as on the recorder): on a real or scaled clock it comes out above 1000.
+    double MeanStepMs() const;
     long long EndMs() const;
     const Drive* DriveOf() const { return m_drive; }
 
@@ -96,6 +101,7 @@ class TripLog {
     void CheckGap(int id, long long& last, long long nowMs);
     void CheckFollows(const hostsim::BusMessage& m);
     bool Suspended() const;
+    long long Slack() const;
 
     const Drive* m_drive;
     const long long m_slackMs;
@@ -107,6 +113,7 @@ class TripLog {
     int m_linkState = -1;  // obd_state bit 0 of the last status record, -1 before any
     long long m_linkUpMs = -1;
     long long m_lastObdMs = -1, m_lastAlarmMs = -1;
+    std::vector<long long> m_steps;  // host times of the plug-in's alarm broadcasts
     bool m_upgrading = false, m_poweredDown = false;
     std::deque<Frame> m_frames;  // the box's recent frames
     long long m_staleSinceMs = -1;
