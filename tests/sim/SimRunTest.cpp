@@ -73,6 +73,11 @@ TEST_F(SimRun, BuiltInDriveGivesEachAlarmOnceAndDecodedMessages) {
     const Json s = Summary();
     EXPECT_TRUE(s["ok"].get<bool>()) << s["problems"].dump();
     EXPECT_EQ(Keys(s), Keys(drive));
+    // An alarm without levels has none in the JSON either, as the text's "-" says.
+    for (const Json& a : s["alarms"]) {
+        EXPECT_EQ(a["level"].is_null(), a["key"] == "cold_start") << a.dump();
+    }
+    EXPECT_NE(err.find("        -  cold start\n"), std::string::npos) << err;
     const float km = drive.ItemsAt(drive.DurationS()).value[OBD_IDX_MILEAGE] -
                      drive.ItemsAt(0).value[OBD_IDX_MILEAGE];
     EXPECT_NEAR(s["statistics"]["distance_km"].get<double>(), km, 0.01);

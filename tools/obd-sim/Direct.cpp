@@ -32,7 +32,7 @@ Json DirectAlarms(const Drive& drive, ReferenceAnalyser& reference) {
     for (const AlarmEvent& e : episodes.Events()) {
         alarms.push_back({{"key", Alarm(e.alarm).key},
                           {"title", Alarm(e.alarm).title},
-                          {"level", e.level},
+                          {"level", Alarm(e.alarm).graded ? Json(e.level) : Json(nullptr)},
                           {"start_s", static_cast<double>(e.startMs) / 1000.0},
                           {"duration_s", static_cast<double>(e.UntilMs() - e.startMs) / 1000.0},
                           {"active", e.endMs < 0}});

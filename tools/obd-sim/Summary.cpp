@@ -148,7 +148,7 @@ Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const 
     for (const AlarmEvent& e : trip.Alarms()) {
         alarms.push_back({{"key", Alarm(e.alarm).key},
                           {"title", Alarm(e.alarm).title},
-                          {"level", e.level},
+                          {"level", Alarm(e.alarm).graded ? Json(e.level) : Json(nullptr)},
                           {"start_s", Seconds(e.startMs)},
                           {"duration_s", Seconds(e.UntilMs() - e.startMs)},
                           {"active", e.endMs < 0},
@@ -159,10 +159,11 @@ Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const 
         Json missing = Json::array();
         for (const ExpectedAlarm& e : trip.Missing()) {
             const int a = AlarmIndex(e.key);
-            missing.push_back({{"key", e.key},
-                               {"title", a >= 0 ? Alarm(a).title : e.key.c_str()},
-                               {"level", e.level},
-                               {"start_s", e.startS}});
+            missing.push_back(
+                {{"key", e.key},
+                 {"title", a >= 0 ? Alarm(a).title : e.key.c_str()},
+                 {"level", a >= 0 && !Alarm(a).graded ? Json(nullptr) : Json(e.level)},
+                 {"start_s", e.startS}});
         }
         j["missing_alarms"] = missing;
     }
@@ -237,7 +238,7 @@ std::string SummaryText(const Json& s) {
                 if (times++ == 0) first = a["start_s"].get<double>();
                 longest = std::max(longest, d);
                 total += d;
-                level = std::max(level, a["level"].get<int>());
+                if (a["level"].is_number()) level = std::max(level, a["level"].get<int>());
             }
             if (times == 0) continue;
             char line[160];

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -44,11 +45,17 @@ void Trace(int line) {
     std::fflush(stdout);
 }
 
-// Size of the file at `path`, or -1 with the C library's message.
+// Size of the file at `path`, or -1 with the C library's message. The message names the file:
+// the path is fixed at build time, and a missing file is the usual field fault.
 long long FileSize(const char* path) {
     struct stat64 st;
-    if (path == nullptr || stat64(path, &st) != 0) {
+    if (path == nullptr) {
         std::perror("stat64()");
+        return -1;
+    }
+    if (stat64(path, &st) != 0) {
+        const int error = errno;
+        std::fprintf(stderr, "stat64(): %s: %s\n", path, std::strerror(error));
         return -1;
     }
     return static_cast<long long>(st.st_size);
