@@ -221,6 +221,27 @@ TEST_F(SimRun, RealTripGivesWhatItsDriverWouldRecognise) {
         << out;
 }
 
+// The README's recipe for a log that obd-frame reads: both directions, each frame at its time.
+TEST_F(SimRun, TracedRunDecodesToRequestsAndAnswersAtTheirTimes) {
+    ASSERT_EQ(
+        RunShell(OBD_SIM_LAUNCHER
+                 " " OBD_SIM " --speed max --trace --log-level 2 --dump-level 2 --duration 12 >" +
+                 dir + "/run.log 2>&1 </dev/null"),
+        0)
+        << Slurp("/run.log");
+    ASSERT_EQ(RunShell(OBD_SIM_LAUNCHER " " OBD_FRAME " " + dir + "/run.log >" + dir + "/out 2>" +
+                       dir + "/err"),
+              0)
+        << Slurp("/err");
+    const std::string frames = Slurp("/out");
+    EXPECT_EQ(frames.rfind("# log input, source wire", 0), 0u) << frames.substr(0, 400);
+    EXPECT_NE(frames.find("0 ms  to_box  seq 1  STOP_TS (0x2C04)"), std::string::npos) << frames;
+    EXPECT_NE(frames.find("0 ms  from_box  seq 1  STOP_TS_ACK (0x6C04)"), std::string::npos);
+    // The stream's frames a second apart, as the box sent them.
+    EXPECT_NE(frames.find("\n1000 ms  from_box"), std::string::npos) << frames;
+    EXPECT_NE(frames.find(", 0 bad checksum, 0 unknown code, 0 truncated"), std::string::npos);
+}
+
 TEST_F(SimRun, AlarmStillOnAtTheEndCountsToTheEndOfTheTrip) {
     // Idling at 13 V: the battery alarm from the analyser's 121st second to the drive's last,
     // 200 s: 81 seconds in the summary, its JSON and the report alike.
