@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -184,6 +185,8 @@ TEST(Report, ThinningKeepsEveryPeakAndNeverThinsTheTables) {
         ++rows;
     }
     EXPECT_EQ(rows, 300u);
+    EXPECT_NE(page.find("<tr class=\"kind\" data-kind=\"over_running\">"), std::string::npos);
+    EXPECT_NE(page.find("<td class=\"count\">300</td>"), std::string::npos);
     EXPECT_NE(page.find("Trip report: a &lt;long&gt; trip"), std::string::npos);
     EXPECT_EQ(page.find("<long>"), std::string::npos);
     EXPECT_NE(page.find("Thinned for drawing"), std::string::npos);
@@ -250,32 +253,85 @@ TEST_F(SimReport, LinkFiguresShowTheFaultsOfTheBoxOnTheLine) {
 }
 
 #if defined(OBD_HAVE_PNG) && defined(OBD_CHROMIUM)
-// Pixels of the screenshot within `tolerance` of the colour.
-int CountColour(const std::string& png, uint8_t r, uint8_t g, uint8_t b, int tolerance) {
+struct Rgb {
+    int r, g, b;
+};
+
+Rgb ParseRgb(const Json& text) {
+    Rgb c{-1, -1, -1};
+    if (text.is_string())
+        std::sscanf(text.get<std::string>().c_str(), "rgb(%d,%d,%d)", &c.r, &c.g, &c.b);
+    return c;
+}
+
+// Pixels of the screenshot within `tolerance` of the colour, inside [x0,x1) x [y0,y1) when given.
+int CountColour(const std::string& png, Rgb c, int tolerance, const Json& area = Json()) {
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     if (!png_image_begin_read_from_file(&image, png.c_str())) return -1;
     image.format = PNG_FORMAT_RGB;
     std::vector<uint8_t> pixels(PNG_IMAGE_SIZE(image));
     if (!png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr)) return -1;
+    const bool all = !area.is_array();
     int n = 0;
-    for (size_t i = 0; i + 2 < pixels.size(); i += 3) {
-        n += std::abs(pixels[i] - r) <= tolerance && std::abs(pixels[i + 1] - g) <= tolerance &&
-             std::abs(pixels[i + 2] - b) <= tolerance;
+    for (int y = 0; y < static_cast<int>(image.height); ++y) {
+        for (int x = 0; x < static_cast<int>(image.width); ++x) {
+            if (!all && (x < area[0].get<int>() || y < area[1].get<int>() ||
+                         x >= area[2].get<int>() || y >= area[3].get<int>())) {
+                continue;
+            }
+            const uint8_t* p = &pixels[(static_cast<size_t>(y) * image.width + x) * 3];
+            n += std::abs(p[0] - c.r) <= tolerance && std::abs(p[1] - c.g) <= tolerance &&
+                 std::abs(p[2] - c.b) <= tolerance;
+        }
     }
     return n;
+}
+
+int Seconds(const std::string& clock) {
+    int h = -1, m = -1, s = -1;
+    return std::sscanf(clock.c_str(), "%d:%d:%d", &h, &m, &s) == 3 ? h * 3600 + m * 60 + s : -1;
+}
+
+// The time axis' labels: five to twelve, evenly spaced by a round step, on multiples of it, inside
+// the visible range.
+void ExpectRoundTicks(const Json& layout) {
+    const Json& ticks = layout["ticks"];
+    ASSERT_GE(ticks.size(), 5u) << ticks.dump();
+    ASSERT_LE(ticks.size(), 12u) << ticks.dump();
+    const int step = Seconds(ticks[1]) - Seconds(ticks[0]);
+    const std::vector<int> round = {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600};
+    EXPECT_NE(std::find(round.begin(), round.end(), step), round.end()) << ticks.dump();
+    for (size_t i = 0; i < ticks.size(); ++i) {
+        const int t = Seconds(ticks[i]);
+        EXPECT_EQ(t % step, 0) << ticks.dump();
+        if (i > 0) {
+            EXPECT_EQ(t - Seconds(ticks[i - 1]), step) << ticks.dump();
+        }
+        EXPECT_GE(t, layout["range"][0].get<double>() - 0.5);
+        EXPECT_LE(t, layout["range"][1].get<double>() + 0.5);
+    }
 }
 
 // The real recorded trip (hours, 142 alarms, no inertial data) and a scenario with six-axis data.
 TEST_F(SimReport, PageRendersInABrowserWithThePlotAndEveryAlarm) {
     const std::string browser = OBD_CHROMIUM
         " --headless --no-sandbox --disable-gpu --hide-scrollbars --window-size=1300,1800 ";
+    const std::string page = dir + "/trip.html";
+    // What the page's script reports of itself: visible range, tick labels, areas and colours.
+    auto layoutOf = [&](const std::string& dom) {
+        const size_t at = dom.find("<output id=\"layout\" hidden=\"\">");
+        if (at == std::string::npos) return Json();
+        const size_t from = dom.find('>', at) + 1;
+        const Json j =
+            Json::parse(dom.substr(from, dom.find("</output>", from) - from), nullptr, false);
+        return j.is_discarded() ? Json() : j;
+    };
     for (const std::string args :
          {"--scenario " OBD_SOURCE_DIR "/tests/data/polidriving/andres_20231222_134710.csv "
           "--columns polidriving",
           "--scenario " OBD_SOURCE_DIR "/tools/obd-sim/scenarios/rough-road.csv"}) {
         SCOPED_TRACE(args);
-        const std::string page = dir + "/trip.html";
         ASSERT_EQ(Sim(args + " --speed max --report " + page + " --summary-json " + dir +
                       "/summary.json"),
                   0)
@@ -289,25 +345,73 @@ TEST_F(SimReport, PageRendersInABrowserWithThePlotAndEveryAlarm) {
         const size_t painted = dom.find("data-painted=\"");
         ASSERT_NE(painted, std::string::npos) << dom.substr(0, 400);
         EXPECT_GT(std::stol(dom.substr(painted + 14)), 5000);
-        // Every alarm has its row, with its start.
+        // Every alarm has its row, with its start, and every kind its count.
         size_t rows = 0;
         for (size_t at = 0; (at = dom.find("<tr data-key=", at)) != std::string::npos; ++at) ++rows;
         EXPECT_EQ(rows, s["alarms"].size());
+        std::map<std::string, int> counts;
         for (const Json& a : s["alarms"]) {
+            ++counts[a["key"].get<std::string>()];
             const std::string row = "<tr data-key=\"" + a["key"].get<std::string>() + "\"><td>" +
                                     Dur(a["start_s"].get<double>()) + "</td>";
             EXPECT_NE(dom.find(row), std::string::npos) << row;
+        }
+        size_t kindRows = 0;
+        for (size_t at = 0; (at = dom.find("<tr class=\"kind\"", at)) != std::string::npos; ++at)
+            ++kindRows;
+        EXPECT_EQ(kindRows, counts.size());
+        for (const auto& [key, n] : counts) {
+            const size_t at = dom.find("<tr class=\"kind\" data-kind=\"" + key + "\">");
+            ASSERT_NE(at, std::string::npos) << key;
+            const size_t count = dom.find("<td class=\"count\">", at);
+            ASSERT_NE(count, std::string::npos) << key;
+            EXPECT_EQ(std::stoi(dom.substr(count + 18)), n) << key;
         }
         char distance[64];
         std::snprintf(distance, sizeof(distance), "<span id=\"distance\">%.2f</span>",
                       s["statistics"]["distance_km"].get<double>());
         EXPECT_NE(dom.find(distance), std::string::npos) << distance;
-        // What a person sees: the speed line drawn in its colour on the screenshot.
+
+        const Json layout = layoutOf(dom);
+        ASSERT_TRUE(layout.is_object()) << "no layout";
+        EXPECT_EQ(layout["range"], Json::array({0, s["vehicle_s"]}));
+        ExpectRoundTicks(layout);
+        // The alarm strip lies below the plot of the lines and above the six-axis plot.
+        const Json& plot = layout["plot"];
+        const Json& strip = layout["strip"];
+        ASSERT_TRUE(plot.is_array() && strip.is_array()) << layout.dump();
+        EXPECT_GE(strip[1].get<int>(), plot[3].get<int>()) << layout.dump();
+        if (layout["motion"].is_array()) {
+            EXPECT_GE(layout["motion"][1].get<int>(), strip[3].get<int>()) << layout.dump();
+        }
+        // No alarm colour is a line colour, nor close to one.
+        ASSERT_EQ(layout["alarms"].size(), counts.size());
+        for (const Json& a : layout["alarms"]) {
+            for (const Json& l : layout["lines"]) {
+                const Rgb x = ParseRgb(a), y = ParseRgb(l);
+                EXPECT_GT(std::hypot(x.r - y.r, x.g - y.g, x.b - y.b), 60.0) << a << " " << l;
+            }
+        }
+        // What a person sees: the speed line drawn in its colour, the alarms in their strip and
+        // nowhere in the plot of the lines.
         const std::string shot = dir + "/trip.png";
         ASSERT_EQ(Shell(browser + "--screenshot=" + shot + " file://" + page + " >/dev/null 2>&1"),
                   0);
-        EXPECT_GT(CountColour(shot, 31, 119, 180, 40), 300);  // 24 with no speed line drawn
+        EXPECT_GT(CountColour(shot, {31, 119, 180}, 40), 300);  // 24 with no speed line drawn
+        for (const Json& a : layout["alarms"]) {
+            EXPECT_GT(CountColour(shot, ParseRgb(a), 6, strip), 20) << a;
+            EXPECT_LT(CountColour(shot, ParseRgb(a), 6, plot), 10) << a;
+        }
     }
+    // A span of the last trip, asked in the address: the plots show just that span, with its own
+    // round ticks.
+    ASSERT_EQ(
+        Shell(browser + "--dump-dom 'file://" + page + "#t=30-90' >" + dir + "/dom 2>/dev/null"),
+        0);
+    const Json zoomed = layoutOf(Slurp(dir + "/dom"));
+    ASSERT_TRUE(zoomed.is_object()) << "no layout";
+    EXPECT_EQ(zoomed["range"], Json::array({30, 90}));
+    ExpectRoundTicks(zoomed);
 }
 #elif defined(OBD_BROWSER_MISSING)
 TEST_F(SimReport, PageRendersInABrowserWithThePlotAndEveryAlarm) {

@@ -68,30 +68,85 @@ std::string Row(std::initializer_list<std::string> cells, const char* tag = "td"
     return r + "</tr>\n";
 }
 
+// Colours for the alarm kinds, far from every line colour of the plots (the script's), so that an
+// alarm is never read as a line; kinds past the eighth share a colour, their lanes keep them apart.
+const char* const kAlarmColours[] = {"rgb(231,41,138)", "rgb(0,210,210)",  "rgb(188,189,34)",
+                                     "rgb(0,0,139)",    "rgb(0,90,80)",    "rgb(40,40,40)",
+                                     "rgb(102,0,153)",  "rgb(255,160,220)"};
+
+struct AlarmKind {
+    std::string key, title, colour;
+    std::vector<const Json*> episodes;
+};
+
+// The kinds in the order of their first episode.
+std::vector<AlarmKind> AlarmKinds(const Json& alarms) {
+    std::vector<AlarmKind> kinds;
+    for (const Json& a : alarms) {
+        const std::string key = a["key"].get<std::string>();
+        auto k = std::find_if(kinds.begin(), kinds.end(),
+                              [&](const AlarmKind& x) { return x.key == key; });
+        if (k == kinds.end()) {
+            const size_t n = sizeof(kAlarmColours) / sizeof(kAlarmColours[0]);
+            kinds.push_back(
+                {key, a["title"].get<std::string>(), kAlarmColours[kinds.size() % n], {}});
+            k = kinds.end() - 1;
+        }
+        k->episodes.push_back(&a);
+    }
+    return kinds;
+}
+
+std::string EpisodeRow(const Json& a) {
+    const int k = AlarmIndex(a["key"].get<std::string>());
+    const bool graded = k >= 0 && Alarm(k).graded;
+    return "<tr data-key=\"" + Esc(a["key"].get<std::string>()) + "\"><td>" +
+           Dur(a["start_s"].get<double>()) + "</td><td>" + Dur(a["duration_s"].get<double>()) +
+           (a["active"].get<bool>() ? " (on at the end)" : "") + "</td><td>" +
+           (graded ? a["level"].dump() : "-") + "</td></tr>\n";
+}
+
+// One row per kind with its count, total and longest time; its episodes folded beneath, since a
+// trip of hours has a hundred of them.
 std::string AlarmsTable(const Json& summary) {
     const Json& alarms = summary["alarms"];
     std::string t = "<section id=\"alarms\"><h2>Alarms</h2>\n";
-    if (alarms.empty()) return t + "<p>No alarm was broadcast.</p></section>\n";
-    t += "<p>" + std::to_string(alarms.size()) +
-         " alarms, as the plug-in's alarm broadcasts carried them.</p>\n<table>\n";
-    t += Row({"start", "duration", "level", "alarm"}, "th");
-    for (const Json& a : alarms) {
-        const int k = AlarmIndex(a["key"].get<std::string>());
-        const bool graded = k >= 0 && Alarm(k).graded;
-        t += "<tr data-key=\"" + Esc(a["key"].get<std::string>()) + "\"><td>" +
-             Dur(a["start_s"].get<double>()) + "</td><td>" + Dur(a["duration_s"].get<double>()) +
-             (a["active"].get<bool>() ? " (on at the end)" : "") + "</td><td>" +
-             (graded ? a["level"].dump() : "-") + "</td><td>" + Esc(a["title"].get<std::string>()) +
-             "</td></tr>\n";
+    if (alarms.empty()) {
+        t += "<p>No alarm was broadcast.</p>\n";
+    } else {
+        const std::vector<AlarmKind> kinds = AlarmKinds(alarms);
+        t += "<p>" + std::to_string(alarms.size()) + " alarms of " + std::to_string(kinds.size()) +
+             " kinds, as the plug-in's alarm broadcasts carried them.</p>\n<table "
+             "class=\"kinds\">\n";
+        t += Row({"alarm", "count", "total", "longest", "episodes (start, duration, level)"}, "th");
+        for (const AlarmKind& k : kinds) {
+            double total = 0, longest = 0;
+            for (const Json* a : k.episodes) {
+                total += (*a)["duration_s"].get<double>();
+                longest = std::max(longest, (*a)["duration_s"].get<double>());
+            }
+            t += "<tr class=\"kind\" data-kind=\"" + Esc(k.key) +
+                 "\"><td><i style=\"background:" + k.colour + "\"></i>" + Esc(k.title) +
+                 "</td><td class=\"count\">" + std::to_string(k.episodes.size()) + "</td><td>" +
+                 Dur(total) + "</td><td>" + Dur(longest) + "</td><td><details><summary>" +
+                 std::to_string(k.episodes.size()) +
+                 (k.episodes.size() == 1 ? " episode" : " episodes") +
+                 "</summary><table class=\"episodes\">\n";
+            for (const Json* a : k.episodes) t += EpisodeRow(*a);
+            t += "</table></details></td></tr>\n";
+        }
+        t += "</table>\n";
     }
-    if (summary.contains("missing_alarms")) {
+    if (summary.contains("missing_alarms") && !summary["missing_alarms"].empty()) {
+        t += "<p>Expected but never broadcast:</p>\n<table>\n";
         for (const Json& m : summary["missing_alarms"]) {
             t += "<tr class=\"missing\"><td>" + Dur(m["start_s"].get<double>()) +
                  "</td><td>missing</td><td>" + m["level"].dump() + "</td><td>" +
                  Esc(m["title"].get<std::string>()) + "</td></tr>\n";
         }
+        t += "</table>\n";
     }
-    return t + "</table></section>\n";
+    return t + "</section>\n";
 }
 
 std::string Bands(const char* title, const Json& bands, bool fuel) {
@@ -209,84 +264,149 @@ body { font: 14px/1.4 sans-serif; margin: 1.5em; color: #222; max-width: 1400px;
 h1 { font-size: 1.5em; margin-bottom: 0.2em; }
 h2 { font-size: 1.15em; margin: 1.2em 0 0.4em; border-bottom: 1px solid #ccc; }
 table { border-collapse: collapse; margin: 0.4em 0 0.8em; }
-td, th { padding: 2px 10px; text-align: left; border-bottom: 1px solid #eee; }
+td, th { padding: 2px 10px; text-align: left; border-bottom: 1px solid #eee; vertical-align: top; }
 table.bands td, table.bands th { text-align: right; }
+table.kinds { width: 100%; }
+table.kinds i { display: inline-block; width: 12px; height: 12px; margin-right: 6px; vertical-align: -1px; }
+table.episodes { margin: 0.2em 0; }
+table.episodes td { border: none; padding: 0 10px 0 0; }
+details summary { cursor: pointer; color: #555; }
+.columns { display: grid; grid-template-columns: repeat(auto-fit, minmax(560px, 1fr)); gap: 0 2.5em; }
+.columns section > table:not(.bands) { width: 100%; }
 .verdict { font-weight: bold; padding: 4px 8px; display: inline-block; }
 .ok { background: #e3f4e3; } .bad { background: #f8dcdc; }
-.chart { position: relative; height: 340px; margin-bottom: 0.6em; }
-.chart.small { height: 200px; }
+.chart { position: relative; height: 340px; }
+.chart.small { height: 240px; margin-top: 0.6em; }
+.chart.strip { height: 60px; }
+.chart canvas { cursor: crosshair; }
+.chart .selection { position: absolute; top: 0; bottom: 0; background: rgba(0,0,0,0.08); pointer-events: none; }
+#zoom { margin: 0.3em 0 0.5em; }
+#zoom input { width: 6em; }
 tr.missing td { color: #b00; }
 .note { color: #666; font-size: 0.9em; }
-#legend span { display: inline-block; margin-right: 1em; }
-#legend i { display: inline-block; width: 12px; height: 12px; margin-right: 4px; vertical-align: -1px; }
 )css";
 
-// Draws the charts from TRIP; leaves the count of painted pixels on <body data-painted>, so that
-// a browser test can tell a drawn plot from an empty canvas.
+// Draws the charts from TRIP. The alarms get a strip of their own under the time axis, a lane per
+// kind labelled once, so that neither labels nor colours mix with the lines however busy the trip.
+// For a browser test, the script leaves the count of painted pixels on <body data-painted> and
+// the visible range, the time axis' labels, the plot areas (page pixels) and the colours in
+// <output id="layout">.
 const char* const kScript = R"js(
 (function () {
-  const palette = ['214,39,40', '255,127,14', '148,103,189', '140,86,75', '227,119,194',
-    '188,189,34', '23,190,207', '127,127,127'];
-  const kinds = [...new Set(TRIP.alarms.map(a => a.key))];
-  const colour = (key, alpha) => 'rgba(' + palette[kinds.indexOf(key) % palette.length] + ',' + alpha + ')';
   const clock = s => { s = Math.round(s); const h = Math.floor(s / 3600), m = Math.floor(s / 60) % 60;
     return h + ':' + String(m).padStart(2, '0') + ':' + String(s % 60).padStart(2, '0'); };
-  // The alarms as bands: a faint one behind the lines, and a strip in a lane of its own per kind
-  // along the top, so that a trip of hours with long and overlapping alarms stays readable. A
-  // short list also gets a label at each band's start.
-  const lane = 9;
-  const bands = { id: 'alarmBands', beforeDatasetsDraw(chart) {
-    const x = chart.scales.x, area = chart.chartArea, g = chart.ctx;
-    g.save(); g.font = '11px sans-serif';
-    TRIP.alarms.forEach((a, i) => {
-      const x0 = Math.max(area.left, x.getPixelForValue(a.start_s));
-      const x1 = Math.min(area.right, Math.max(x0 + 2, x.getPixelForValue(a.start_s + a.duration_s)));
-      if (x1 <= area.left || x0 >= area.right) return;
-      g.fillStyle = colour(a.key, 0.10); g.fillRect(x0, area.top, x1 - x0, area.bottom - area.top);
-      g.fillStyle = colour(a.key, 0.85);
-      g.fillRect(x0, area.top + lane * kinds.indexOf(a.key), x1 - x0, lane - 2);
-      if (TRIP.alarms.length <= 12) {
-        g.fillStyle = '#333';
-        g.fillText(a.title + (a.level > 1 ? ' ' + a.level : ''), x0 + 2,
-                   area.top + lane * kinds.length + 12 + 13 * (i % 4));
-      }
-    });
-    g.restore(); } };
+  const seconds = text => { const p = String(text).trim().split(':');
+    return p.some(x => x === '' || isNaN(x)) ? NaN : p.reduce((a, v) => a * 60 + Number(v), 0); };
+  const end = TRIP.end_s;
+  // Ticks on round times: the smallest step that leaves at most twelve of them.
+  const steps = [1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600];
+  const stepFor = span => steps.find(s => Math.floor(span / s) + 1 <= 12) ||
+    3600 * Math.ceil(span / 3600 / 11);
+  const roundTicks = axis => { const s = stepFor(axis.max - axis.min), t = [];
+    for (let v = Math.ceil(axis.min / s) * s; v <= axis.max; v += s) t.push({ value: v });
+    axis.ticks = t; };
+  // Every plot keeps the same margins, so that one time lines up across the plots and the strip.
+  const left = 170, right = 64;
+  const fit = width => ({ afterFit: axis => { axis.width = width; } });
+  const xAxis = showTicks => ({ type: 'linear', min: 0, max: end, afterBuildTicks: roundTicks,
+    title: { display: showTicks, text: 'vehicle time' },
+    ticks: { display: showTicks, callback: v => clock(v), autoSkip: false, maxRotation: 0 } });
   const series = (name, data, colourLine, axis) => ({ label: name, data: data.map(p => ({ x: p[0], y: p[1] })),
     borderColor: colourLine, backgroundColor: colourLine.replace('rgb', 'rgba').replace(')', ',0.25)'),
-    yAxisID: axis, borderWidth: 1.2,
-    pointRadius: 0, spanGaps: false });
-  const xAxis = { type: 'linear', min: 0, max: TRIP.end_s, title: { display: true, text: 'vehicle time' },
-    ticks: { callback: v => clock(v), maxTicksLimit: 16 } };
-  const options = axes => ({ animation: false, responsive: true, maintainAspectRatio: false,
+    yAxisID: axis, borderWidth: 1.2, pointRadius: 0, spanGaps: false });
+  const options = (axes, extra) => Object.assign({ animation: false, responsive: true, maintainAspectRatio: false,
     parsing: false, normalized: true, interaction: { mode: 'nearest', axis: 'x', intersect: false },
     plugins: { tooltip: { callbacks: { title: items => clock(items[0].parsed.x) } } },
-    scales: Object.assign({ x: xAxis }, axes) });
+    scales: Object.assign({ x: xAxis(true) }, axes) }, extra || {});
   const charts = [];
-  charts.push(new Chart(document.getElementById('chart-obd'), { type: 'line',
+  const obd = new Chart(document.getElementById('chart-obd'), { type: 'line',
     data: { datasets: [
       series('speed (km/h)', TRIP.series.speed, 'rgb(31,119,180)', 'y'),
       series('coolant (C)', TRIP.series.coolant, 'rgb(44,160,44)', 'y'),
       series('accelerator (%)', TRIP.series.accelerator, 'rgb(255,127,14)', 'y'),
       series('engine speed (rpm)', TRIP.series.engine_speed, 'rgb(214,39,40)', 'rpm')] },
-    options: options({ y: { position: 'left', title: { display: true, text: 'km/h, C, %' } },
-      rpm: { position: 'right', title: { display: true, text: 'rpm' }, grid: { drawOnChartArea: false } } }),
-    plugins: [bands] }));
+    options: options({
+      y: Object.assign({ position: 'left', title: { display: true, text: 'km/h, C, %' } }, fit(left)),
+      rpm: Object.assign({ position: 'right', title: { display: true, text: 'rpm' },
+        grid: { drawOnChartArea: false } }, fit(right)) }) });
+  charts.push(obd);
+  // The strip: a floating bar per episode in its kind's lane, with the episode in its tooltip.
+  let strip = null;
+  const stripBox = document.getElementById('chart-alarms').parentNode;
+  if (TRIP.alarms.length > 0) {
+    stripBox.style.height = (24 + 22 * TRIP.kinds.length) + 'px';
+    const kindOf = key => TRIP.kinds.find(k => k.key === key);
+    strip = new Chart(document.getElementById('chart-alarms'), { type: 'bar',
+      data: { labels: TRIP.kinds.map(k => k.title), datasets: [{ label: 'alarms',
+        data: TRIP.alarms.map(a => ({ x: [a.start_s, a.start_s + a.duration_s], y: kindOf(a.key).title })),
+        backgroundColor: TRIP.alarms.map(a => kindOf(a.key).colour),
+        minBarLength: 3, barPercentage: 0.9, categoryPercentage: 0.9, grouped: false }] },
+      options: { animation: false, responsive: true, maintainAspectRatio: false, indexAxis: 'y',
+        layout: { padding: { right: right } },
+        plugins: { legend: { display: false }, tooltip: { callbacks: {
+          title: items => TRIP.alarms[items[0].dataIndex].title,
+          label: item => { const a = TRIP.alarms[item.dataIndex];
+            return clock(a.start_s) + ' for ' + clock(a.duration_s) + (a.level > 1 ? ', level ' + a.level : ''); } } } },
+        scales: { x: xAxis(false), y: Object.assign({ type: 'category', grid: { display: false } }, fit(left)) } } });
+    charts.push(strip);
+  } else {
+    stripBox.style.display = 'none';
+  }
+  // The six-axis magnitudes each in a band of its own height, on their own scales: together on
+  // one scale the small swings of either were lost.
+  let motion = null;
   if (TRIP.series.acc_g.length > 0) {
-    charts.push(new Chart(document.getElementById('chart-motion'), { type: 'line',
+    motion = new Chart(document.getElementById('chart-motion'), { type: 'line',
       data: { datasets: [
-        series('acceleration (g)', TRIP.series.acc_g, 'rgb(148,103,189)', 'y'),
+        series('acceleration (g)', TRIP.series.acc_g, 'rgb(148,103,189)', 'g'),
         series('rotation rate (deg/s)', TRIP.series.rot_dps, 'rgb(140,86,75)', 'rot')] },
-      options: options({ y: { position: 'left', title: { display: true, text: 'g' } },
-        rot: { position: 'right', title: { display: true, text: 'deg/s' }, grid: { drawOnChartArea: false } } }),
-      plugins: [bands] }));
+      options: options({
+        g: Object.assign({ position: 'left', stack: 'motion', offset: true, title: { display: true, text: 'g' } }, fit(left)),
+        rot: Object.assign({ position: 'left', stack: 'motion', offset: true, title: { display: true, text: 'deg/s' } }, fit(left)) },
+        { layout: { padding: { right: right } } }) });
+    charts.push(motion);
   } else {
     document.getElementById('chart-motion').parentNode.style.display = 'none';
   }
-  document.getElementById('legend').innerHTML = kinds.map(k => {
-    const a = TRIP.alarms.find(x => x.key === k);
-    return '<span><i style="background:' + colour(k, 0.85) + '"></i>' + a.title + '</span>';
-  }).join('');
+  const from = document.getElementById('from'), to = document.getElementById('to');
+  const layout = () => {
+    const area = c => { if (!c) return null; const r = c.canvas.getBoundingClientRect(), a = c.chartArea;
+      return [r.left + scrollX + a.left, r.top + scrollY + a.top, r.left + scrollX + a.right,
+        r.top + scrollY + a.bottom].map(Math.round); };
+    const lines = [];
+    charts.forEach(c => { if (c !== strip) c.data.datasets.forEach(d => lines.push(d.borderColor)); });
+    document.getElementById('layout').textContent = JSON.stringify({
+      range: [obd.scales.x.min, obd.scales.x.max], ticks: obd.scales.x.ticks.map(t => clock(t.value)),
+      plot: area(obd), strip: area(strip), motion: area(motion), lines: lines,
+      alarms: TRIP.kinds.map(k => k.colour) });
+  };
+  // Zoom: a span from the fields, a drag across any plot, or #t=FROM-TO (seconds) in the address.
+  const show = (a, b) => {
+    a = Math.max(0, Math.min(a, b)); b = Math.min(end, Math.max(a, b));
+    if (!(b - a >= 2)) { a = 0; b = end; }
+    charts.forEach(c => { c.options.scales.x.min = a; c.options.scales.x.max = b; c.update('none'); });
+    from.value = clock(a); to.value = clock(b);
+    try { history.replaceState(null, '', a === 0 && b === end ? location.pathname : '#t=' + Math.round(a) + '-' + Math.round(b)); } catch (e) {}
+    layout();
+  };
+  from.onchange = to.onchange = () => show(seconds(from.value), seconds(to.value));
+  document.getElementById('reset').onclick = () => show(0, end);
+  charts.forEach(c => {
+    const box = c.canvas.parentNode, mark = document.createElement('div');
+    mark.className = 'selection'; mark.style.display = 'none'; box.appendChild(mark);
+    let x0 = null;
+    const x = e => Math.max(c.chartArea.left, Math.min(c.chartArea.right, e.offsetX));
+    c.canvas.addEventListener('mousedown', e => { x0 = x(e); });
+    c.canvas.addEventListener('mousemove', e => { if (x0 === null) return;
+      mark.style.display = 'block'; mark.style.left = Math.min(x0, x(e)) + 'px';
+      mark.style.width = Math.abs(x(e) - x0) + 'px'; });
+    window.addEventListener('mouseup', e => { if (x0 === null) return;
+      const x1 = e.target === c.canvas ? x(e) : x0; mark.style.display = 'none';
+      if (Math.abs(x1 - x0) > 4) show(c.scales.x.getValueForPixel(Math.min(x0, x1)), c.scales.x.getValueForPixel(Math.max(x0, x1)));
+      x0 = null; });
+  });
+  const asked = /^#t=([\d.]+)-([\d.]+)$/.exec(location.hash);
+  show(asked ? Number(asked[1]) : 0, asked ? Number(asked[2]) : end);
   let painted = 0;
   charts.forEach(c => {
     const d = c.ctx.getImageData(0, 0, c.canvas.width, c.canvas.height).data;
@@ -369,6 +489,11 @@ std::string ReportHtml(const Json& summary, const std::vector<TimelinePoint>& po
                           {"duration_s", a["duration_s"]}});
     }
     trip["alarms"] = alarms;
+    Json kinds = Json::array();
+    for (const AlarmKind& k : AlarmKinds(summary["alarms"])) {
+        kinds.push_back({{"key", k.key}, {"title", k.title}, {"colour", k.colour}});
+    }
+    trip["kinds"] = kinds;
     const std::pair<const char*, float TimelinePoint::*> fields[] = {
         {"speed", &TimelinePoint::speed},     {"engine_speed", &TimelinePoint::engineSpeed},
         {"coolant", &TimelinePoint::coolant}, {"accelerator", &TimelinePoint::accelerator},
@@ -401,16 +526,24 @@ std::string ReportHtml(const Json& summary, const std::vector<TimelinePoint>& po
         page += "</ul>\n";
     }
     page += "<section id=\"timeline\"><h2>Timeline</h2>\n";
+    page +=
+        "<div id=\"zoom\">Show from <input id=\"from\"> to <input id=\"to\"> "
+        "<button id=\"reset\">the whole trip</button> <span class=\"note\">(or drag "
+        "across a plot)</span></div>\n";
     page += "<div class=\"chart\"><canvas id=\"chart-obd\"></canvas></div>\n";
+    page += "<div class=\"chart strip\"><canvas id=\"chart-alarms\"></canvas></div>\n";
     page += "<div class=\"chart small\"><canvas id=\"chart-motion\"></canvas></div>\n";
-    page += "<div id=\"legend\"></div>\n";
-    page += "<p class=\"note\">The plug-in's OBD data messages, once a second; alarms as bands. " +
-            std::string(points.size() > 2 * kDrawBuckets
-                            ? "Thinned for drawing to the lowest and highest value of each of " +
-                                  std::to_string(kDrawBuckets) + " equal spans; the tables are not."
-                            : "Every message is drawn.") +
-            "</p></section>\n";
+    page += "<output id=\"layout\" hidden></output>\n";
+    page +=
+        "<p class=\"note\">The plug-in's OBD data messages, once a second; under them the "
+        "alarms, a lane per kind (hover an episode for its times). " +
+        std::string(points.size() > 2 * kDrawBuckets
+                        ? "Thinned for drawing to the lowest and highest value of each of " +
+                              std::to_string(kDrawBuckets) + " equal spans; the tables are not."
+                        : "Every message is drawn.") +
+        "</p></section>\n";
     page += AlarmsTable(summary);
+    page += "<div class=\"columns\">\n";
     page += StatisticsTables(summary);
     page += BoxTable(summary);
     page += LinkTable(summary);
@@ -419,7 +552,7 @@ std::string ReportHtml(const Json& summary, const std::vector<TimelinePoint>& po
         page += Row({Esc(s.key()),
                      Esc(s.value().is_string() ? s.value().get<std::string>() : s.value().dump())});
     }
-    page += "</table></section>\n";
+    page += "</table></section>\n</div>\n";
     page += "<script>" + std::string(kChartJs != nullptr ? kChartJs : "") + "</script>\n";
     page += "<script>const TRIP = " + ScriptJson(trip) + ";\n" + kScript + "</script>\n";
     page += "</body></html>\n";

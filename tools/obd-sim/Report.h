@@ -2,11 +2,12 @@
 // summary's tables and the run's settings.
 //
 // The timeline is what the plug-in broadcast: speed, engine speed, coolant and accelerator of its
-// OBD data messages, once a second, with the alarms of the summary as labelled bands, and the
-// magnitude of the six-axis samples when the drive has them. It is drawn by Chart.js (Debian's
-// libjs-chart.js, inlined at build time); a trip of hours is thinned for drawing only, to a point
-// pair (lowest and highest) per pixel column or so, so every peak stays visible. The tables come
-// from the summary itself and are never thinned.
+// OBD data messages, once a second, the alarms of the summary in a strip of lanes under it (a lane
+// per kind, in colours no line uses), and the magnitudes of the six-axis samples when the drive has
+// them. Any span of it can be shown on its own. It is drawn by Chart.js (Debian's libjs-chart.js,
+// inlined at build time); a trip of hours is thinned for drawing only, to a point pair (lowest and
+// highest) per pixel column or so, so every peak stays visible. The tables come from the summary
+// itself and are never thinned.
 #pragma once
 
 #include <mutex>
