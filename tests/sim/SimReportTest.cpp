@@ -162,6 +162,7 @@ TEST(Report, ThinningKeepsEveryPeakAndNeverThinsTheTables) {
                     {"vehicle_s", 10800.0},
                     {"real_s", 4.2},
                     {"ok", true},
+                    {"verdict", "behaved"},
                     {"checked", true},
                     {"statistics", nullptr},
                     {"statistics_note", "none"},

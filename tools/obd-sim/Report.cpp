@@ -141,8 +141,8 @@ std::string AlarmsTable(const Json& summary) {
         t += "<p>Expected but never broadcast:</p>\n<table>\n";
         for (const Json& m : summary["missing_alarms"]) {
             t += "<tr class=\"missing\"><td>" + Dur(m["start_s"].get<double>()) +
-                 "</td><td>missing</td><td>" + m["level"].dump() + "</td><td>" +
-                 Esc(m["title"].get<std::string>()) + "</td></tr>\n";
+                 "</td><td>missing</td><td>" + (m["level"].is_null() ? "-" : m["level"].dump()) +
+                 "</td><td>" + Esc(m["title"].get<std::string>()) + "</td></tr>\n";
         }
         t += "</table>\n";
     }
@@ -507,18 +507,24 @@ std::string ReportHtml(const Json& summary, const std::vector<TimelinePoint>& po
     }
 
     const bool ok = summary["ok"].get<bool>();
-    const bool checked = summary["checked"].get<bool>();
-    std::string verdict = !checked ? "Not judged (the checks need the built-in box)"
-                          : ok     ? "The plug-in behaved"
-                                   : "The plug-in MISBEHAVED";
+    const std::string judged = Str(summary, "verdict");
+    const bool bad = judged == "misbehaved";
+    const std::string verdict = judged == "behaved" ? "The plug-in behaved"
+                                : bad               ? "The plug-in MISBEHAVED"
+                                : judged == "not judged"
+                                    ? "Not judged (" + Str(summary, "unjudged") + ")"
+                                    : "Not judged: obd-sim fell behind the pace of --speed " +
+                                          Str(summary, "speed") + " by up to " +
+                                          Fmt("%.1f", summary.value("behind_s", 0.0)) +
+                                          " s of host time, so what it saw may be its own lag";
     std::string page = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n";
     page += "<title>Trip report: " + Esc(Str(summary, "source")) + "</title>\n";
     page += "<style>" + std::string(kStyle) + "</style></head>\n<body>\n";
     page += "<h1>Trip report: " + Esc(Str(summary, "source")) + "</h1>\n";
     page += "<p>" + Dur(summary["vehicle_s"].get<double>()) + " of vehicle time in " +
             Fmt("%.1f", summary["real_s"].get<double>()) +
-            " s. <span id=\"verdict\" class=\"verdict " + (ok || !checked ? "ok" : "bad") + "\">" +
-            verdict + "</span></p>\n";
+            " s. <span id=\"verdict\" class=\"verdict " + (bad ? "bad" : "ok") + "\">" + verdict +
+            "</span></p>\n";
     if (!ok) {
         page += "<ul>";
         for (const Json& p : summary["problems"])
