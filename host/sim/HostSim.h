@@ -147,6 +147,17 @@ class Participant {
     // it returns once the peripheral has read them, so a later write is a separate read.
     void LineWrote(size_t n);
 
+    // Takes the near end of a line that another participant serves, as a peripheral that opened
+    // `ttyPath` as `fd` would: for a relay that carries the box's bytes somewhere other than a
+    // peripheral's tty. Bytes the serving end writes kick this participant and count as in
+    // flight until LineTook; a Wait that gives it its turn finds them there to read.
+    void ReadLine(const std::string& ttyPath, int fd);
+    // `n` bytes read from that near end.
+    void LineTook(size_t n);
+    // `n` bytes about to be written there towards the serving end, which is kicked. Count them
+    // before writing, so that the serving end never reads bytes it was not told about.
+    void LineSent(size_t n);
+
     Participant(const Participant&) = delete;
     Participant& operator=(const Participant&) = delete;
 

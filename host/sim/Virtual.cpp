@@ -458,8 +458,9 @@ void LineReaderWrote(Line* l, long long n) {
 
 struct Participant::Impl {
     explicit Impl(const std::string& name) : part(*detail::PartNew(name)) {}
-    detail::Part& part;            // from the pool: given back, never freed
-    detail::Line* line = nullptr;  // guarded by the clock's mutex
+    detail::Part& part;                // from the pool: given back, never freed
+    detail::Line* line = nullptr;      // guarded by the clock's mutex
+    detail::Line* readLine = nullptr;  // the line whose near end it reads (ReadLine), if any
     // Its thread is doing its turn's work (Enter or Wait returned with the turn). A turn given
     // while the thread was between two Waits (after a real timeout) is not yet begun: the next
     // Wait begins it instead of giving it away. Guarded by the clock's mutex.
@@ -514,8 +515,10 @@ bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
         }
         return true;
     }
+    Line* near = m_impl->readLine;
     const bool holding = p->registered && p->state == State::Running;
-    const bool incoming = line != nullptr && line->toPeer > 0;
+    const bool incoming =
+        (line != nullptr && line->toPeer > 0) || (near != nullptr && near->toReader > 0);
     if (!holding || (m_impl->working && !incoming)) {
         m_impl->working = false;
         IdleLocked(c, p, untilMs >= 0, MonoForHostMs(c, untilMs));
@@ -530,6 +533,17 @@ bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
         if (rc <= 0 && line->toPeer > 0) {
             HOST_LOG(1, "%lld bytes from the peripheral never arrived", line->toPeer);
             line->toPeer = 0;
+        }
+    }
+    if (near != nullptr && near->reader == p && near->readerFd >= 0 && near->toReader > 0) {
+        const int nearFd = near->readerFd;
+        lock.unlock();
+        pollfd pfd{nearFd, POLLIN, 0};
+        const int rc = ::poll(&pfd, 1, kArriveMs);
+        lock.lock();
+        if (rc <= 0 && near->toReader > 0) {
+            HOST_LOG(1, "%lld bytes from the box never arrived", near->toReader);
+            near->toReader = 0;
         }
     }
     return true;
@@ -576,6 +590,33 @@ void Participant::LineWrote(size_t n) {
     p->kicked = true;
     IdleLocked(c, p, false, 0);
     WaitTurnLocked(c, lock, p, -1);
+}
+
+void Participant::ReadLine(const std::string& ttyPath, int fd) {
+    detail::Line* l = detail::LineAttachReader(ttyPath, &m_impl->part, fd);
+    auto& c = detail::Clock();
+    detail::ClockLock lock(c);
+    m_impl->readLine = l;
+}
+
+void Participant::LineTook(size_t n) {
+    detail::Line* l = nullptr;
+    {
+        auto& c = detail::Clock();
+        detail::ClockLock lock(c);
+        l = m_impl->readLine;
+    }
+    detail::LineReaderTook(l, n);
+}
+
+void Participant::LineSent(size_t n) {
+    detail::Line* l = nullptr;
+    {
+        auto& c = detail::Clock();
+        detail::ClockLock lock(c);
+        l = m_impl->readLine;
+    }
+    detail::LineReaderWrote(l, static_cast<long long>(n));
 }
 
 }  // namespace hostsim

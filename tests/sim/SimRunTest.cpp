@@ -67,52 +67,95 @@ class SimRun : public ::testing::Test {
     pid_t pid = -1;
 };
 
+// On the serial line, and in CAN-box mode, where the box is reached through bus messages (6899
+// out, 6898 back) that obd-sim relays to the same built-in box: the same drive, the same alarms.
 TEST_F(SimRun, BuiltInDriveGivesEachAlarmOnceAndDecodedMessages) {
-    ASSERT_EQ(Run("--speed max --json --summary-json " + dir + "/summary.json"), 0) << err;
+    const struct {
+        const char* args;
+        bool canBox;
+    } modes[] = {{"", false}, {" --product-type 72", true}};
     const Drive drive = BuiltinDrive();
-    const Json s = Summary();
-    EXPECT_TRUE(s["ok"].get<bool>()) << s["problems"].dump();
-    EXPECT_EQ(Keys(s), Keys(drive));
-    // An alarm without levels has none in the JSON either, as the text's "-" says.
-    for (const Json& a : s["alarms"]) {
-        EXPECT_EQ(a["level"].is_null(), a["key"] == "cold_start") << a.dump();
-    }
-    EXPECT_NE(err.find("        -  cold start\n"), std::string::npos) << err;
-    const float km = drive.ItemsAt(drive.DurationS()).value[OBD_IDX_MILEAGE] -
-                     drive.ItemsAt(0).value[OBD_IDX_MILEAGE];
-    EXPECT_NEAR(s["statistics"]["distance_km"].get<double>(), km, 0.01);
-    EXPECT_GT(s["statistics"]["brake_count"].get<int>(), 0);
-    EXPECT_EQ(s["box"]["version"]["hw_name"], "EMU-OBD-BOX");
-    EXPECT_NE(err.find("Trip summary: built-in drive"), std::string::npos) << err;
-    // Every data message shows the plug-in's table following the drive: its speed is one the
-    // drive had in the seconds before; every alarm message names alarms of the summary.
-    std::istringstream lines(out);
-    int data = 0, records = 0;
-    for (std::string line; std::getline(lines, line);) {
-        const Json j = Json::parse(line, nullptr, false);
-        ASSERT_FALSE(j.is_discarded()) << line;
-        if (j["kind"] == "wire") continue;
-        const double t = j["t_ms"].get<double>() / 1000.0;
-        if (j["id"] == 6702 && j["decoded"]["items"].contains("speed")) {
-            const double v = j["decoded"]["items"]["speed"].get<double>();
-            float lo = 1e9f, hi = -1e9f;
-            for (int k = 0; k <= 400; ++k) {
-                const float at = drive.ItemsAt(t - 4.0 + k / 100.0).value[OBD_IDX_SPEED];
-                lo = std::min(lo, at);
-                hi = std::max(hi, at);
-            }
-            EXPECT_TRUE(v >= lo - 0.01 && v <= hi + 0.01) << t << ": " << v;
-            ++data;
+    for (const auto& mode : modes) {
+        SCOPED_TRACE(mode.args);
+        ASSERT_EQ(Run("--speed max --json --summary-json " + dir + "/summary.json" + mode.args), 0)
+            << err;
+        const Json s = Summary();
+        EXPECT_TRUE(s["ok"].get<bool>()) << s["problems"].dump();
+        EXPECT_EQ(Keys(s), Keys(drive));
+        // An alarm without levels has none in the JSON either, as the text's "-" says.
+        for (const Json& a : s["alarms"]) {
+            EXPECT_EQ(a["level"].is_null(), a["key"] == "cold_start") << a.dump();
         }
-        if (j["id"] == 6720) {
-            for (const Json& a : j["decoded"]["alarms"]) {
-                EXPECT_EQ(Keys(s).count(a["key"].get<std::string>()), 1u) << line;
-            }
+        EXPECT_NE(err.find("        -  cold start\n"), std::string::npos) << err;
+        const float km = drive.ItemsAt(drive.DurationS()).value[OBD_IDX_MILEAGE] -
+                         drive.ItemsAt(0).value[OBD_IDX_MILEAGE];
+        EXPECT_NEAR(s["statistics"]["distance_km"].get<double>(), km, 0.01);
+        EXPECT_GT(s["statistics"]["brake_count"].get<int>(), 0);
+        // In CAN-box mode the plug-in asks for no device information.
+        if (!mode.canBox) {
+            EXPECT_EQ(s["box"]["version"]["hw_name"], "EMU-OBD-BOX");
         }
-        if (j["id"] == 6714) records += j["decoded"]["record_count"].get<int>();
+        EXPECT_NE(err.find("Trip summary: built-in drive"), std::string::npos) << err;
+        // The link as the plug-in saw it, over the line or the relay: every command answered,
+        // every frame whole.
+        const Json& link = s["link"];
+        ASSERT_TRUE(link.is_object()) << s.dump();
+        EXPECT_GT(link["commands"]["sent"].get<int>(), 80);
+        EXPECT_EQ(link["commands"]["answered"], link["commands"]["sent"]);
+        EXPECT_GT(link["data_stream"]["frames"].get<int>(), 880);
+        EXPECT_EQ(link["from_box"]["cut_off"], 0);
+        EXPECT_EQ(link["from_box"]["bad_checksum"], 0);
+        // Every data message shows the plug-in's table following the drive: its speed is one the
+        // drive had in the seconds before; every alarm message names alarms of the summary.
+        std::istringstream lines(out);
+        int data = 0, records = 0, wire = 0, toBox = 0, fromBox = 0;
+        for (std::string line; std::getline(lines, line);) {
+            const Json j = Json::parse(line, nullptr, false);
+            ASSERT_FALSE(j.is_discarded()) << line;
+            if (j["kind"] == "wire") {
+                ++wire;
+                continue;
+            }
+            const double t = j["t_ms"].get<double>() / 1000.0;
+            if (j["id"] == 6899) ++toBox;
+            if (j["id"] == 6898) {
+                // Relayed to the plug-in, a CAN frame's data at a time, its count in front.
+                EXPECT_EQ(j["kind"], "inbound") << line;
+                const size_t len = j["len"].get<size_t>();
+                EXPECT_TRUE(len > 4 && len <= 12) << line;
+                EXPECT_EQ(j["decoded"]["length"], len - 4) << line;
+                ++fromBox;
+            }
+            if (j["id"] == 6702 && j["decoded"]["items"].contains("speed")) {
+                const double v = j["decoded"]["items"]["speed"].get<double>();
+                float lo = 1e9f, hi = -1e9f;
+                for (int k = 0; k <= 400; ++k) {
+                    const float at = drive.ItemsAt(t - 4.0 + k / 100.0).value[OBD_IDX_SPEED];
+                    lo = std::min(lo, at);
+                    hi = std::max(hi, at);
+                }
+                EXPECT_TRUE(v >= lo - 0.01 && v <= hi + 0.01) << t << ": " << v;
+                ++data;
+            }
+            if (j["id"] == 6720) {
+                for (const Json& a : j["decoded"]["alarms"]) {
+                    EXPECT_EQ(Keys(s).count(a["key"].get<std::string>()), 1u) << line;
+                }
+            }
+            if (j["id"] == 6714) records += j["decoded"]["record_count"].get<int>();
+        }
+        EXPECT_GT(data, 800);
+        EXPECT_GT(records, 500);  // a frame that changes nothing makes no record
+        // The box's bytes reach the plug-in one way only: the line or the bus.
+        if (mode.canBox) {
+            EXPECT_EQ(wire, 0);
+            EXPECT_EQ(toBox, link["commands"]["sent"].get<int>());
+            EXPECT_GT(fromBox, 5000);  // some 900 frames of 40 to 60 bytes, 8 at a time
+        } else {
+            EXPECT_GT(wire, 1000);
+            EXPECT_EQ(toBox + fromBox, 0);
+        }
     }
-    EXPECT_GT(data, 800);
-    EXPECT_GT(records, 500);  // a frame that changes nothing makes no record
 }
 
 TEST_F(SimRun, ExampleScenariosGiveTheAlarmsTheyName) {

@@ -302,8 +302,9 @@ Json CanBox(const std::vector<unsigned char>& p) {
                 {"engine_time", c.engineTimeValue}};
 }
 
-// A frame to the box relayed in CAN-box mode: int32 length, then 55 AA F0 F8, L (payload + 3,
-// MSB first), sequence number, code (MSB first), payload, XOR.
+// A frame to the box relayed in CAN-box mode, or bytes from it: int32 length, then a frame (55 AA,
+// direction, L = payload + 3 MSB first, sequence number, code MSB first, payload, XOR) when the
+// bytes are one whole frame, else just the bytes.
 Json CanFrame(const std::vector<unsigned char>& p) {
     int32_t n = 0;
     if (!Read(p, 0, n) || n < 0 || static_cast<size_t>(n) > p.size() - 4) {
@@ -389,6 +390,7 @@ Json Decode(int id, bool response, const std::vector<unsigned char>& payload) {
         case MSG_CAN_BOX_DATA:
             return CanBox(payload);
         case MSG_CAN_BOX_OBD_DATA_OUT:
+        case MSG_CAN_BOX_OBD_DATA_IN:  // the same layout: the box's bytes, a frame when whole
             return CanFrame(payload);
         default:
             return nullptr;

@@ -38,6 +38,7 @@
 #include "BoxEmulator.h"
 #include "BoxHostClock.h"
 #include "BoxSide.h"
+#include "CanRelay.h"
 #include "Decode.h"
 #include "Direct.h"
 #include "Drive.h"
@@ -114,9 +115,10 @@ class Printer {
     Printer(Mode mode, FILE* out)
         : m_json(mode == Mode::Json), m_quiet(mode == Mode::Quiet), m_out(out) {}
 
-    void Bus(const hostsim::BusMessage& m) {
+    // `inbound`: a message delivered to the plug-in (the CAN-box relay's) rather than its own.
+    void Bus(const hostsim::BusMessage& m, bool inbound = false) {
         if (m_quiet) return;
-        const char* kind = m.response ? "response" : "send";
+        const char* kind = inbound ? "inbound" : m.response ? "response" : "send";
         if (m_json) {
             nlohmann::ordered_json j;
             j["t_ms"] = m.tMs;
@@ -645,6 +647,11 @@ int Run(int argc, char** argv) {
     }
     std::unique_ptr<obdsim::BoxSide> box;
     std::unique_ptr<obdbox::BoxEmulator> emulator;
+    std::unique_ptr<obdsim::CanRelay> relay;
+    std::unique_ptr<obdsim::LinkMonitor> link;
+    // In CAN-box mode the built-in box answers through the bus relay, and its line is the
+    // relay's: the bytes the plug-in sees are those of the bus lines.
+    const bool canBox = builtInBox && productType == 72;
     int slaveFd = -1;
     if (builtInBox) {
         // The default: the box emulator on a pseudo-terminal of its own, playing the drive.
@@ -652,9 +659,12 @@ int Run(int argc, char** argv) {
         o.streamPeriodMs = boxStreamMs;
         o.linkPeriodMs = boxLinkMs;
         o.values = [&feeder] { return feeder.Frame(); };
-        o.wireTap = [&printer](bool toBox, const uint8_t* data, size_t n) {
-            printer.Wire(hostsim::ClockNowMs(), std::vector<unsigned char>(data, data + n), toBox);
-        };
+        if (!canBox) {
+            o.wireTap = [&printer](bool toBox, const uint8_t* data, size_t n) {
+                printer.Wire(hostsim::ClockNowMs(), std::vector<unsigned char>(data, data + n),
+                             toBox);
+            };
+        }
         // The box's decoded view of what it received; what it sends is on the wire lines.
         o.log = [&printer](const std::string& line) {
             if (line.rfind("box -> ", 0) != 0) printer.BoxNote(hostsim::ClockNowMs(), line);
@@ -665,6 +675,18 @@ int Run(int argc, char** argv) {
         if (!emulator->Start()) return Fail("box emulator: " + emulator->LastError(), 1);
         serial = emulator->SlavePath();
         peer->ServeLine(serial);
+        if (canBox) {
+            link = std::make_unique<obdsim::LinkMonitor>();
+            relay = std::make_unique<obdsim::CanRelay>(
+                serial,
+                [&link](bool toBox, const unsigned char* data, size_t n, long long tMs) {
+                    link->OnChunk(toBox, data, n, tMs);
+                },
+                [&printer](const hostsim::BusMessage& m) { printer.Bus(m, true); });
+            std::string error;
+            if (!relay->Start(error)) return Fail("CAN-box relay: " + error, 1);
+            serial = relay->PluginLinePath();
+        }
     } else if (serial.empty()) {
         int master = -1;
         char name[256] = {};
@@ -688,8 +710,7 @@ int Run(int argc, char** argv) {
 
     std::unique_ptr<obdsim::Timeline> timeline;
     if (!report.empty()) timeline = std::make_unique<obdsim::Timeline>(drive.get());
-    // In CAN-box mode the box is not on the line: there is no line to follow.
-    std::unique_ptr<obdsim::LinkMonitor> link;
+    // In CAN-box mode the box is not on the line: only the relay's bytes can be followed.
     if (productType != 72) {
         link = std::make_unique<obdsim::LinkMonitor>();
         hostsim::SetSerialTap([&link](bool toBox, const unsigned char* data, size_t n,
@@ -776,6 +797,7 @@ int Run(int argc, char** argv) {
     hostsim::BusDrain();
     hostsim::BusUnsubscribe(token);
     if (box) box->Stop();
+    if (relay) relay->Stop();
     if (emulator) emulator->Stop();
     if (slaveFd >= 0) ::close(slaveFd);
     if (shownStatus) shownStatus->Clear();
