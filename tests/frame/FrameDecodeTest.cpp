@@ -3,6 +3,7 @@
 // emulator's encoder, an implementation independent of the decoder.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -153,7 +154,44 @@ TEST(FrameDecode, StreamsCutIntoFramesGarbageAndCutOffFrames) {
             covered.insert(covered.end(), got[i].raw.begin(), got[i].raw.end());
         }
         EXPECT_EQ(covered, c.input);  // every byte in exactly one record, in order
+        // Fed in pieces (a byte at a time, then uneven ones), the same records come out.
+        for (size_t piece : {size_t{1}, size_t{7}}) {
+            obdframe::StreamDecoder d(Dir::FromBox);
+            std::vector<Record> streamed;
+            for (size_t at = 0; at < c.input.size(); at += piece) {
+                d.Feed(c.input.data() + at, std::min(piece, c.input.size() - at));
+                for (Record& r : d.Take()) streamed.push_back(std::move(r));
+            }
+            d.Finish();
+            for (Record& r : d.Take()) streamed.push_back(std::move(r));
+            ASSERT_EQ(streamed.size(), got.size()) << piece;
+            for (size_t i = 0; i < got.size(); ++i) {
+                EXPECT_EQ(streamed[i].kind, got[i].kind) << piece << " " << i;
+                EXPECT_EQ(streamed[i].offset, got[i].offset) << piece << " " << i;
+                EXPECT_EQ(streamed[i].raw, got[i].raw) << piece << " " << i;
+                EXPECT_EQ(streamed[i].body, got[i].body) << piece << " " << i;
+            }
+        }
     }
+}
+
+TEST(FrameDecode, LongRunsGoOnInPiecesOfTheLimit) {
+    // A cut-off frame longer than the limit: its first bytes stay a cut-off frame, the rest is
+    // garbage; every byte still in one record, in order.
+    const Bytes in = Cat({kGarbage3, Bytes(kFrame.begin(), kFrame.begin() + 9)});
+    obdframe::StreamDecoder d(Dir::FromBox, 4);
+    d.Feed(in.data(), in.size());
+    d.Finish();
+    std::vector<std::pair<Kind, size_t>> got;
+    size_t at = 0;
+    for (const Record& r : d.Take()) {
+        EXPECT_EQ(r.offset, at);
+        at += r.raw.size();
+        got.emplace_back(r.kind, r.raw.size());
+    }
+    const std::vector<std::pair<Kind, size_t>> expect = {
+        {Kind::Garbage, 3}, {Kind::Truncated, 4}, {Kind::Garbage, 4}, {Kind::Garbage, 1}};
+    EXPECT_EQ(got, expect);
 }
 
 TEST(FrameDecode, EscapesAreUndoneInTheBodyAndTheMarkGivesTheDirection) {

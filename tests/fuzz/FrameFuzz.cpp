@@ -1,6 +1,7 @@
 // libFuzzer target: arbitrary bytes through obd-frame, as a raw stream or as any of its text
 // inputs, decoded and printed both ways. Nothing may crash or touch memory out of bounds
 // (ASan/UBSan), and the decoder must account for every byte of a stream exactly once, in order.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -46,6 +47,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Print({r, true, 1.5, 1});
         }
         Check(at == size);
+        // In pieces of the sizes the input's own bytes give, the same records.
+        obdframe::StreamDecoder pieces(kDirs[(mode / 2) % 3]);
+        std::vector<obdframe::Record> streamed;
+        for (size_t i = 0; i < size;) {
+            const size_t n = std::min<size_t>(1 + data[i] % 64, size - i);
+            pieces.Feed(data + i, n);
+            i += n;
+            for (obdframe::Record& r : pieces.Take()) streamed.push_back(std::move(r));
+        }
+        pieces.Finish();
+        for (obdframe::Record& r : pieces.Take()) streamed.push_back(std::move(r));
+        Check(streamed.size() == records.size());
+        for (size_t i = 0; i < records.size(); ++i) {
+            Check(streamed[i].kind == records[i].kind && streamed[i].raw == records[i].raw &&
+                  streamed[i].body == records[i].body);
+        }
         return 0;
     }
     static const obdframe::Format kFormats[] = {obdframe::Format::Auto, obdframe::Format::Log,

@@ -341,6 +341,39 @@ TEST_F(SimRun, UnusableScenarioOrMisbehavingPlugInEndsWithItsReason) {
     }
 }
 
+TEST_F(SimRun, BoxNamesTheBadArgumentAndExitsTwo) {
+    // Each bad value must stop obd-box before it opens a line; one that were taken as absent
+    // would leave it running until the deadline kills it.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"--stream-ms abc", "obd-box: --stream-ms: "},
+        {"--garbage -1", "obd-box: --garbage: Value -1 not in range 0 to 4096"},
+        {"--split 5000", "obd-box: --split: Value 5000 not in range 0 to 4096"},
+        {"--baud 1234", "obd-box: --baud: 1234 not in {"},
+        {"--value 60=1", "obd-box: --value 60=1: must be ID=V with ID 1..59 and V a number"},
+        {"--value 5=fast", "obd-box: --value 5=fast: must be ID=V"},
+        {"--refuse-step 12345", "obd-box: --refuse-step: must be a hex code of at most 4 digits"},
+        {"--seed x", "obd-box: Could not convert: --seed = x"},
+        {"--drop", "obd-box: --drop: 1 required"},
+        {"--frobnicate", "obd-box: The following argument was not expected: --frobnicate"},
+        {"stray", "obd-box: The following argument was not expected: stray"},
+    };
+    for (const auto& [args, said] : cases) {
+        const int code = RunShell(OBD_SIM_LAUNCHER " " OBD_BOX " " + args + " </dev/null >" + dir +
+                                      "/out 2>" + dir + "/err",
+                                  60);
+        err = Slurp("/err");
+        EXPECT_EQ(code, 2) << args << ": " << err;
+        EXPECT_EQ(err.rfind(said, 0), 0u) << args << ": " << err;
+    }
+    // --help names every default it has, and exits 0.
+    ASSERT_EQ(RunShell(OBD_SIM_LAUNCHER " " OBD_BOX " --help >" + dir + "/out", 60), 0);
+    out = Slurp("/out");
+    for (const char* shown : {"--stream-ms INT:INT in [0 - 3600000]=1000", "--baud", "=115200",
+                              "--silent-after-chunks", "=-1", "--seed UINT=1"}) {
+        EXPECT_NE(out.find(shown), std::string::npos) << shown << "\n" << out;
+    }
+}
+
 TEST_F(SimRun, SignalEndsASlowRunWithItsSummary) {
     // At 0.0001 one host step of 50 ms lasts 500 real seconds: the shutdown must not wait them.
     for (int sig : {SIGTERM, SIGINT}) {

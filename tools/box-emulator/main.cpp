@@ -3,12 +3,16 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "BoxEmulator.h"
 
@@ -19,103 +23,118 @@ void OnSignal(int) {
     g_stop = true;
 }
 
-void Usage() {
-    std::printf(
-        "usage: obd-box [options]\n"
-        "  --tty PATH          use this tty instead of a new pseudo-terminal\n"
-        "  --baud N            speed of --tty (default 115200)\n"
-        "  --stream-ms N       data-stream period while started (default 1000, 0 = none)\n"
-        "  --link-ms N         link frame period (default 0 = none)\n"
-        "  --value ID=V        data-stream item (repeatable; default a small table)\n"
-        "  --escape            escape 7D/7E/7F in frames sent\n"
-        "  --escape-in-length  count escape pairs in the length field\n"
-        "  --silent | --refuse | --drop N | --garbage N | --split N | --bad-checksum\n"
-        "  --stop-ack-2301     acknowledge a stop with 0x2301\n"
-        "  --seed N            seed of garbage and split sizes\n"
-        "  --line-rate N       pace the line at N bytes/s each way (11520: 115200 baud 8N1)\n"
-        "  --flash-us N        time spent storing each upgrade chunk before answering\n"
-        "  --refuse-step CODE  refuse this upgrade step (hex request code, e.g. 2404)\n"
-        "  --silent-after-chunks N | --drop-chunk N   upgrade faults\n");
+int Fail(const std::string& message, int code) {
+    std::fprintf(stderr, "obd-box: %s\n", message.c_str());
+    return code;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
+    CLI::App app{"The OBD box emulator on a pseudo-terminal (or a given tty), until interrupted."};
     obdbox::BoxOptions o;
     o.streamPeriodMs = 1000;
+    std::vector<std::string> valueTexts;
+    std::string refuseStep;
+    app.add_option("--tty", o.ttyPath, "use this tty instead of a new pseudo-terminal");
+    app.add_option("--baud", o.baud, "speed of --tty")
+        ->check(
+            CLI::IsMember(std::set<int>{9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600}))
+        ->capture_default_str();
+    app.add_option("--stream-ms", o.streamPeriodMs, "data-stream period while started (0: none)")
+        ->check(CLI::Range(0, 3600000))
+        ->capture_default_str();
+    app.add_option("--link-ms", o.linkPeriodMs, "link frame period (0: none)")
+        ->check(CLI::Range(0, 3600000))
+        ->capture_default_str();
+    app.add_option("--value", valueTexts,
+                   "data-stream item ID=V, ID 1..59 (repeatable; default: a small table)")
+        ->type_name("ID=V")
+        ->allow_extra_args(false);
+    app.add_flag("--escape", o.escape, "escape 7D/7E/7F in frames sent");
+    app.add_flag("--escape-in-length", o.escapeCountsInLength,
+                 "count escape pairs in the length field");
+    app.add_flag("--silent", o.silent, "answer nothing (what is received is still logged)");
+    app.add_flag("--refuse", o.refuse, "refuse upgrade steps and engine configuration");
+    app.add_option("--drop", o.dropEveryNth, "do not send every Nth answer (0: none)")
+        ->check(CLI::Range(0, 1000000))
+        ->capture_default_str();
+    app.add_option("--garbage", o.garbageBytes, "random bytes before each frame sent")
+        ->check(CLI::Range(0, 4096))
+        ->capture_default_str();
+    app.add_option("--split", o.splitMaxChunk,
+                   "write frames in random chunks of 1..N bytes (0: whole)")
+        ->check(CLI::Range(0, 4096))
+        ->capture_default_str();
+    app.add_flag("--bad-checksum", o.badChecksum, "every frame sent carries a wrong checksum");
+    app.add_flag("--stop-ack-2301", o.stopAckAlt, "acknowledge a stop with 0x2301");
+    app.add_option("--seed", o.seed, "seed of garbage and split sizes")->capture_default_str();
+    app.add_option("--line-rate", o.lineBytesPerSec,
+                   "pace the line at N bytes/s each way (11520: 115200 baud 8N1; 0: unpaced)")
+        ->check(CLI::Range(0, 100000000))
+        ->capture_default_str();
+    app.add_option("--flash-us", o.upgradeFlashUs,
+                   "time spent storing each upgrade chunk before answering")
+        ->check(CLI::Range(0, 60000000))
+        ->capture_default_str();
+    app.add_option("--refuse-step", refuseStep,
+                   "refuse this upgrade step (hex request code, e.g. 2404; default: none)")
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                char* end = nullptr;
+                const unsigned long v = std::strtoul(text.c_str(), &end, 16);
+                return !text.empty() && *end == '\0' && v <= 0xFFFF
+                           ? std::string()
+                           : "must be a hex code of at most 4 digits, e.g. 2404";
+            },
+            "HEX"));
+    app.add_option("--silent-after-chunks", o.upgradeSilentAfterChunks,
+                   "fall silent after this many upgrade chunks (-1: never)")
+        ->check(CLI::Range(-1, 1000000))
+        ->capture_default_str();
+    app.add_option("--drop-chunk", o.upgradeDropEveryNthChunk,
+                   "do not answer every Nth upgrade chunk (0: none)")
+        ->check(CLI::Range(0, 1000000))
+        ->capture_default_str();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        return Fail(e.what(), 2);
+    }
+    if (!refuseStep.empty()) {
+        o.upgradeRefuseStep = static_cast<uint16_t>(std::strtoul(refuseStep.c_str(), nullptr, 16));
+    }
     obdbox::DataItems values;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        auto next = [&]() -> const char* {
-            if (i + 1 >= argc) {
-                Usage();
-                std::exit(2);
-            }
-            return argv[++i];
-        };
-        if (a == "--tty")
-            o.ttyPath = next();
-        else if (a == "--baud")
-            o.baud = std::atoi(next());
-        else if (a == "--stream-ms")
-            o.streamPeriodMs = std::atoi(next());
-        else if (a == "--link-ms")
-            o.linkPeriodMs = std::atoi(next());
-        else if (a == "--escape")
-            o.escape = true;
-        else if (a == "--escape-in-length")
-            o.escapeCountsInLength = true;
-        else if (a == "--silent")
-            o.silent = true;
-        else if (a == "--refuse")
-            o.refuse = true;
-        else if (a == "--drop")
-            o.dropEveryNth = std::atoi(next());
-        else if (a == "--garbage")
-            o.garbageBytes = std::atoi(next());
-        else if (a == "--split")
-            o.splitMaxChunk = std::atoi(next());
-        else if (a == "--bad-checksum")
-            o.badChecksum = true;
-        else if (a == "--stop-ack-2301")
-            o.stopAckAlt = true;
-        else if (a == "--seed")
-            o.seed = static_cast<unsigned>(std::atoi(next()));
-        else if (a == "--line-rate")
-            o.lineBytesPerSec = std::atoi(next());
-        else if (a == "--flash-us")
-            o.upgradeFlashUs = std::atoi(next());
-        else if (a == "--refuse-step")
-            o.upgradeRefuseStep = static_cast<uint16_t>(std::strtoul(next(), nullptr, 16));
-        else if (a == "--silent-after-chunks")
-            o.upgradeSilentAfterChunks = std::atoi(next());
-        else if (a == "--drop-chunk")
-            o.upgradeDropEveryNthChunk = std::atoi(next());
-        else if (a == "--value") {
-            const std::string v = next();
-            const auto eq = v.find('=');
-            const int id = std::atoi(v.substr(0, eq).c_str());
-            if (eq == std::string::npos || id < 1 || id > 59) {
-                Usage();
-                return 2;
-            }
-            values.emplace_back(static_cast<uint8_t>(id), std::strtof(v.c_str() + eq + 1, nullptr));
-        } else {
-            Usage();
-            return a == "--help" || a == "-h" ? 0 : 2;
+    for (const std::string& v : valueTexts) {
+        const auto eq = v.find('=');
+        char* end = nullptr;
+        const long id = eq == std::string::npos ? 0 : std::strtol(v.c_str(), &end, 10);
+        const bool idOk = eq != std::string::npos && end == v.c_str() + eq && id >= 1 && id <= 59;
+        const char* valueText = idOk ? v.c_str() + eq + 1 : "";
+        const float value = std::strtof(valueText, &end);
+        if (!idOk || end == valueText || *end != '\0' || !std::isfinite(value)) {
+            return Fail("--value " + v + ": must be ID=V with ID 1..59 and V a number", 2);
         }
+        values.emplace_back(static_cast<uint8_t>(id), value);
     }
     if (!values.empty()) o.values = [values] { return values; };
     o.log = [](const std::string& line) { std::cout << line << std::endl; };
     obdbox::BoxEmulator box(o);
-    if (!box.Start()) {
-        std::fprintf(stderr, "obd-box: %s\n", box.LastError().c_str());
-        return 1;
-    }
+    if (!box.Start()) return Fail(box.LastError(), 1);
     std::cout << "obd-box: line " << box.SlavePath() << std::endl;
     signal(SIGINT, OnSignal);
     signal(SIGTERM, OnSignal);
     while (!g_stop.load()) usleep(100000);
     box.Stop();
     return 0;
+}
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& e) {
+        return Fail(e.what(), 1);
+    }
 }

@@ -59,6 +59,48 @@ struct Record {
 // head announcing more is taken for garbage.
 constexpr uint16_t kMaxLength = 1016;
 
+// Cuts a stream that arrives in pieces. A record is handed on once no later byte can change it
+// (a head waits for as many bytes as its longest reading may need, garbage for the next head), so
+// the records are DecodeStream's over the whole stream. With `maxRun`, a garbage run or a cut-off
+// frame longer than that is handed on in pieces of at most `maxRun` bytes, the rest of a cut-off
+// frame as garbage: one unbroken run must not have to be held whole.
+class StreamDecoder {
+  public:
+    static constexpr size_t kNoLimit = static_cast<size_t>(-1);
+    explicit StreamDecoder(Dir streamDir, size_t maxRun = kNoLimit);
+    void Feed(const uint8_t* data, size_t n);
+    void Finish();  // the stream ends: what waits becomes records
+    // The records cut so far and not yet taken, in stream order.
+    std::vector<Record> Take();
+    size_t Fed() const { return m_base + m_buf.size(); }
+    // Stream offset of the first byte in no record handed on yet (Fed() when none waits).
+    size_t Pending() const;
+
+  private:
+    struct Candidate;
+    void Cut();
+    void FlushGarbage(size_t end);
+    size_t InnerHead(size_t from, size_t limit) const;
+    bool FollowedWell(size_t end) const;
+    void Seal(Candidate& c, size_t pos) const;
+    bool EscapedAt(size_t& j, uint8_t& b, int& pairs) const;
+    const Candidate* Matching(const std::vector<Candidate>& candidates) const;
+    size_t TryFrame(size_t pos);
+    size_t EmitTruncated(size_t pos, size_t end, Dir mark);
+
+    static constexpr size_t kNone = static_cast<size_t>(-1);
+    Dir m_line;
+    size_t m_maxRun;
+    bool m_final = false;
+    Bytes m_buf;  // the bytes from stream offset m_base on
+    size_t m_base = 0;
+    size_t m_pos = 0;  // in m_buf: the next byte to look at
+    size_t m_garbageStart = kNone;
+    size_t m_truncStart = kNone;  // a head no frame could be read from: cut at the next head
+    Dir m_truncMark = Dir::Unknown;
+    std::vector<Record> m_out;
+};
+
 // Decodes a whole stream. `streamDir` is the line the bytes were seen on (Unknown when not
 // known); it labels garbage only, since a frame carries its direction in its mark.
 std::vector<Record> DecodeStream(const uint8_t* data, size_t n, Dir streamDir);

@@ -36,22 +36,6 @@ std::vector<std::string> Tokens(const std::string& text) {
     return out;
 }
 
-std::vector<std::string> Lines(const std::string& content) {
-    std::vector<std::string> out;
-    size_t start = 0;
-    while (start <= content.size()) {
-        size_t nl = content.find('\n', start);
-        if (nl == std::string::npos) nl = content.size();
-        std::string line = content.substr(start, nl - start);
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        out.push_back(std::move(line));
-        if (nl == content.size()) break;
-        start = nl + 1;
-    }
-    if (!out.empty() && out.back().empty()) out.pop_back();
-    return out;
-}
-
 std::string Trim(const std::string& s) {
     size_t a = 0;
     size_t b = s.size();
@@ -151,77 +135,6 @@ void BusLine(Input& in, const std::string& rest, bool hasTime, double tMs, size_
              lineNo, BusBytes(payload));
 }
 
-void JsonLine(Input& in, const std::string& line, size_t lineNo);
-
-void ParseLog(const std::string& content, Input& in) {
-    const std::vector<std::string> lines = Lines(content);
-    bool inDump = false;  // the last line was a dump (or its continuation)
-    size_t lastDumpIndex = 0;
-    for (size_t i = 0; i < lines.size(); ++i) {
-        const std::string& line = lines[i];
-        const size_t lineNo = i + 1;
-        double tMs = 0;
-        std::string rest;
-        const bool hasTime = LeadingTime(line, tMs, rest);
-        if (!hasTime) rest = Trim(line);
-        if (!rest.empty() && rest[0] == '{') {  // obd-sim --json lines among the log's own
-            inDump = false;
-            JsonLine(in, rest, lineNo);
-            continue;
-        }
-
-        if (StartsWith(rest, "wire ")) {
-            inDump = false;
-            const std::vector<std::string> tokens = Tokens(rest);
-            if (tokens.size() < 2) continue;
-            const Dir dir = DirOf(tokens[1]);
-            Bytes bytes;
-            if (!ParseHexBytes(rest.substr(rest.find(tokens[1]) + tokens[1].size()), bytes)) {
-                ++in.badLines;
-            }
-            AddChunk(in, dir, Source::Wire, hasTime, tMs, lineNo, std::move(bytes));
-            continue;
-        }
-        if (StartsWith(rest, "send ") || StartsWith(rest, "response ")) {
-            inDump = false;
-            BusLine(in, rest, hasTime, tMs, lineNo);
-            continue;
-        }
-        static const char kFrameLabel[] = "one obd data:";
-        static const char kReadLabel[] = "obd data:";
-        size_t at = line.find(kFrameLabel);
-        Source source = Source::Frame;
-        size_t labelSize = sizeof(kFrameLabel) - 1;
-        if (at == std::string::npos) {
-            at = line.find(kReadLabel);
-            source = Source::Read;
-            labelSize = sizeof(kReadLabel) - 1;
-        }
-        if (at != std::string::npos) {
-            Bytes bytes;
-            if (!ParseHexBytes(line.substr(at + labelSize), bytes)) ++in.badLines;
-            // Even an empty dump opens a block its continuation lines add to.
-            Chunk c;
-            c.dir = Dir::FromBox;  // the plug-in dumps only what it reads from the box
-            c.source = source;
-            c.hasTime = hasTime;
-            c.tMs = tMs;
-            c.line = lineNo;
-            c.bytes = std::move(bytes);
-            in.chunks.push_back(std::move(c));
-            lastDumpIndex = in.chunks.size() - 1;
-            inDump = true;
-            continue;
-        }
-        if (inDump && DumpContinuation(line, in.chunks[lastDumpIndex].bytes)) continue;
-        inDump = false;
-    }
-    // Dumps that stayed empty add nothing.
-    in.chunks.erase(std::remove_if(in.chunks.begin(), in.chunks.end(),
-                                   [](const Chunk& c) { return c.bytes.empty(); }),
-                    in.chunks.end());
-}
-
 // One object of obd-sim --json: a "wire" line or a bus message that carries box bytes.
 void JsonLine(Input& in, const std::string& line, size_t lineNo) {
     const nlohmann::json j = nlohmann::json::parse(line, nullptr, false);
@@ -255,17 +168,8 @@ void JsonLine(Input& in, const std::string& line, size_t lineNo) {
     }
 }
 
-void ParseHex(const std::string& content, Input& in) {
-    const std::vector<std::string> lines = Lines(content);
-    for (size_t i = 0; i < lines.size(); ++i) {
-        std::string line = lines[i];
-        const size_t hash = line.find('#');
-        if (hash != std::string::npos) line.resize(hash);
-        Bytes bytes;
-        if (!ParseHexBytes(line, bytes)) ++in.badLines;
-        AddChunk(in, Dir::Unknown, Source::Wire, false, 0, i + 1, std::move(bytes));
-    }
-}
+// A dump longer than this goes on in pieces, so that endless continuation lines are not held.
+constexpr size_t kDumpPiece = 65536;
 
 }  // namespace
 
@@ -297,9 +201,13 @@ Format DetectFormat(const std::string& content) {
         const auto u = static_cast<unsigned char>(c);
         if (u < 0x20 && u != '\t' && u != '\n' && u != '\r') return Format::Bin;
     }
-    const std::vector<std::string> lines = Lines(content);
+    // Line by line without holding them all: a window of empty lines is millions of them.
     bool any = false;
-    for (std::string line : lines) {
+    for (size_t start = 0; start < content.size();) {
+        size_t nl = content.find('\n', start);
+        if (nl == std::string::npos) nl = content.size();
+        std::string line = content.substr(start, nl - start);
+        start = nl + 1;
         const size_t hash = line.find('#');
         if (hash != std::string::npos) line.resize(hash);
         line = Trim(line);
@@ -312,23 +220,156 @@ Format DetectFormat(const std::string& content) {
     return any ? Format::Hex : Format::Log;
 }
 
+InputReader::InputReader(Format format, std::function<void(Chunk&&)> sink)
+    : m_format(format), m_sink(std::move(sink)) {}
+
+void InputReader::Feed(const char* data, size_t n) {
+    if (n == 0) return;
+    if (m_format == Format::Bin) {
+        Chunk c;
+        c.bytes.assign(reinterpret_cast<const uint8_t*>(data),
+                       reinterpret_cast<const uint8_t*>(data) + n);
+        c.more = m_binStarted;
+        m_binStarted = true;
+        m_sink(std::move(c));
+        return;
+    }
+    const char* end = data + n;
+    while (data < end) {
+        const char* nl =
+            static_cast<const char*>(std::memchr(data, '\n', static_cast<size_t>(end - data)));
+        const char* stop = nl != nullptr ? nl : end;
+        const size_t room = kMaxLine - m_line.size();
+        const size_t take = static_cast<size_t>(stop - data);
+        m_line.append(data, take < room ? take : room);
+        if (take > room) m_lineCut = true;
+        if (nl == nullptr) break;
+        EndLine();
+        data = nl + 1;
+    }
+}
+
+void InputReader::Finish() {
+    if (m_format != Format::Bin && (!m_line.empty() || m_lineCut)) EndLine();
+    CloseDump();
+}
+
+void InputReader::EndLine() {
+    ++m_lineNo;
+    if (m_line.empty() && !m_lineCut) {  // adds nothing, only ends a dump
+        if (m_format != Format::Hex) CloseDump();
+        return;
+    }
+    if (m_lineCut && onLineCut) onLineCut(m_lineNo);
+    if (!m_line.empty() && m_line.back() == '\r') m_line.pop_back();
+    if (m_format == Format::Hex) {
+        const size_t hash = m_line.find('#');
+        if (hash != std::string::npos) m_line.resize(hash);
+        Bytes bytes;
+        if (!ParseHexBytes(m_line, bytes)) ++m_in.badLines;
+        AddChunk(m_in, Dir::Unknown, Source::Wire, false, 0, m_lineNo, std::move(bytes));
+    } else {
+        LogLine(m_line, m_lineNo);
+    }
+    m_line.clear();
+    m_lineCut = false;
+    Flush();
+}
+
+void InputReader::Flush() {
+    for (Chunk& c : m_in.chunks) m_sink(std::move(c));
+    m_in.chunks.clear();
+}
+
+// A dump stays open while continuation lines follow; an empty one adds nothing.
+void InputReader::CloseDump() {
+    if (!m_inDump) return;
+    m_inDump = false;
+    if (!m_dump.bytes.empty()) m_sink(std::move(m_dump));
+    m_dump = Chunk();
+}
+
+void InputReader::LogLine(const std::string& line, size_t lineNo) {
+    double tMs = 0;
+    std::string rest;
+    const bool hasTime = LeadingTime(line, tMs, rest);
+    if (!hasTime) rest = Trim(line);
+    if (!rest.empty() && rest[0] == '{') {  // obd-sim --json lines among the log's own
+        CloseDump();
+        JsonLine(m_in, rest, lineNo);
+        return;
+    }
+    if (StartsWith(rest, "wire ")) {
+        CloseDump();
+        const std::vector<std::string> tokens = Tokens(rest);
+        if (tokens.size() < 2) return;
+        const Dir dir = DirOf(tokens[1]);
+        Bytes bytes;
+        if (!ParseHexBytes(rest.substr(rest.find(tokens[1]) + tokens[1].size()), bytes)) {
+            ++m_in.badLines;
+        }
+        AddChunk(m_in, dir, Source::Wire, hasTime, tMs, lineNo, std::move(bytes));
+        return;
+    }
+    if (StartsWith(rest, "send ") || StartsWith(rest, "response ")) {
+        CloseDump();
+        BusLine(m_in, rest, hasTime, tMs, lineNo);
+        return;
+    }
+    static const char kFrameLabel[] = "one obd data:";
+    static const char kReadLabel[] = "obd data:";
+    size_t at = line.find(kFrameLabel);
+    Source source = Source::Frame;
+    size_t labelSize = sizeof(kFrameLabel) - 1;
+    if (at == std::string::npos) {
+        at = line.find(kReadLabel);
+        source = Source::Read;
+        labelSize = sizeof(kReadLabel) - 1;
+    }
+    if (at != std::string::npos) {
+        CloseDump();
+        Bytes bytes;
+        if (!ParseHexBytes(line.substr(at + labelSize), bytes)) ++m_in.badLines;
+        // Even an empty dump opens a block its continuation lines add to.
+        m_dump.dir = Dir::FromBox;  // the plug-in dumps only what it reads from the box
+        m_dump.source = source;
+        m_dump.hasTime = hasTime;
+        m_dump.tMs = tMs;
+        m_dump.line = lineNo;
+        m_dump.bytes = std::move(bytes);
+        m_inDump = true;
+        m_dumpHandedOn = false;
+        return;
+    }
+    if (m_inDump && DumpContinuation(line, m_dump.bytes)) {
+        if (m_dump.bytes.size() >= kDumpPiece) {
+            Chunk piece = m_dump;
+            piece.more = m_dumpHandedOn;
+            m_dumpHandedOn = true;
+            m_dump.bytes.clear();
+            m_dump.more = true;
+            m_sink(std::move(piece));
+        }
+        return;
+    }
+    CloseDump();
+}
+
 Input ParseInput(const std::string& content, Format format, Source source) {
     Input in;
     in.format = format == Format::Auto ? DetectFormat(content) : format;
-    switch (in.format) {
-        case Format::Bin:
-            AddChunk(in, Dir::Unknown, Source::Wire, false, 0, 0,
-                     Bytes(content.begin(), content.end()));
-            break;
-        case Format::Hex:
-            ParseHex(content, in);
-            break;
-        case Format::Json:  // a log reader takes JSON lines, also among other lines
-        case Format::Log:
-        case Format::Auto:
-            ParseLog(content, in);
-            break;
-    }
+    InputReader reader(in.format, [&in](Chunk&& c) {
+        if (c.more && !in.chunks.empty()) {
+            Bytes& to = in.chunks.back().bytes;
+            to.insert(to.end(), c.bytes.begin(), c.bytes.end());
+            return;
+        }
+        c.more = false;
+        in.chunks.push_back(std::move(c));
+    });
+    reader.Feed(content.data(), content.size());
+    reader.Finish();
+    in.badLines = reader.BadLines();
     if (source == Source::Auto) {
         auto has = [&in](Source s) {
             return std::any_of(in.chunks.begin(), in.chunks.end(),
@@ -346,44 +387,86 @@ Input ParseInput(const std::string& content, Format format, Source source) {
 }
 
 std::vector<Placed> DecodeInput(const Input& input) {
-    struct Keyed {
-        size_t chunk;
-        size_t offset;
-        Placed placed;
-    };
-    std::vector<Keyed> all;
-    for (Dir dir : {Dir::ToBox, Dir::FromBox, Dir::Unknown}) {
-        Bytes stream;
-        std::vector<std::pair<size_t, size_t>> starts;  // stream offset, chunk index
-        for (size_t i = 0; i < input.chunks.size(); ++i) {
-            const Chunk& c = input.chunks[i];
-            if (c.dir != dir) continue;
-            starts.emplace_back(stream.size(), i);
-            stream.insert(stream.end(), c.bytes.begin(), c.bytes.end());
-        }
-        if (stream.empty()) continue;
-        for (Record& r : DecodeStream(stream.data(), stream.size(), dir)) {
-            // The chunk holding the record's first byte gives its time and line.
-            auto it = std::upper_bound(
-                starts.begin(), starts.end(), r.offset,
-                [](size_t off, const std::pair<size_t, size_t>& s) { return off < s.first; });
-            const size_t chunkIndex = std::prev(it)->second;
-            const Chunk& c = input.chunks[chunkIndex];
-            Keyed k{chunkIndex, r.offset, Placed{}};
-            k.placed.hasTime = c.hasTime;
-            k.placed.tMs = c.tMs;
-            k.placed.line = c.line;
-            k.placed.record = std::move(r);
-            all.push_back(std::move(k));
-        }
-    }
-    std::stable_sort(all.begin(), all.end(), [](const Keyed& a, const Keyed& b) {
-        return a.chunk != b.chunk ? a.chunk < b.chunk : a.offset < b.offset;
-    });
     std::vector<Placed> out;
-    out.reserve(all.size());
-    for (Keyed& k : all) out.push_back(std::move(k.placed));
+    ChunkDecoder decoder([&out](Placed&& p) { out.push_back(std::move(p)); });
+    for (const Chunk& c : input.chunks) decoder.Add(Chunk(c));
+    decoder.Finish();
     return out;
+}
+
+ChunkDecoder::ChunkDecoder(std::function<void(Placed&&)> sink, size_t maxRun, size_t holdBytes)
+    : m_sink(std::move(sink)), m_holdBytes(holdBytes) {
+    for (Dir d : {Dir::ToBox, Dir::FromBox, Dir::Unknown}) m_lanes.emplace_back(d, maxRun);
+}
+
+void ChunkDecoder::Add(Chunk&& c) {
+    if (c.bytes.empty()) return;
+    Lane& lane = m_lanes[c.dir == Dir::ToBox ? 0 : c.dir == Dir::FromBox ? 1 : 2];
+    const bool more =
+        c.more && m_count > 0 && !lane.starts.empty() && lane.starts.back().index == m_count - 1;
+    if (!more) {
+        lane.starts.push_back(Start{lane.decoder.Fed(), m_count++, c.hasTime, c.tMs, c.line});
+    }
+    lane.decoder.Feed(c.bytes.data(), c.bytes.size());
+    Collect(lane);
+    Release(false);
+}
+
+void ChunkDecoder::Finish() {
+    for (Lane& lane : m_lanes) {
+        lane.decoder.Finish();
+        Collect(lane);
+    }
+    Release(true);
+}
+
+void ChunkDecoder::Collect(Lane& lane) {
+    for (Record& r : lane.decoder.Take()) {
+        // The chunk holding the record's first byte gives its time and line.
+        auto it = std::upper_bound(lane.starts.begin(), lane.starts.end(), r.offset,
+                                   [](size_t off, const Start& s) { return off < s.offset; });
+        const Start& s = *std::prev(it);
+        Placed p;
+        p.hasTime = s.hasTime;
+        p.tMs = s.tMs;
+        p.line = s.line;
+        m_held += r.raw.size();
+        p.record = std::move(r);
+        lane.done.emplace_back(s.index, std::move(p));
+    }
+    const size_t pending = lane.decoder.Pending();
+    while (lane.starts.size() > 1 && lane.starts[1].offset <= pending) lane.starts.pop_front();
+}
+
+// The chunk index of the lane's first undecoded byte: no later record of the lane starts before.
+size_t ChunkDecoder::Frontier(const Lane& lane) const {
+    if (lane.decoder.Pending() == lane.decoder.Fed() || lane.starts.empty()) {
+        return static_cast<size_t>(-1);
+    }
+    return lane.starts.front().index;
+}
+
+void ChunkDecoder::Release(bool all) {
+    for (;;) {
+        Lane* first = nullptr;
+        for (Lane& lane : m_lanes) {
+            if (!lane.done.empty() &&
+                (first == nullptr || lane.done.front().first < first->done.front().first)) {
+                first = &lane;
+            }
+        }
+        if (first == nullptr) return;
+        const size_t index = first->done.front().first;
+        bool blocked = false;
+        for (const Lane& lane : m_lanes) {
+            if (&lane != first && Frontier(lane) < index) blocked = true;
+        }
+        if (blocked && !all && m_held <= m_holdBytes) return;
+        Placed p = std::move(first->done.front().second);
+        first->done.pop_front();
+        m_held -= p.record.raw.size();
+        m_sink(std::move(p));
+    }
 }
 
 }  // namespace obdframe

@@ -12,6 +12,8 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,6 +37,7 @@ struct Chunk {
     double tMs = 0;
     size_t line = 0;  // 1-based; 0 for binary input
     Bytes bytes;
+    bool more = false;  // more bytes of the chunk before (read in pieces), not a chunk of its own
 };
 
 struct Input {
@@ -57,5 +60,72 @@ bool ParseHexBytes(const std::string& text, Bytes& out);
 
 // Decodes every direction's bytes as one stream each and returns the records in input order.
 std::vector<Placed> DecodeInput(const Input& input);
+
+// Reads an input of a known format as it comes and hands on each chunk (of any source) once it is
+// complete. A line longer than kMaxLine is read up to there; a dump that keeps growing is handed
+// on in pieces (`more`), as is binary input.
+class InputReader {
+  public:
+    static constexpr size_t kMaxLine = 65536;
+    InputReader(Format format, std::function<void(Chunk&&)> sink);
+    void Feed(const char* data, size_t n);
+    void Finish();
+    size_t BadLines() const { return m_in.badLines; }
+    // Called for each line cut at kMaxLine, with its number.
+    std::function<void(size_t line)> onLineCut;
+
+  private:
+    void EndLine();
+    void LogLine(const std::string& line, size_t lineNo);
+    void CloseDump();
+    void Flush();
+
+    Format m_format;
+    std::function<void(Chunk&&)> m_sink;
+    Input m_in;  // chunks read and not yet handed on, and the count of bad lines
+    std::string m_line;
+    bool m_lineCut = false;
+    size_t m_lineNo = 0;
+    bool m_inDump = false;
+    bool m_dumpHandedOn = false;  // part of the open dump went on already
+    Chunk m_dump;
+    bool m_binStarted = false;
+};
+
+// Decodes chunks as they come, every direction's bytes as one stream each, and hands the records
+// on in input order, as DecodeInput does. A record waits while a record of another direction
+// that began in an earlier chunk is still open, unless the records waiting hold more than
+// `holdBytes`: then they go on ahead of it. `maxRun` as in StreamDecoder.
+class ChunkDecoder {
+  public:
+    ChunkDecoder(std::function<void(Placed&&)> sink, size_t maxRun = StreamDecoder::kNoLimit,
+                 size_t holdBytes = StreamDecoder::kNoLimit);
+    void Add(Chunk&& chunk);
+    void Finish();
+
+  private:
+    struct Start {
+        size_t offset;  // in its direction's stream
+        size_t index;   // the chunk's, in the input
+        bool hasTime;
+        double tMs;
+        size_t line;
+    };
+    struct Lane {
+        explicit Lane(Dir d, size_t maxRun) : decoder(d, maxRun) {}
+        StreamDecoder decoder;
+        std::deque<Start> starts;  // of the chunks still holding undecoded bytes, and later ones
+        std::deque<std::pair<size_t, Placed>> done;  // chunk index, record
+    };
+    void Collect(Lane& lane);
+    size_t Frontier(const Lane& lane) const;
+    void Release(bool all);
+
+    std::function<void(Placed&&)> m_sink;
+    size_t m_holdBytes;
+    size_t m_held = 0;
+    size_t m_count = 0;
+    std::vector<Lane> m_lanes;  // to_box, from_box, unknown
+};
 
 }  // namespace obdframe

@@ -9,11 +9,10 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
+#include <algorithm>
 #include <map>
-#include <sstream>
 #include <string>
+#include <vector>
 
 #include "FrameFields.h"
 #include "FrameInput.h"
@@ -25,23 +24,52 @@ int Fail(const std::string& message, int code) {
     return code;
 }
 
-bool ReadAll(const std::string& path, std::string& content, std::string& error) {
-    if (path == "-") {
-        std::ostringstream s;
-        s << std::cin.rdbuf();
-        content = s.str();
+// The input is read in blocks and decoded as it comes: memory holds a block, the current line
+// and what an open frame or garbage run needs, whatever the input's size. The first kWindow bytes
+// are read before anything is printed, so that the format, the source and the chunk count of the
+// header come from the whole input when it is no longer.
+constexpr size_t kBlock = 65536;
+constexpr size_t kWindow = 1 << 20;
+// A garbage run or cut-off frame is printed in pieces of at most this many bytes.
+constexpr size_t kMaxRun = 65536;
+// Records of one direction printed ahead of an open record of the other that began earlier, once
+// the records waiting for it hold this many bytes.
+constexpr size_t kHoldBytes = 4 << 20;
+// Warnings of one kind printed before the rest are only counted.
+constexpr size_t kWarningsShown = 20;
+
+class Source {
+  public:
+    bool Open(const std::string& path, std::string& error) {
+        if (path == "-") {
+            m_file = stdin;
+            return true;
+        }
+        m_file = std::fopen(path.c_str(), "rb");
+        if (m_file == nullptr) {
+            error = path + ": " + std::strerror(errno);
+            return false;
+        }
+        m_owned = true;
         return true;
     }
-    std::ifstream f(path, std::ios::binary);
-    if (!f) {
-        error = path + ": " + std::strerror(errno);
-        return false;
+    ~Source() {
+        if (m_owned) std::fclose(m_file);
     }
-    std::ostringstream s;
-    s << f.rdbuf();
-    content = s.str();
-    return true;
-}
+    // Appends up to `n` bytes to `out`; 0 at the end of the input.
+    size_t Read(std::string& out, size_t n) {
+        const size_t at = out.size();
+        out.resize(at + n);
+        const size_t got = std::fread(&out[at], 1, n, m_file);
+        out.resize(at + got);
+        return got;
+    }
+    bool Failed() const { return std::ferror(m_file) != 0; }
+
+  private:
+    std::FILE* m_file = nullptr;
+    bool m_owned = false;
+};
 
 const char* FormatName(obdframe::Format f) {
     switch (f) {
@@ -124,35 +152,107 @@ int Run(int argc, char** argv) {
     print.fields = !noFields;
     std::signal(SIGPIPE, SIG_DFL);  // `obd-frame log | head` just stops
 
-    std::string content;
     std::string error;
-    if (!ReadAll(path, content, error)) return Fail("cannot read " + error, 1);
+    Source in;
+    if (!in.Open(path, error)) return Fail("cannot read " + error, 1);
+    std::string window;
+    bool ended = false;
+    while (!ended && window.size() < kWindow) ended = in.Read(window, kBlock) == 0;
+    if (in.Failed()) return Fail("cannot read " + path + ": " + std::strerror(errno), 1);
+    if (format == obdframe::Format::Auto) {
+        // A line the window cut is judged when it is whole, not by its first half.
+        const size_t nl = ended ? std::string::npos : window.rfind('\n');
+        format =
+            obdframe::DetectFormat(nl == std::string::npos ? window : window.substr(0, nl + 1));
+    }
 
-    const obdframe::Input input = obdframe::ParseInput(content, format, source);
-    if (input.badLines > 0) {
+    size_t linesCut = 0;
+    std::vector<obdframe::Chunk> early;  // the window's chunks, until the source is chosen
+    obdframe::ChunkDecoder* decoder = nullptr;
+    obdframe::Source chosen = source;
+    obdframe::InputReader reader(format, [&](obdframe::Chunk&& c) {
+        if (decoder == nullptr) {
+            early.push_back(std::move(c));
+        } else if (c.source == chosen) {
+            decoder->Add(std::move(c));
+        }
+    });
+    reader.onLineCut = [&linesCut](size_t line) {
+        if (++linesCut <= kWarningsShown) {
+            std::fprintf(stderr, "obd-frame: line %zu is longer than %zu bytes: read up to there\n",
+                         line, obdframe::InputReader::kMaxLine);
+        }
+    };
+    reader.Feed(window.data(), window.size());
+    if (ended) reader.Finish();
+    std::string().swap(window);
+
+    auto has = [&early](obdframe::Source s) {
+        return std::any_of(early.begin(), early.end(),
+                           [s](const obdframe::Chunk& c) { return c.source == s; });
+    };
+    if (chosen == obdframe::Source::Auto) {
+        chosen = has(obdframe::Source::Wire)   ? obdframe::Source::Wire
+                 : has(obdframe::Source::Read) ? obdframe::Source::Read
+                                               : obdframe::Source::Frame;
+    }
+    auto badLinesWarning = [&reader] {
+        if (reader.BadLines() == 0) return;
         std::fprintf(stderr,
                      "obd-frame: %zu line(s) with unreadable bytes (read up to the fault)\n",
-                     input.badLines);
-    }
+                     reader.BadLines());
+    };
+    if (ended) badLinesWarning();
     if (!json) {
-        const bool log =
-            input.format == obdframe::Format::Log || input.format == obdframe::Format::Json;
-        std::printf("# %s input%s%s, %zu chunk(s)\n", FormatName(input.format),
-                    log ? ", source " : "", log ? SourceName(input.source) : "",
-                    input.chunks.size());
-    }
-    obdframe::Summary summary;
-    for (const obdframe::Placed& p : obdframe::DecodeInput(input)) {
-        summary.Add(p.record);
-        if (json) {
-            std::printf("%s\n", obdframe::FormatJson(p, print).c_str());
+        const bool log = format == obdframe::Format::Log || format == obdframe::Format::Json;
+        const size_t chunks = static_cast<size_t>(std::count_if(
+            early.begin(), early.end(),
+            [chosen](const obdframe::Chunk& c) { return c.source == chosen && !c.more; }));
+        // Binary input is one chunk however long; a longer text input is counted only as it goes.
+        std::printf("# %s input%s%s, ", FormatName(format), log ? ", source " : "",
+                    log ? SourceName(chosen) : "");
+        if (ended || format == obdframe::Format::Bin) {
+            std::printf("%zu chunk(s)\n", chunks);
         } else {
-            for (const std::string& line : obdframe::FormatText(p, print)) {
-                std::printf("%s\n", line.c_str());
-            }
+            std::printf("streamed\n");
         }
     }
+
+    obdframe::Summary summary;
+    obdframe::ChunkDecoder chunkDecoder(
+        [&](obdframe::Placed&& p) {
+            summary.Add(p.record);
+            if (json) {
+                std::printf("%s\n", obdframe::FormatJson(p, print).c_str());
+            } else {
+                for (const std::string& line : obdframe::FormatText(p, print)) {
+                    std::printf("%s\n", line.c_str());
+                }
+            }
+        },
+        kMaxRun, kHoldBytes);
+    decoder = &chunkDecoder;
+    for (obdframe::Chunk& c : early) {
+        if (c.source == chosen) chunkDecoder.Add(std::move(c));
+    }
+    std::vector<obdframe::Chunk>().swap(early);
+    if (!ended) {
+        std::string block;
+        for (;;) {
+            block.clear();
+            if (in.Read(block, kBlock) == 0) break;
+            reader.Feed(block.data(), block.size());
+        }
+        if (in.Failed()) return Fail("cannot read " + path + ": " + std::strerror(errno), 1);
+        reader.Finish();
+    }
+    chunkDecoder.Finish();
     std::printf("%s\n", json ? summary.Json().c_str() : summary.Text().c_str());
+    if (!ended) badLinesWarning();
+    if (linesCut > kWarningsShown) {
+        std::fprintf(stderr, "obd-frame: %zu more line(s) longer than %zu bytes\n",
+                     linesCut - kWarningsShown, obdframe::InputReader::kMaxLine);
+    }
     return std::fflush(stdout) == 0 ? 0 : 1;
 }
 
