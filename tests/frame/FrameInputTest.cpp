@@ -56,7 +56,8 @@ const char kLog[] =
     "[D2] obd data: 13\n"
     "0x7 0x0\n"
     "[1003 ms] send id=6702 len=504 00 00 00 00 ...\n"
-    "[1004 ms] send id=6899 len=14 0a 00 00 00 55 aa f0 f8 00 03 02 2c 04\n";
+    "[1004 ms] send id=6899 len=14 0a 00 00 00 55 aa f0 f8 00 03 02 2c 04\n"
+    "[1005 ms] inbound id=6898 len=7 03 00 00 00 55 aa f8\n";
 
 TEST(FrameInput, EachFormatIsReadIntoChunksPerDirection) {
     auto C = [](const char* name, std::string content, Format format, Source source,
@@ -68,7 +69,8 @@ TEST(FrameInput, EachFormatIsReadIntoChunksPerDirection) {
           Format::Log,
           {{Dir::ToBox, "55 AA F0 F8 00 03 01 2C 04 22", 2},
            {Dir::FromBox, "55 AA F8 F0 00 03 01 6C 04 62", 3},
-           {Dir::ToBox, "55 AA F0 F8 00 03 02 2C 04", 1004}}),
+           {Dir::ToBox, "55 AA F0 F8 00 03 02 2C 04", 1004},
+           {Dir::FromBox, "55 AA F8", 1005}}),
         C("a log's reads, a dump continued and a trace not", kLog, Format::Auto, Source::Read,
           Format::Log,
           {{Dir::FromBox, "55 AA F8 F0 00 03 01 6C 04 62", -1}, {Dir::FromBox, "13", -1}}),

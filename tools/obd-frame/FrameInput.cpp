@@ -113,7 +113,7 @@ void AddChunk(Input& in, Dir dir, Source source, bool hasTime, double tMs, size_
     in.chunks.push_back(std::move(c));
 }
 
-// "send id=6899 len=19 0f 00 .." (obd-sim's readable bus line).
+// "send id=6899 len=19 0f 00 .." (obd-sim's readable bus line; 6898 comes as "inbound").
 void BusLine(Input& in, const std::string& rest, bool hasTime, double tMs, size_t lineNo) {
     const std::vector<std::string> tokens = Tokens(rest);
     int id = -1;
@@ -311,7 +311,9 @@ void InputReader::LogLine(const std::string& line, size_t lineNo) {
         AddChunk(m_in, dir, Source::Wire, hasTime, tMs, lineNo, std::move(bytes));
         return;
     }
-    if (StartsWith(rest, "send ") || StartsWith(rest, "response ")) {
+    // "inbound": the bytes obd-sim's CAN-box relay hands the plug-in.
+    if (StartsWith(rest, "send ") || StartsWith(rest, "response ") ||
+        StartsWith(rest, "inbound ")) {
         CloseDump();
         BusLine(m_in, rest, hasTime, tMs, lineNo);
         return;
