@@ -13,6 +13,7 @@
 
 #include "Decode.h"
 #include "Drive.h"
+#include "Report.h"
 #include "GdsLogicAnalyser.h"
 #include "Scenario.h"
 #include "SimProcess.h"
@@ -371,6 +372,159 @@ TEST_F(SimRun, BoxNamesTheBadArgumentAndExitsTwo) {
     for (const char* shown : {"--stream-ms INT:INT in [0 - 3600000]=1000", "--baud", "=115200",
                               "--silent-after-chunks", "=-1", "--seed UINT=1"}) {
         EXPECT_NE(out.find(shown), std::string::npos) << shown << "\n" << out;
+    }
+}
+
+TEST_F(SimRun, OptionsAreCheckedBeforeTheRunAndToldInOneLine) {
+    std::ofstream(dir + "/long.csv") << "t,speed\n0,1\n1e12,2\n";
+    std::ofstream(dir + "/wild.csv") << "t,speed,acc_x\n0,-5,0\n1,1e30,0\n2,-3,9\n3,10,0\n";
+    const std::string wild = "obd-sim: scenario " + dir + "/wild.csv: column \"speed\": ";
+    struct Row {
+        std::string args;
+        int code;
+        std::string line;  // the start of a line of stderr
+        bool first;        // and of the first one
+    };
+    const std::vector<Row> rows = {
+        {"--report '' --duration 1", 2, "obd-sim: --report: needs a name, not \"\"", true},
+        {"--scenario '' --duration 1", 2, "obd-sim: --scenario: needs a name, not \"\"", true},
+        {"--summary-json '' --duration 1", 2, "obd-sim: --summary-json: needs a name, not \"\"",
+         true},
+        {"--inject '' --duration 1", 2, "obd-sim: --inject: needs a name, not \"\"", true},
+        {"--serial ''", 2, "obd-sim: --serial: needs a name, not \"\"", true},
+        {"--plugin ''", 2, "obd-sim: --plugin: needs a name, not \"\"", true},
+        {"--serial /dev/null --no-box", 2, "obd-sim: --serial excludes --no-box", true},
+        {"--json --trace --duration 1", 2, "obd-sim: --json excludes --trace", true},
+        {"--time-scale 5 --speed 5 --duration 1", 2, "obd-sim: --speed excludes --time-scale",
+         true},
+        // Checked before the run, and nothing left behind.
+        {"--speed max --summary-json " + dir + "/no/s.json", 1,
+         "obd-sim: cannot write " + dir + "/no/s.json: No such file or directory", true},
+        {"--speed max --report " + dir, 1, "obd-sim: cannot write " + dir + ": Is a directory",
+         true},
+        {"--report " + dir + "/trip.html --plugin /nonexistent/lib.so", 1,
+         "obd-sim: cannot load plug-in: /nonexistent/lib.so", true},
+        // A write that fails at the end says why.
+        {"--speed max --duration 3 --summary-json /dev/full", 1,
+         "obd-sim: cannot write /dev/full: No space left on device", false},
+        {"--scenario " + dir + "/long.csv", 1,
+         "obd-sim: cannot read scenario " + dir +
+             "/long.csv:3: time 1e12 is past 7 days of vehicle time, the longest trip obd-sim "
+             "plays",
+         true},
+        // One line a column, however many rows.
+        {"--scenario " + dir + "/wild.csv --speed max", 0,
+         wild + "3 values outside 0 to 16777216 clamped (lowest -5, highest 1e+30)", true},
+        {"--scenario " + dir + "/wild.csv --speed max", 0,
+         "obd-sim: scenario " + dir +
+             "/wild.csv: column \"acc_x\": 1 value outside -8 to 7.999755859 clamped (lowest 9, "
+             "highest 9)",
+         false},
+        {"--time-scale 50 --duration 1", 0, "obd-sim: --time-scale is deprecated: use --speed",
+         true},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(Run(r.args, 60), r.code) << r.args << ": " << err.substr(0, 2000);
+        const size_t at = ("\n" + err).find("\n" + r.line);
+        EXPECT_TRUE(r.first ? at == 0 : at != std::string::npos) << r.args << ": " << err;
+        // Said once, not once a use or a row.
+        EXPECT_EQ(err.find(r.line, at + 1), std::string::npos) << r.args << ": " << err;
+    }
+    EXPECT_FALSE(std::ifstream(dir + "/trip.html").good()) << "an empty report left behind";
+}
+
+TEST_F(SimRun, AFloodOfBadInjectLinesIsCountedNotPrinted) {
+    // Garbage: lines of random bytes, some without an end, and a line no buffer should hold.
+    std::string junk;
+    unsigned seed = 7;
+    for (int line = 0; line < 3000; ++line) {
+        for (int k = 0; k < 40; ++k) {
+            seed = seed * 1103515245u + 12345u;
+            const char c = static_cast<char>(seed >> 16);
+            junk += c == '\n' || c == '#' ? 'x' : c;
+        }
+        junk += '\n';
+    }
+    junk += std::string(200 * 1024, 'z') + "\n@1000 6729 01\n";
+    std::ofstream(dir + "/junk", std::ios::binary) << junk;
+    ASSERT_EQ(Run("--speed max --duration 2 --inject " + dir + "/junk"), 0) << err.substr(0, 3000);
+    std::istringstream lines(err);
+    int told = 0;
+    for (std::string line; std::getline(lines, line);)
+        told += line.rfind("obd-sim: inject line", 0) == 0;
+    EXPECT_EQ(told, 20) << err.substr(0, 3000);
+    EXPECT_NE(err.find("obd-sim: inject: 2981 more bad lines not shown\n"), std::string::npos)
+        << err.substr(err.size() > 3000 ? err.size() - 3000 : 0);
+}
+
+TEST_F(SimRun, DefaultSpeedIsVirtualWithTheBuiltInBoxAndEveryOutputRepeats) {
+    // With the built-in box a run is on virtual time unless a speed is asked for; a real box, a
+    // bare line or lines typed on stdin keep real time, which the summary then tells.
+    const std::vector<std::pair<std::string, bool>> rows = {
+        {"--no-box --duration 1", false},
+        {"--inject - --duration 1", false},
+        {"--duration 1", true},
+    };
+    for (const auto& [args, virtualTime] : rows) {
+        EXPECT_EQ(Run(args + " --summary-json " + dir + "/summary.json", 60), 0) << args << err;
+        EXPECT_EQ(Summary().contains("real_s"), !virtualTime) << args;
+        EXPECT_EQ(out.find(" of vehicle time in ") == std::string::npos, virtualTime) << out;
+    }
+    // Two whole default runs print the same bytes: the summary, its JSON and the report.
+    std::string first[3];
+    for (int run = 0; run < 2; ++run) {
+        ASSERT_EQ(Run("--summary-json " + dir + "/summary.json" +
+                      (ReportAvailable() ? " --report " + dir + "/trip.html" : "")),
+                  0)
+            << err;
+        const std::string now[3] = {out, Slurp("/summary.json"), Slurp("/trip.html")};
+        for (int k = 0; k < 3 && run == 1; ++k) EXPECT_EQ(now[k], first[k]) << k;
+        std::copy(now, now + 3, first);
+    }
+    EXPECT_EQ(out.rfind("Trip summary: built-in drive, 0:14:49 of vehicle time\n", 0), 0u) << out;
+}
+
+TEST_F(SimRun, HelpShowsEveryDefaultAndTheFirstCommandBuildsEveryToolShown) {
+    ASSERT_EQ(Run("--help"), 0) << err;
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        {"--speed", "max (1 with --serial, --no-box or --inject -)"},
+        {"--duration", "the drive's length and 1 s"},
+        {"--scenario", "the built-in drive"},
+        {"--gaps", "hold with --columns, else interpolate"},
+        {"--baud", "115200"},
+        {"--box-stream-ms", "1000"},
+        {"--box-link-ms", "0"},
+        {"--product-type", "0"},
+        {"--log-level", "1"},
+        {"--dump-level", "0"},
+        {"--plugin", "libSerialDevOBD.so"},
+    };
+    for (const auto& [option, shown] : rows) {
+        const size_t at = out.find("  " + option + " ");
+        ASSERT_NE(at, std::string::npos) << option << ": " << out;
+        const std::string entry = out.substr(at, out.find("\n  -", at + 1) - at);
+        EXPECT_NE(entry.find(shown), std::string::npos) << option << ": " << entry;
+    }
+    // Every program the README runs from build/bin is one the README's first command builds.
+    std::stringstream readme, script;
+    readme << std::ifstream(OBD_SOURCE_DIR "/README.md").rdbuf();
+    script << std::ifstream(OBD_SOURCE_DIR "/scripts/run-sim.sh").rdbuf();
+    const std::string text = readme.str(), sh = script.str();
+    const size_t targets = sh.find("--target ");
+    ASSERT_NE(targets, std::string::npos);
+    const std::string built = sh.substr(targets, sh.find('\n', targets) - targets) + " ";
+    std::set<std::string> shown;
+    for (size_t at = 0; (at = text.find("build/bin/", at)) != std::string::npos;) {
+        at += 10;
+        size_t end = at;
+        while (end < text.size() && (std::isalnum(static_cast<unsigned char>(text[end])) != 0 ||
+                                     text[end] == '-' || text[end] == '_'))
+            ++end;
+        shown.insert(text.substr(at, end - at));
+    }
+    EXPECT_GE(shown.size(), 3u);
+    for (const std::string& tool : shown) {
+        EXPECT_NE(built.find(" " + tool + " "), std::string::npos) << tool << ": " << built;
     }
 }
 

@@ -36,6 +36,19 @@ bool ParseNumber(const std::string& token, long long max, long long& value) {
     return true;
 }
 
+// A token as an error message quotes it: garbage (a binary file given by mistake) comes out
+// short and printable.
+std::string Shown(const std::string& token) {
+    constexpr size_t kShown = 24;
+    std::string out;
+    for (size_t i = 0; i < token.size() && i < kShown; ++i) {
+        const unsigned char c = static_cast<unsigned char>(token[i]);
+        out += std::isprint(c) != 0 ? static_cast<char>(c) : '?';
+    }
+    if (token.size() > kShown) out += "...";
+    return out;
+}
+
 }  // namespace
 
 ParseResult ParseInjectLine(const std::string& line, InjectLine& out, std::string& error) {
@@ -47,7 +60,7 @@ ParseResult ParseInjectLine(const std::string& line, InjectLine& out, std::strin
     if (token[0] == '@') {
         long long t = 0;
         if (!ParseNumber(token.substr(1), LLONG_MAX / 1000, t)) {
-            error = "bad time '" + token + "'";
+            error = "bad time '" + Shown(token) + "'";
             return ParseResult::Error;
         }
         result.timed = true;
@@ -59,7 +72,7 @@ ParseResult ParseInjectLine(const std::string& line, InjectLine& out, std::strin
     }
     long long id = 0;
     if (!ParseNumber(token, INT_MAX, id)) {
-        error = "bad message id '" + token + "'";
+        error = "bad message id '" + Shown(token) + "'";
         return ParseResult::Error;
     }
     result.id = static_cast<int>(id);
@@ -74,7 +87,7 @@ ParseResult ParseInjectLine(const std::string& line, InjectLine& out, std::strin
         const int hi = HexDigit(hex[i]);
         const int lo = HexDigit(hex[i + 1]);
         if (hi < 0 || lo < 0) {
-            error = "bad hex payload '" + hex.substr(i, 2) + "'";
+            error = "bad hex payload '" + Shown(hex.substr(i, 2)) + "'";
             return ParseResult::Error;
         }
         result.payload.push_back(static_cast<unsigned char>(hi * 16 + lo));

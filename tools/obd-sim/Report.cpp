@@ -521,10 +521,12 @@ std::string ReportHtml(const Json& summary, const std::vector<TimelinePoint>& po
     page += "<title>Trip report: " + Esc(Str(summary, "source")) + "</title>\n";
     page += "<style>" + std::string(kStyle) + "</style></head>\n<body>\n";
     page += "<h1>Trip report: " + Esc(Str(summary, "source")) + "</h1>\n";
-    page += "<p>" + Dur(summary["vehicle_s"].get<double>()) + " of vehicle time in " +
-            Fmt("%.1f", summary["real_s"].get<double>()) +
-            " s. <span id=\"verdict\" class=\"verdict " + (bad ? "bad" : "ok") + "\">" + verdict +
-            "</span></p>\n";
+    page += "<p>" + Dur(summary["vehicle_s"].get<double>()) + " of vehicle time";
+    if (summary.contains("real_s")) {
+        page += " in " + Fmt("%.1f", summary["real_s"].get<double>()) + " s";
+    }
+    page += ". <span id=\"verdict\" class=\"verdict " + std::string(bad ? "bad" : "ok") +
+            "\">" + verdict + "</span></p>\n";
     if (!ok) {
         page += "<ul>";
         for (const Json& p : summary["problems"])

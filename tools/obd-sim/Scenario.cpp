@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -19,6 +20,8 @@
 #pragma GCC diagnostic ignored "-Wstringop-truncation"
 #endif
 #include <libfccp/csv.h>
+
+#include "Feeder.h"
 
 namespace obdsim {
 namespace {
@@ -94,6 +97,44 @@ bool ReadExpected(const std::string& path, std::vector<ExpectedAlarm>& out, std:
         out.push_back(e);
     }
     return true;
+}
+
+// The longest trip played: a week of vehicle time is far beyond any recording, and a time
+// column gone astray (milliseconds read as seconds, an epoch stamp) would otherwise keep a run
+// going for years of host time.
+constexpr double kMaxTripS = 7 * 86400.0;
+
+// What a column's values may be: the inertial axes what the bus's 16-bit counts carry, the
+// items that count up or measure an amount not below 0, and every item no further than the
+// whole units a float carries exactly.
+struct Range {
+    double lo, hi;
+};
+Range RangeOf(int channel) {
+    constexpr double kFloatWhole = 16777216.0;
+    if (channel >= kAccX && channel <= kAccZ)
+        return {-32768.0 / kCountsPerG, 32767.0 / kCountsPerG};
+    if (channel >= kRotX && channel <= kRotZ) {
+        return {-32768.0 / kCountsPerDegPerS, 32767.0 / kCountsPerDegPerS};
+    }
+    for (const char* name :
+         {"speed", "engine_speed", "accelerator", "brake", "clutch", "running_brake", "mileage",
+          "mileage2", "fuel", "gross", "battery_volt"}) {
+        if (ItemIndex(name) == channel) return {0.0, kFloatWhole};
+    }
+    return {-kFloatWhole, kFloatWhole};
+}
+
+// Values a column had outside its range, told once for the column after the file is read.
+struct Clamped {
+    long long rows = 0;
+    double lowest = 0, highest = 0;
+};
+
+std::string Num(double v) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.10g", v);
+    return text;
 }
 
 std::string KnownNames() {
@@ -180,7 +221,7 @@ bool ParseColumns(const std::string& mapping, std::vector<ColumnMap>& out, std::
 }
 
 bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns, Drive& out,
-                  std::string& error, Gaps gaps) {
+                  std::string& error, Gaps gaps, std::vector<std::string>* notes) {
     std::vector<ColumnMap> map = columns;
     const bool ownNames = map.empty();
     if (ownNames) {
@@ -248,6 +289,7 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
         std::vector<Drive::Channel> channels(used.size());
         std::vector<bool> known(used.size(), false);
         std::vector<float> last(used.size(), 0.0f);
+        std::vector<Clamped> clamped(used.size());
         for (size_t k = 0; k < used.size(); ++k) {
             const int ch = Channel(map[used[k]].target);
             channels[k].id = ch;
@@ -282,6 +324,11 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
                 error = at + "time " + timeCell + " is not after the previous row's";
                 return false;
             }
+            if (t > kMaxTripS) {
+                error = at + "time " + timeCell +
+                        " is past 7 days of vehicle time, the longest trip obd-sim plays";
+                return false;
+            }
             for (size_t k = 0; k < used.size(); ++k) {
                 const char* cell = cells[slot[used[k]]];
                 if (cell != nullptr && *cell != '\0') {
@@ -291,7 +338,16 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
                                 "\" is not a number";
                         return false;
                     }
-                    last[k] = static_cast<float>(v * map[used[k]].factor);
+                    v *= map[used[k]].factor;
+                    const Range r = RangeOf(channels[k].id);
+                    if (v < r.lo || v > r.hi) {
+                        Clamped& c = clamped[k];
+                        c.lowest = c.rows == 0 ? v : std::min(c.lowest, v);
+                        c.highest = c.rows == 0 ? v : std::max(c.highest, v);
+                        ++c.rows;
+                        v = std::clamp(v, r.lo, r.hi);
+                    }
+                    last[k] = static_cast<float>(v);
                     known[k] = true;
                 }
                 if (known[k]) {
@@ -308,6 +364,17 @@ bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns
         }
         std::vector<ExpectedAlarm> expected;
         if (!ReadExpected(path, expected, error)) return false;
+        for (size_t k = 0; k < used.size() && notes != nullptr; ++k) {
+            const Clamped& c = clamped[k];
+            if (c.rows == 0) continue;
+            const ColumnMap& m = map[used[k]];
+            const Range r = RangeOf(channels[k].id);
+            notes->push_back(where + "column \"" + m.source + "\"" +
+                             (m.source != m.target ? " (" + m.target + ")" : "") + ": " +
+                             std::to_string(c.rows) + (c.rows == 1 ? " value" : " values") +
+                             " outside " + Num(r.lo) + " to " + Num(r.hi) + " clamped (lowest " +
+                             Num(c.lowest) + ", highest " + Num(c.highest) + ")");
+        }
         const size_t slash = path.rfind('/');
         Drive d("scenario " + (slash == std::string::npos ? path : path.substr(slash + 1)));
         for (auto& c : channels) d.SetChannel(std::move(c));

@@ -54,8 +54,11 @@ enum class Gaps {
 bool ParseColumns(const std::string& mapping, std::vector<ColumnMap>& out, std::string& error);
 
 // Reads the scenario. False with a one-line `error` naming the file and, where it applies, the
-// line: a missing file, an unknown or missing column, a bad cell, rows out of time order.
+// line: a missing file, an unknown or missing column, a bad cell, rows out of time order, a time
+// past 7 days. Values beyond what a column can carry (a negative speed, 1e30) are clamped; each
+// column that had some adds one line to `notes`, naming the column, the range and the count.
 bool LoadScenario(const std::string& path, const std::vector<ColumnMap>& columns, Drive& out,
-                  std::string& error, Gaps gaps = Gaps::ByKind);
+                  std::string& error, Gaps gaps = Gaps::ByKind,
+                  std::vector<std::string>* notes = nullptr);
 
 }  // namespace obdsim

@@ -207,7 +207,9 @@ Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const 
 std::string SummaryText(const Json& s) {
     std::string t;
     t += "Trip summary: " + Str(s, "source") + ", " + Dur(s["vehicle_s"].get<double>()) +
-         " of vehicle time in " + Fmt("%.1f", s["real_s"].get<double>()) + " s\n\n";
+         " of vehicle time";
+    if (s.contains("real_s")) t += " in " + Fmt("%.1f", s["real_s"].get<double>()) + " s";
+    t += "\n\n";
 
     const Json& alarms = s["alarms"];
     if (alarms.empty()) {

@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -211,6 +212,15 @@ class Injector {
         m_fd = -1;
     }
 
+    // The bad lines not told one by one, once the reading has stopped.
+    void TellUntold() const {
+        const long long untold = m_bad.load() - kToldBad;
+        if (untold > 0) {
+            std::fprintf(stderr, "obd-sim: inject: %lld more bad %s not shown\n", untold,
+                         untold == 1 ? "line" : "lines");
+        }
+    }
+
   private:
     void Run() {
         if (m_part) m_part->Enter();
@@ -223,6 +233,7 @@ class Injector {
         char chunk[4096];
         long long lineNo = 0;
         bool eof = false;
+        bool overlong = false;  // within a line already told as too long
         while (!m_stop && !eof) {
             // Poll with a timeout so that Stop() is seen even while stdin stays silent.
             pollfd p{m_fd, POLLIN, 0};
@@ -236,10 +247,29 @@ class Injector {
             }
             size_t nl;
             while (!m_stop && (nl = pending.find('\n')) != std::string::npos) {
-                Handle(pending.substr(0, nl), ++lineNo);
+                if (overlong) {
+                    overlong = false;
+                } else {
+                    Handle(pending.substr(0, nl), ++lineNo);
+                }
                 pending.erase(0, nl + 1);
             }
+            // No line is that long: a file without line ends (a binary given by mistake) is
+            // told as one bad line and read on to its next line end, not kept in memory.
+            if (!overlong && pending.size() > kLongestLine) {
+                Bad(++lineNo, "line longer than " + std::to_string(kLongestLine) + " bytes");
+                overlong = true;
+            }
+            if (overlong) pending.clear();
             if (eof && !m_stop && !pending.empty()) Handle(pending, ++lineNo);
+        }
+    }
+
+    // The first few bad lines are told as they come; a flood of them (garbage) is only counted,
+    // so that the run's own lines stay readable, and the count is told at the end.
+    void Bad(long long lineNo, const std::string& why) {
+        if (m_bad.fetch_add(1) < kToldBad) {
+            std::fprintf(stderr, "obd-sim: inject line %lld: %s\n", lineNo, why.c_str());
         }
     }
 
@@ -250,7 +280,7 @@ class Injector {
             case obdsim::ParseResult::Skip:
                 return;
             case obdsim::ParseResult::Error:
-                std::fprintf(stderr, "obd-sim: inject line %lld: %s\n", lineNo, error.c_str());
+                Bad(lineNo, error);
                 return;
             case obdsim::ParseResult::Message:
                 break;
@@ -276,6 +306,9 @@ class Injector {
     int m_fd = -1;
     bool m_own = false;
     std::atomic<bool> m_stop{false};
+    std::atomic<long long> m_bad{0};
+    static constexpr long long kToldBad = 20;
+    static constexpr size_t kLongestLine = 64 * 1024;
     std::unique_ptr<hostsim::Participant> m_part;
     std::thread m_thread;
 };
@@ -317,6 +350,45 @@ bool CheckPlugin(const std::string& path, std::string& error) {
     ::dlclose(lib);
     if (!ok) error = path + ": PeripheralCreate or PeripheralRelease missing";
     return ok;
+}
+
+// Whether `path` can be written at the end of the run, told before it starts, without creating
+// or truncating anything: a run that then fails to start leaves no empty file behind.
+bool CheckWritable(const std::string& path, std::string& error) {
+    struct stat st {};
+    int err = 0;
+    if (::stat(path.c_str(), &st) == 0) {
+        if (S_ISDIR(st.st_mode)) {
+            err = EISDIR;
+        } else if (::access(path.c_str(), W_OK) != 0) {
+            err = errno;
+        }
+    } else if (errno == ENOENT) {
+        const size_t slash = path.rfind('/');
+        const std::string dir = slash == std::string::npos ? "."
+                                : slash == 0               ? "/"
+                                                           : path.substr(0, slash);
+        if (::access(dir.c_str(), W_OK | X_OK) != 0) err = errno;
+    } else {
+        err = errno;
+    }
+    if (err != 0) error = "cannot write " + path + ": " + std::strerror(err);
+    return err == 0;
+}
+
+// Writes the whole file; false with the system's reason when any step fails (a full disk shows
+// only when the data leaves the buffer).
+bool WriteText(const std::string& path, const std::string& text, std::string& error) {
+    FILE* f = std::fopen(path.c_str(), "w");
+    int err = f == nullptr ? errno : 0;
+    if (f != nullptr) {
+        if (std::fwrite(text.data(), 1, text.size(), f) != text.size() || std::fflush(f) != 0) {
+            err = errno;
+        }
+        if (std::fclose(f) != 0 && err == 0) err = errno;
+    }
+    if (err != 0) error = "cannot write " + path + ": " + std::strerror(err);
+    return err == 0;
 }
 
 int Fail(const std::string& message, int code) {
@@ -388,6 +460,8 @@ int DirectCheck(const std::string& path, const obdsim::Drive& drive, const std::
 int Run(int argc, char** argv) {
     const auto realStart = std::chrono::steady_clock::now();
     CLI::App app{"Runs the OBD plug-in under the host layer."};
+    // --help shows each option's default beside it.
+    app.option_defaults()->always_capture_default();
     // CLI11's own positive-number check prints its double range in full; say it plainly.
     const CLI::Validator positive(
         [](std::string& text) {
@@ -410,7 +484,8 @@ int Run(int argc, char** argv) {
     int productType = 0;
     int logLevel = 1;
     int dumpLevel = 0;
-    std::string speed = "1";
+    // Empty until given: the default depends on the box (see --speed).
+    std::string speed;
     bool json = false;
     bool trace = false;
     bool noBox = false;
@@ -419,26 +494,38 @@ int Run(int argc, char** argv) {
     // stops the data stream for its eleven unanswered attempts (about 22 s): the built-in box
     // sends none unless asked, so that a drive reaches the analyser.
     int boxLinkMs = 0;
-    app.add_option("--serial", serial,
-                   "tty of the box; without it a built-in box answers on a pseudo-terminal");
-    app.add_flag("--no-box", noBox,
-                 "without --serial: a bare pseudo-terminal that answers nothing");
+    // An empty path names nothing: refused rather than read as "not given".
+    const CLI::Validator named(
+        [](std::string& text) { return text.empty() ? "needs a name, not \"\"" : std::string(); },
+        "");
+    CLI::Option* serialOption =
+        app.add_option("--serial", serial,
+                       "tty of the box; without it a built-in box answers on a pseudo-terminal")
+            ->check(named);
+    app.add_flag("--no-box", noBox, "without --serial: a bare pseudo-terminal that answers nothing")
+        ->excludes(serialOption);
     app.add_option("--scenario", scenario,
-                   "built-in box: play this CSV drive instead of the built-in one");
+                   "built-in box: play this CSV drive instead of the built-in one")
+        ->check(named)
+        ->default_str("the built-in drive");
     app.add_option("--columns", columns,
                    "--scenario's column mapping: SOURCE=NAME[*FACTOR][+NAME[*FACTOR]...],... "
                    "(a column may feed several names: distance=mileage+mileage2) or a preset "
-                   "(polidriving)");
+                   "(polidriving)")
+        ->check(named)
+        ->default_str("the file's own names");
     std::string gapsText;
     app.add_option("--gaps", gapsText,
                    "--scenario's values between rows: hold (each row stands until the next; the "
                    "default with --columns) or interpolate (a straight line; the default for "
                    "obd-sim's own format)")
         ->check(CLI::IsMember({"hold", "interpolate"}))
-        ->option_text("hold|interpolate");
+        // CLI11 shows no default beside an option text of its own.
+        ->option_text("hold|interpolate=hold with --columns, else interpolate");
     app.add_option("--direct-check", directCheck,
                    "run no plug-in: analyse the drive's values at each whole second directly and "
-                   "compare the alarms with this summary of its replay (--summary-json)");
+                   "compare the alarms with this summary of its replay (--summary-json)")
+        ->check(named);
     app.add_option("--box-stream-ms", boxStreamMs,
                    "built-in box: data-stream frame period in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
@@ -451,7 +538,8 @@ int Run(int argc, char** argv) {
     app.add_option("--duration", duration,
                    "stop after this many seconds of host time (default: the drive's length; "
                    "with --serial or --no-box: until interrupted)")
-        ->check(positive);
+        ->check(positive)
+        ->default_str("the drive's length and 1 s");
     app.add_option("--product-type", productType, "host product type (72 = CAN-box mode)")
         ->check(CLI::Range(0, 255));
     CLI::Option* logOption =
@@ -473,23 +561,32 @@ int Run(int argc, char** argv) {
                          "faster pace), or max (inf)";
         },
         "K|max");
-    app.add_option("--speed", speed,
-                   "host time runs K times faster than real time (0 < K <= 100); max (or "
-                   "inf): as fast as the work allows, the same run every time")
-        ->transform(speedCheck);
-    app.add_option("--time-scale", speed, "deprecated: the same as --speed K")
-        ->transform(speedCheck);
-    app.add_flag("--json", json,
-                 "one JSON object per line on stdout for every wire chunk and bus message "
-                 "(decoded); the summary goes to stderr");
-    app.add_flag("--trace", trace, "print every wire byte and bus message as readable lines");
+    CLI::Option* speedOption =
+        app.add_option("--speed", speed,
+                       "host time runs K times faster than real time (0 < K <= 100); max (or "
+                       "inf): as fast as the work allows, the same run every time")
+            ->transform(speedCheck)
+            ->default_str("max (1 with --serial, --no-box or --inject -)");
+    CLI::Option* timeScaleOption =
+        app.add_option("--time-scale", speed, "deprecated: the same as --speed K")
+            ->transform(speedCheck)
+            ->excludes(speedOption);
+    CLI::Option* jsonOption =
+        app.add_flag("--json", json,
+                     "one JSON object per line on stdout for every wire chunk and bus message "
+                     "(decoded); the summary goes to stderr");
+    app.add_flag("--trace", trace, "print every wire byte and bus message as readable lines")
+        ->excludes(jsonOption);
     app.add_option("--summary-json", summaryJson,
-                   "write the summary as one JSON object to this file");
+                   "write the summary as one JSON object to this file")
+        ->check(named);
     app.add_option("--report", report,
-                   "write a self-contained HTML page of the trip (timeline, summary, link health)");
-    app.add_option("--inject", inject,
-                   "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin");
-    app.add_option("--plugin", plugin, "plug-in library (default: next to this program)");
+                   "write a self-contained HTML page of the trip (timeline, summary, link health)")
+        ->check(named);
+    app.add_option("--inject", inject, "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin")
+        ->check(named);
+    app.add_option("--plugin", plugin, "plug-in library (default: next to this program)")
+        ->check(named);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -497,6 +594,13 @@ int Run(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return Fail(e.what(), 2);
     }
+    if (timeScaleOption->count() > 0) {
+        std::fprintf(stderr, "obd-sim: --time-scale is deprecated: use --speed\n");
+    }
+    // The built-in box keeps no real time, so its drive plays on virtual time unless a speed is
+    // given: the same bytes every run. A real box, a bare line and lines typed on stdin come in
+    // real time.
+    if (speed.empty()) speed = serial.empty() && !noBox && inject != "-" ? "max" : "1";
     if (speed == "max" && !serial.empty()) {
         return Fail("--speed max: a real box keeps real time; use the built-in box", 2);
     }
@@ -516,7 +620,10 @@ int Run(int argc, char** argv) {
     if (!report.empty() && !obdsim::ReportAvailable()) {
         return Fail("--report: built without Chart.js (install libjs-chart.js and rebuild)", 2);
     }
-    if (!report.empty() && !std::ofstream(report)) return Fail("cannot write " + report, 1);
+    for (const std::string* path : {&summaryJson, &report}) {
+        std::string error;
+        if (!path->empty() && !CheckWritable(*path, error)) return Fail(error, 1);
+    }
     std::vector<obdsim::ColumnMap> columnMap;
     {
         std::string error;
@@ -527,9 +634,13 @@ int Run(int argc, char** argv) {
         // written as keyframes moves from one to the next.
         obdsim::Drive drive = obdsim::BuiltinDrive();
         std::string error;
-        if (!scenario.empty() && !obdsim::LoadScenario(scenario, columnMap, drive, error, gaps)) {
+        std::vector<std::string> notes;
+        if (!scenario.empty() &&
+            !obdsim::LoadScenario(scenario, columnMap, drive, error, gaps, &notes)) {
             return Fail("cannot read scenario " + error, 1);
         }
+        for (const std::string& note : notes)
+            std::fprintf(stderr, "obd-sim: scenario %s\n", note.c_str());
         return DirectCheck(directCheck, drive, plugin);
     }
 
@@ -570,8 +681,13 @@ int Run(int argc, char** argv) {
         std::string error;
         if (scenario.empty()) {
             *drive = obdsim::BuiltinDrive();
-        } else if (!obdsim::LoadScenario(scenario, columnMap, *drive, error, gaps)) {
-            return Fail("cannot read scenario " + error, 1);
+        } else {
+            std::vector<std::string> notes;
+            if (!obdsim::LoadScenario(scenario, columnMap, *drive, error, gaps, &notes)) {
+                return Fail("cannot read scenario " + error, 1);
+            }
+            for (const std::string& note : notes)
+                std::fprintf(stderr, "obd-sim: scenario %s\n", note.c_str());
         }
     }
     const double timeScale = speed == "max" ? 0.0 : std::strtod(speed.c_str(), nullptr);
@@ -788,7 +904,10 @@ int Run(int argc, char** argv) {
             // clock slower than real they would last minutes or days, and a Ctrl-C would seem
             // ignored. From here time runs at real pace; the change wakes every host sleep.
             if (!self && timeScale < 1.0) hostsim::ClockUseReal(hostsim::ClockNowMs());
-            if (injector) injector->Stop();
+            if (injector) {
+                injector->Stop();
+                injector->TellUntold();
+            }
             feeder.Stop();
             host.Release();
         }
@@ -804,16 +923,18 @@ int Run(int argc, char** argv) {
     hostsim::SetLogSink({});
     if (ran) {
         if (link) facts.link = link->Figures();
-        const obdsim::Json summary = obdsim::SummaryJson(trip, &reference, facts);
+        obdsim::Json summary = obdsim::SummaryJson(trip, &reference, facts);
+        // On virtual time the wall time is the one thing that differs between two runs; the
+        // outputs leave it out, so that they stay byte for byte the same.
+        if (self) summary.erase("real_s");
         const std::string text = obdsim::SummaryText(summary);
         const std::string line =
             summary.dump(-1, ' ', false, obdsim::Json::error_handler_t::replace);
         // With --json stdout stays one message per line; the summary goes where a person reads.
         std::fputs(text.c_str(), json ? stderr : out);
-        if (!summaryJson.empty()) {
-            std::ofstream file(summaryJson);
-            file << line << "\n";
-            if (!file) status = Fail("cannot write " + summaryJson, 1);
+        std::string error;
+        if (!summaryJson.empty() && !WriteText(summaryJson, line + "\n", error)) {
+            status = Fail(error, 1);
         }
         if (!report.empty()) {
             obdsim::Json settings;
@@ -830,9 +951,10 @@ int Run(int argc, char** argv) {
             }
             if (!inject.empty()) settings["inject"] = inject;
             settings["plug-in"] = plugin;
-            std::ofstream file(report);
-            file << obdsim::ReportHtml(summary, timeline->Points(), settings);
-            if (!file) status = Fail("cannot write " + report, 1);
+            if (!WriteText(report, obdsim::ReportHtml(summary, timeline->Points(), settings),
+                           error)) {
+                status = Fail(error, 1);
+            }
         }
         const std::string verdict = summary["verdict"].get<std::string>();
         if (verdict == "misbehaved" && status == 0) {
