@@ -19,21 +19,18 @@
 namespace fakehost {
 namespace {
 
-struct State {
-    std::mutex mu;
-    std::condition_variable cv;
+// Everything Reset() starts afresh; the lock, the running threads and the numbering outlive it.
+struct Records {
     int productType = 0;
     bool failThreads = false;
     bool holdThreads = false;
     int threadsStarted = 0;
-    int threadsRunning = 0;
     unsigned int sleepDivisor = 1000;
     uint64_t sleepCalls = 0;
     uint64_t sleptUs = 0;
     std::vector<TimedWait> timedWaits;
-    uint64_t waitEpoch = 0;  // bumped whenever timedWaits and serialOut are emptied
-    bool answerer = false;   // a box thread takes part in the waits (AttachAnswerer)
-    size_t answered = 0;     // serial writes of this epoch the box has handled
+    bool answerer = false;  // a box thread takes part in the waits (AttachAnswerer)
+    size_t answered = 0;    // serial writes of this epoch the box has handled
     uint64_t microSeconds = 0;
     Common::_datetime_ shareTime{};
     std::deque<std::vector<unsigned char>> serialIn;
@@ -43,7 +40,6 @@ struct State {
     unsigned int maxBuffer = 0;
     unsigned int circleTime = 0;
     bool periphStatus = true;
-    int stopThreadCalls = 0;
     std::vector<BusSend> sends;
     std::vector<BusResponse> responses;
     std::vector<Registration> registrations;
@@ -51,8 +47,15 @@ struct State {
     std::vector<LogLine> logs;
     std::vector<Dump> dumps;
     std::vector<std::string> events;
-    uint32_t nextSeq = 1;
     SendHook sendHook;
+};
+
+struct State : Records {
+    std::mutex mu;
+    std::condition_variable cv;
+    int threadsRunning = 0;
+    uint64_t waitEpoch = 0;  // bumped whenever timedWaits and serialOut are emptied
+    uint32_t nextSeq = 1;
 };
 
 State& S() {
@@ -70,35 +73,8 @@ CMsgClientManage& Bus() {
 void Reset() {
     State& s = S();
     std::lock_guard<std::mutex> lock(s.mu);
-    s.productType = 0;
-    s.failThreads = false;
-    s.holdThreads = false;
-    s.threadsStarted = 0;
-    s.sleepDivisor = 1000;
-    s.sleepCalls = 0;
-    s.sleptUs = 0;
-    s.timedWaits.clear();
+    static_cast<Records&>(s) = Records{};
     ++s.waitEpoch;
-    s.answerer = false;
-    s.answered = 0;
-    s.microSeconds = 0;
-    s.shareTime = Common::_datetime_{};
-    s.serialIn.clear();
-    s.serialOut.clear();
-    s.clearCalls = 0;
-    s.configStatuses.clear();
-    s.maxBuffer = 0;
-    s.circleTime = 0;
-    s.periphStatus = true;
-    s.stopThreadCalls = 0;
-    s.sends.clear();
-    s.responses.clear();
-    s.registrations.clear();
-    s.unregistrations.clear();
-    s.logs.clear();
-    s.dumps.clear();
-    s.events.clear();
-    s.sendHook = nullptr;
 }
 
 void ClearRecords() {
@@ -131,7 +107,6 @@ FAKE_GET(std::vector<int>, ConfigStatuses, configStatuses)
 FAKE_GET(unsigned int, MaxBufferSize, maxBuffer)
 FAKE_GET(unsigned int, CircleTime, circleTime)
 FAKE_GET(bool, PeripheralStatus, periphStatus)
-FAKE_GET(int, StopThreadCalls, stopThreadCalls)
 FAKE_GET(std::vector<BusSend>, Sends, sends)
 FAKE_GET(std::vector<BusResponse>, Responses, responses)
 FAKE_GET(std::vector<Registration>, Registrations, registrations)
@@ -523,7 +498,6 @@ void CPeripheralBase::SetCurPeripheralStatus(bool ok) {
 }
 int CPeripheralBase::StopPeripheralThread() {
     std::lock_guard<std::mutex> lock(S().mu);
-    ++S().stopThreadCalls;
     S().events.push_back("StopPeripheralThread");
     return 0;
 }

@@ -106,7 +106,6 @@ std::vector<int> ConfigStatuses();
 unsigned int MaxBufferSize();
 unsigned int CircleTime();
 bool PeripheralStatus();
-int StopThreadCalls();
 
 // Bus.
 std::vector<BusSend> Sends();
