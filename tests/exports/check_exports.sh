@@ -6,7 +6,8 @@ set -euo pipefail
 lib=$1
 shift
 nm_tool=${NM:-nm}
-syms=$("$nm_tool" -D --defined-only "$lib" | awk '{print $3}')
+table=$("$nm_tool" -D --defined-only "$lib")
+syms=$(awk '{print $3}' <<<"$table")
 fail=0
 for name in PeripheralCreate PeripheralRelease "$@"; do
     if ! grep -qx "$name" <<<"$syms"; then
@@ -14,6 +15,11 @@ for name in PeripheralCreate PeripheralRelease "$@"; do
         fail=1
     fi
 done
+# The command table is data under its plain name (a function or a decorated name would not do).
+if ! grep -qE '^[0-9a-f]+ [DR] ObdCmdArray$' <<<"$table"; then
+    echo "missing undecorated data export: ObdCmdArray"
+    fail=1
+fi
 demangled=$(c++filt <<<"$syms")
 leaks=$(grep -E 'CSerialDevOBD|COBDParser|CSerialBase|CPeripheralBase|CThread|CMsgClientManage|CPeripheralManage|hostsim|fakehost|TaskSend|InsertSendTask|^std::|ObdCycleTimersReset' <<<"$demangled" || true)
 if [[ -n $leaks ]]; then
