@@ -51,26 +51,24 @@ TEST_F(CycleTest, FirstCycleAtTenSecondsRunsEveryTimer) {
     EXPECT_EQ(AnalyserRuns(), 1u);
 }
 
-TEST_F(CycleTest, TenSecondTimerIsDueAtExactlyItsInterval) {
-    ASSERT_EQ(CycleAt(7000), kFiveSecondWork);  // moves the 5 s timer out of the way
-    EXPECT_EQ(CycleAt(9999), Keys{});
-    EXPECT_EQ(CycleAt(10000), kTenSecondWork);
-}
-
-TEST_F(CycleTest, FiveSecondTimerRunsAgainAtExactlyFiveThousandAfterItsLastRun) {
-    ASSERT_EQ(CycleAt(5000), kFiveSecondWork);
-    EXPECT_EQ(CycleAt(9999), Keys{});
-    EXPECT_EQ(CycleAt(10000), kBoth);
-    EXPECT_EQ(CycleAt(14999), Keys{});
-    EXPECT_EQ(CycleAt(15000), kFiveSecondWork);
-}
-
-TEST_F(CycleTest, ClockJumpingBackwardsMakesTimersDueByAbsoluteDifference) {
-    ASSERT_EQ(CycleAt(20000), kBoth);
-    EXPECT_EQ(CycleAt(15001), Keys{});           // 4999 back: nothing
-    EXPECT_EQ(CycleAt(15000), kFiveSecondWork);  // exactly 5000 back from 20000
-    EXPECT_EQ(CycleAt(10000), kBoth);            // 10000 back from 20000, 5000 from 15000
-    EXPECT_EQ(CycleAt(0), kBoth);                // and back to the origin
+// Each timer is due at exactly its interval after its last run, on the absolute difference, so a
+// clock jumping backwards makes it due too. Rows: cycles at `now` and what each queued.
+TEST_F(CycleTest, TimersAreDueAtExactlyTheirIntervalOnAbsoluteDifferences) {
+    const std::vector<std::vector<std::pair<long long, Keys>>> runs = {
+        // 7000 moves the 5 s timer out of the 10 s timer's way.
+        {{7000, kFiveSecondWork}, {9999, {}}, {10000, kTenSecondWork}},
+        {{5000, kFiveSecondWork},
+         {9999, {}},
+         {10000, kBoth},
+         {14999, {}},
+         {15000, kFiveSecondWork}},
+        // 4999 back: nothing; 5000 back; 10000 back from 20000 and 5000 from 15000; the origin.
+        {{20000, kBoth}, {15001, {}}, {15000, kFiveSecondWork}, {10000, kBoth}, {0, kBoth}},
+    };
+    for (size_t r = 0; r < runs.size(); ++r) {
+        ObdCycleTimersReset();
+        for (const auto& [now, keys] : runs[r]) EXPECT_EQ(CycleAt(now), keys) << r << " at " << now;
+    }
 }
 
 TEST_F(CycleTest, PowerDownEndsTheCycleInWhichTheOneSecondTimerFalls) {

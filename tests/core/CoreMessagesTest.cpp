@@ -146,10 +146,20 @@ TEST_F(MessagesTest, ConfigurationAnswerCarriesOnlyWhatTheBoxHasReported) {
     EXPECT_NE(Bytes(info.alarmThreshold, info.alarmThreshold + 238), Bytes(238, 0));
 }
 
-TEST_F(MessagesTest, RelayedBoxBytesReachTheReceiver) {
+// The box's link frame as the CAN-box service relays it: count, then the bytes. A chunk that
+// claims more than it carries, or too short for its own count, is refused whole.
+TEST_F(MessagesTest, RelayedBoxBytesReachTheReceiverUnlessTheyClaimMoreThanTheyCarry) {
     CSerialDevOBDTestPeer(m_obj).AttachCtrl();
-    // The box's link frame, as the CAN-box service relays it: count, then the bytes.
     const Bytes link = {0x55, 0xAA, 0xF8, 0xF0, 0x00, 0x03, 0x01, 0x2C, 0x10, 0x36};
+    for (uint32_t claimed : {11u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
+        fakehost::Deliver(6898, Cat(Le32(claimed), link));
+    }
+    fakehost::Deliver(6898, {0x01, 0x00});
+    EXPECT_EQ(fakehost::CountLogs("S38_obd: Get perip upgrade result length or msg is error \n", 0),
+              4);
+    EXPECT_EQ(m_obj->ObdCtrl()->OBD_CheckObdHeartBeat(), 0);
+    EXPECT_TRUE(fakehost::Dumps().empty());
+
     fakehost::Deliver(6898, Cat(Le32(static_cast<uint32_t>(link.size())), link));
     EXPECT_NE(m_obj->ObdCtrl()->OBD_CheckObdHeartBeat(), 0);
     const auto dumps = fakehost::Dumps();
@@ -157,18 +167,6 @@ TEST_F(MessagesTest, RelayedBoxBytesReachTheReceiver) {
     EXPECT_EQ(dumps.front().label, "obd data:");  // the relayed chunk, before the receiver's own
     EXPECT_EQ(dumps.front().level, 3);
     EXPECT_EQ(dumps.front().bytes, link);
-}
-
-TEST_F(MessagesTest, RelayedChunkThatClaimsMoreThanItCarriesIsRefusedWhole) {
-    CSerialDevOBDTestPeer(m_obj).AttachCtrl();
-    const Bytes link = {0x55, 0xAA, 0xF8, 0xF0, 0x00, 0x03, 0x01, 0x2C, 0x10, 0x36};
-    for (uint32_t claimed : {11u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
-        fakehost::Deliver(6898, Cat(Le32(claimed), link));
-    }
-    fakehost::Deliver(6898, {0x01, 0x00});  // too short for its own count
-    EXPECT_EQ(fakehost::CountLogs("S38_obd: Get perip upgrade result length or msg is error \n", 0),
-              4);
-    EXPECT_EQ(m_obj->ObdCtrl()->OBD_CheckObdHeartBeat(), 0);
 }
 
 TEST_F(MessagesTest, MileageIsTakenOnlyFromAHeadStatingSixteenBytes) {

@@ -26,36 +26,26 @@ class QueueTest : public CoreTest {
     }
 };
 
-TEST_F(QueueTest, RepeatedTaskReplacesItsOlderTwinAndMovesToTheBack) {
-    ASSERT_EQ(m_obj->Request(GDS_GET_ENGINE), 0);
-    ASSERT_EQ(m_obj->Request(GDS_GET_VERSION), 0);
-    ASSERT_EQ(m_obj->Request(GDS_GET_ENGINE), 0);
-    EXPECT_EQ(QueueKeys(m_obj), (Keys{Get(GDS_GET_VERSION), Get(GDS_GET_ENGINE)}));
-    // Size counted before the removal and before the new task is added.
-    EXPECT_EQ(fakehost::CountLogs("S38_OBD: Same cmd, delete the old, type = 131072, cmd = 4, "
-                                  "size = 2\n",
-                                  1),
-              1);
-}
-
-TEST_F(QueueTest, ReplacementKeepsTheNewerPayload) {
+// A twin is the same command of the same type: it goes, and the newer task with its payload
+// joins the back. The logged size is counted before the removal and before the new task is added.
+TEST_F(QueueTest, RepeatedTaskReplacesItsOlderTwinWithItsPayloadAtTheBack) {
     _OBD_Engine_t first{}, second{};
     first.engine_id = 0x1111;
     second.engine_id = 0x2222;
     ASSERT_EQ(m_obj->ConfigObd(GDS_CFG_ENGINE, &first), 0);
-    ASSERT_EQ(m_obj->ConfigObd(GDS_CFG_ENGINE, &second), 0);
-    const auto tasks = m_obj->QueuedTasks();
-    ASSERT_EQ(tasks.size(), 1u);
-    _OBD_Engine_t queued;
-    std::memcpy(&queued, tasks[0].data, sizeof(queued));
-    EXPECT_EQ(queued.engine_id, 0x2222);
-}
-
-TEST_F(QueueTest, SameCommandOfAnotherTypeIsNotATwin) {
-    m_obj->Request(GDS_GET_ENGINE);
-    m_obj->ConfigObd(static_cast<GdsCfgType_t_>(4), nullptr);
-    EXPECT_EQ(QueueKeys(m_obj), (Keys{Get(4), Cfg(4)}));
+    ASSERT_EQ(m_obj->Request(static_cast<GdsGetInfoType_t_>(GDS_CFG_ENGINE)), 0);  // not a twin
     EXPECT_EQ(fakehost::CountLogs("Same cmd"), 0);
+    ASSERT_EQ(m_obj->Request(GDS_GET_ENGINE), 0);
+    ASSERT_EQ(m_obj->ConfigObd(GDS_CFG_ENGINE, &second), 0);
+    ASSERT_EQ(m_obj->Request(GDS_GET_ENGINE), 0);
+    EXPECT_EQ(QueueKeys(m_obj), (Keys{Get(1), Cfg(1), Get(GDS_GET_ENGINE)}));
+    EXPECT_EQ(fakehost::CountLogs("S38_OBD: Same cmd, delete the old, type = 131072, cmd = 4, "
+                                  "size = 3\n",
+                                  1),
+              1);
+    _OBD_Engine_t queued;
+    std::memcpy(&queued, m_obj->QueuedTasks()[1].data, sizeof(queued));
+    EXPECT_EQ(queued.engine_id, 0x2222);
 }
 
 TEST_F(QueueTest, InsertionBeyondOneHundredTasksEmptiesTheQueue) {
@@ -85,6 +75,12 @@ TEST_F(QueueTest, RequestAndConfigRefuseOutOfRangeTypes) {
     EXPECT_EQ(m_obj->Request(static_cast<GdsGetInfoType_t_>(14)), 0);
     EXPECT_EQ(m_obj->ConfigObd(static_cast<GdsCfgType_t_>(30), nullptr), 0);
     EXPECT_EQ(QueueKeys(m_obj), (Keys{Get(14), Cfg(30)}));
+    // Nothing is queued without a link controller.
+    PeripheralRelease(m_obj);
+    Create();
+    EXPECT_EQ(m_obj->Request(GDS_GET_VERSION), -1);
+    EXPECT_EQ(m_obj->ConfigObd(GDS_CFG_START_TS, nullptr), -1);
+    EXPECT_EQ(m_obj->QueuedTaskCount(), 0u);
 }
 
 TEST_F(QueueTest, DeviceFeatureRequestAsksOnlyForWhatIsMissing) {
@@ -99,15 +95,6 @@ TEST_F(QueueTest, DeviceFeatureRequestAsksOnlyForWhatIsMissing) {
     m_obj->UpdateDevInfo(ID_DATA_VERSION, &version);
     m_obj->RequestGdsDevFeature();
     EXPECT_EQ(QueueKeys(m_obj), (Keys{Get(GDS_GET_ENGINE)}));
-}
-
-TEST_F(QueueTest, NothingIsQueuedWithoutLinkController) {
-    PeripheralRelease(m_obj);
-    m_obj = nullptr;
-    Create();
-    EXPECT_EQ(m_obj->Request(GDS_GET_VERSION), -1);
-    EXPECT_EQ(m_obj->ConfigObd(GDS_CFG_START_TS, nullptr), -1);
-    EXPECT_EQ(m_obj->QueuedTaskCount(), 0u);
 }
 
 TEST_F(QueueTest, SendThreadTakesOneTaskPerPeriodUntilTheQueueIsEmpty) {

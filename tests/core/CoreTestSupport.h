@@ -77,17 +77,9 @@ inline void AnswerAsTheBox(COBDCtrl* ctrl, int msgId, const std::vector<unsigned
     const unsigned code = (unsigned{sent[at + 7]} << 8) | sent[at + 8];
     if (code == 0x2C10 || code == 0x2506 || code == 0x2114) return;
     const unsigned ack = code | 0x4000;
-    std::vector<unsigned char> f = {0x55,
-                                    0xAA,
-                                    0xF8,
-                                    0xF0,
-                                    0x00,
-                                    0x05,
-                                    sent[at + 6],
-                                    static_cast<unsigned char>(ack >> 8),
-                                    static_cast<unsigned char>(ack),
-                                    0x00,
-                                    0x01};
+    const unsigned char seq = sent[at + 6], hi = static_cast<unsigned char>(ack >> 8),
+                        lo = static_cast<unsigned char>(ack);
+    std::vector<unsigned char> f = {0x55, 0xAA, 0xF8, 0xF0, 0x00, 0x05, seq, hi, lo, 0x00, 0x01};
     unsigned char x = 0;
     for (size_t i = 2; i < f.size(); ++i) x ^= f[i];
     f.push_back(x);
