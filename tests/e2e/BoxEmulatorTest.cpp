@@ -29,17 +29,10 @@ TEST_F(BoxEmulatorTest, AnswersEveryRequestWithItsAnswerCodeAndRecordsIt) {
     EXPECT_EQ(rx[0].code, 0x2C12);
     EXPECT_TRUE(rx[0].checksumOk);
     EXPECT_NE(BoxEmulator::Describe(rx[0]).find("code 2C12"), std::string::npos);
-    for (const auto& [request, answer] :
-         std::vector<std::pair<uint16_t, uint16_t>>{{0x2103, 0x6103},
-                                                    {0x2105, 0x6105},
-                                                    {0x2C22, 0x6C22},
-                                                    {0x2C42, 0x6C42},
-                                                    {0x2CF1, 0x6CF1},
-                                                    {0x2C01, 0x6C01},
-                                                    {0x2C04, 0x6C04},
-                                                    {0x2C10, 0x2C10},
-                                                    {0x2407, 0x6407},
-                                                    {0x2111, 0x6111}}) {
+    const std::pair<uint16_t, uint16_t> answers[] = {
+        {0x2103, 0x6103}, {0x2105, 0x6105}, {0x2C22, 0x6C22}, {0x2C42, 0x6C42}, {0x2CF1, 0x6CF1},
+        {0x2C01, 0x6C01}, {0x2C04, 0x6C04}, {0x2C10, 0x2C10}, {0x2407, 0x6407}, {0x2111, 0x6111}};
+    for (const auto& [request, answer] : answers) {
         Write(Request(request, {}, 9));
         const ByteVec head = Read(9);
         ASSERT_EQ(head.size(), 9u) << std::hex << request;

@@ -179,11 +179,7 @@ class E2eSilenceTest : public E2eBusTest, public ::testing::WithParamInterface<i
             items.resize(items.size() + 4);
             std::memcpy(items.data() + items.size() - 4, &v, 4);
         }
-        const ByteVec frame = BoxEmulator::EncodeFrame(0x2C81, items, ++m_seq, false, false, false);
-        ByteVec msg(4 + frame.size(), 0);
-        msg[0] = static_cast<uint8_t>(frame.size());
-        std::copy(frame.begin(), frame.end(), msg.begin() + 4);
-        hostsim::BusInject(MSG_CAN_BOX_OBD_DATA_IN, msg);
+        E2eTest::Relay(BoxEmulator::EncodeFrame(0x2C81, items, ++m_seq, false, false, false));
     }
     bool Await(const std::function<bool()>& done, long long hostMs) {
         return StepUntil(
@@ -284,11 +280,7 @@ TEST_F(E2eBusTest, E2eCanBoxSummaryEverySecondAndOneDisconnectAfterSilence) {
     auto relaySpeed = [](uint8_t seq, float kmh) {
         ByteVec item = {0x08, 0, 0, 0, 0};
         std::memcpy(item.data() + 1, &kmh, 4);
-        const ByteVec frame = BoxEmulator::EncodeFrame(0x2C81, item, seq, false, false, false);
-        ByteVec msg(4 + frame.size(), 0);
-        msg[0] = static_cast<uint8_t>(frame.size());
-        std::copy(frame.begin(), frame.end(), msg.begin() + 4);
-        hostsim::BusInject(MSG_CAN_BOX_OBD_DATA_IN, msg);
+        Relay(BoxEmulator::EncodeFrame(0x2C81, item, seq, false, false, false));
     };
     std::vector<unsigned char> sample(32, 0);
     sample[24] = 1;

@@ -129,6 +129,14 @@ class E2eTest : public ::testing::Test {
         return out;
     }
     size_t BusCount(int id, bool responses = false) { return Bus(id, responses).size(); }
+    // Box bytes as the CAN-box service relays them: their count, then the bytes.
+    static void Relay(ByteVec::const_iterator from, ByteVec::const_iterator to) {
+        ByteVec msg(static_cast<size_t>(to - from) + 4, 0);
+        msg[0] = static_cast<uint8_t>(to - from);
+        std::copy(from, to, msg.begin() + 4);
+        hostsim::BusInject(MSG_CAN_BOX_OBD_DATA_IN, msg);
+    }
+    static void Relay(const ByteVec& bytes) { Relay(bytes.begin(), bytes.end()); }
 
     std::unique_ptr<hostsim::Participant> m_self;
     std::unique_ptr<BoxEmulator> m_box;

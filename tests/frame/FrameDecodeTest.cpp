@@ -26,16 +26,9 @@ Bytes Sealed(Bytes f) {
 
 // A frame from the plug-in: never escaped.
 Bytes ToBox(uint16_t code, const Bytes& payload, uint8_t seq = 1) {
-    const size_t l = payload.size() + 3;
-    Bytes f = {0x55,
-               0xAA,
-               0xF0,
-               0xF8,
-               static_cast<uint8_t>(l >> 8),
-               static_cast<uint8_t>(l),
-               seq,
-               static_cast<uint8_t>(code >> 8),
-               static_cast<uint8_t>(code)};
+    const auto l = static_cast<uint8_t>(payload.size() + 3);  // no payload here reaches 253
+    const auto hi = static_cast<uint8_t>(code >> 8), lo = static_cast<uint8_t>(code);
+    Bytes f = {0x55, 0xAA, 0xF0, 0xF8, 0x00, l, seq, hi, lo};
     f.insert(f.end(), payload.begin(), payload.end());
     return Sealed(f);
 }

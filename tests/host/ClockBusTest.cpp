@@ -2,8 +2,6 @@
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 
-#include <fstream>
-
 #include "CPeripheralManage.h"
 #include "HostCommon.h"
 #include "HostTestUtil.h"
@@ -20,13 +18,7 @@ struct Sleeper {
               Common::P4X_TMSleepMicroSecond(ms * 1000);
               at = hostsim::ClockNowMs();
           }) {
-        // Time may move only once the deadline is taken: wait till the thread blocks on it.
-        EXPECT_TRUE(WaitUntil([this] {
-            std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-            std::string line;
-            std::getline(stat, line);  // "tid (name) S ..."
-            return tid != 0 && line.find(") S ") != std::string::npos;
-        }));
+        EXPECT_TRUE(WaitBlocked(tid));
     }
     ~Sleeper() {
         if (at < 0) hostsim::ClockAdvance(1LL << 30);  // never leave it behind

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -33,6 +34,16 @@ bool WaitUntil(Done done, int ms = 30000) {
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     return true;
+}
+
+// Waits till thread `tid` blocks: a sleep or wait has taken its deadline, so time may move.
+inline bool WaitBlocked(const std::atomic<pid_t>& tid) {
+    return WaitUntil([&tid] {
+        std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+        std::string line;
+        std::getline(stat, line);  // "tid (name) S ..."
+        return tid != 0 && line.find(") S ") != std::string::npos;
+    });
 }
 
 inline bool Has(const std::string& text, const std::string& part) {

@@ -1,8 +1,6 @@
 // The host's wakeable wait (Common::CTMWaitEvent) on the host clock.
 #include <sys/syscall.h>
 
-#include <fstream>
-
 #include "HostCommon.h"
 #include "HostTestUtil.h"
 
@@ -22,13 +20,7 @@ struct Waiter {
               result = event.WaitMicroSecond(ms * 1000, Ready, &flag) ? 1 : 0;
               at = hostsim::ClockNowMs();
           }) {
-        // Time may move only once the deadline is taken: wait till the thread blocks on it.
-        EXPECT_TRUE(WaitUntil([this] {
-            std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-            std::string line;
-            std::getline(stat, line);
-            return tid != 0 && line.find(") S ") != std::string::npos;
-        }));
+        EXPECT_TRUE(WaitBlocked(tid));
     }
     ~Waiter() {
         if (at < 0) hostsim::ClockAdvance(1LL << 30);
