@@ -378,14 +378,6 @@ class UpgradeBusTest : public BroadcastTest {
         UpgradeProgress_t p{state, percent};
         m_obj->UpdateDevInfo(ID_DATA_UPGRADE_STATE, &p);
     }
-    static Bytes Result(int8_t source, uint8_t state, int8_t percent) {
-        Bytes b(20, 0);
-        b[0] = static_cast<unsigned char>(source);
-        b[1] = 7;
-        b[2] = state;
-        b[3] = static_cast<unsigned char>(percent);
-        return b;
-    }
 };
 
 TEST_F(UpgradeBusTest, TriggerProgressAndEndAsTheBusSeesThem) {
@@ -395,7 +387,7 @@ TEST_F(UpgradeBusTest, TriggerProgressAndEndAsTheBusSeesThem) {
 
     fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {1, 1, 7, 2});
     ASSERT_EQ(fakehost::Responses().size(), 1u);
-    EXPECT_EQ(fakehost::Responses()[0].payload, Result(1, 0, 0));
+    EXPECT_EQ(fakehost::Responses()[0].payload, UpgradeState(1, 0, 0));
     EXPECT_TRUE(m_obj->IsUpgrading());
     const auto tasks = m_obj->QueuedTasks();
     ASSERT_EQ(tasks.size(), 1u);
@@ -404,29 +396,67 @@ TEST_F(UpgradeBusTest, TriggerProgressAndEndAsTheBusSeesThem) {
 
     for (int p : {0, 10, 10, 20}) Progress(UPG_STATE_PROGRESS, p);
     Progress(UPG_STATE_SUCCESS, 100);
-    std::vector<Bytes> expected = {Result(1, 0, 0), Result(1, 0, 10), Result(1, 0, 20),
-                                   Result(1, 10, 100)};
+    std::vector<Bytes> expected = {UpgradeState(1, 0, 0), UpgradeState(1, 0, 10),
+                                   UpgradeState(1, 0, 20), UpgradeState(1, 10, 100)};
     EXPECT_EQ(SentPayloads(MSG_PERIPHERAL_UPGRADE_STATE), expected);
     EXPECT_FALSE(m_obj->IsUpgrading());
     EXPECT_EQ(m_obj->InfoPending(GDS_GET_VERSION), 1);  // new firmware: versions read again
 
     fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, {1, 7});
-    EXPECT_EQ(fakehost::Responses().back().payload, Result(1, 10, 100));
+    EXPECT_EQ(fakehost::Responses().back().payload, UpgradeState(1, 10, 100));
     // A failed upgrade keeps the last percent; a second trigger may try again.
     fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {2, 0, 7, 0});
     Progress(UPG_STATE_PROGRESS, 40);
     Progress(UPG_STATE_FAILED, 40);
-    EXPECT_EQ(SentPayloads(MSG_PERIPHERAL_UPGRADE_STATE).back(), Result(2, 9, 40));
+    EXPECT_EQ(SentPayloads(MSG_PERIPHERAL_UPGRADE_STATE).back(), UpgradeState(2, 9, 40));
     fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, {2, 7});
-    EXPECT_EQ(fakehost::Responses().back().payload, Result(2, 9, 40));
+    EXPECT_EQ(fakehost::Responses().back().payload, UpgradeState(2, 9, 40));
 
     const size_t answered = fakehost::Responses().size();
     fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, {0, 7});  // untouched slot
-    EXPECT_EQ(fakehost::Responses().back().payload, Result(-1, 0, 0));
+    EXPECT_EQ(fakehost::Responses().back().payload, UpgradeState(-1, 0, 0));
     fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, {3, 7});  // kept, never answered
     fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, {1, 6});
     fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, {1});  // short: refused
     EXPECT_EQ(fakehost::Responses().size(), answered + 1);
+}
+
+// A trigger while an upgrade runs is told where the running one stands and changes nothing: no
+// second task, the running upgrade keeps its source and percent, no other slot is written. Once
+// it has ended, a trigger starts a new one.
+TEST_F(UpgradeBusTest, TriggerWhileAnUpgradeRunsGetsItsProgressAndChangesNothing) {
+    auto answer = [](const std::vector<unsigned char>& query) {
+        fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, query);
+        return fakehost::Responses().back().payload;
+    };
+    fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {1, 1, 7, 2});
+    Progress(UPG_STATE_PROGRESS, 40);
+    for (uint8_t source : {2, 1, 5, 0xFF}) {
+        fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {source, 0, 7, 0});
+        EXPECT_EQ(fakehost::Responses().back().payload, UpgradeState(source, 0, 40)) << +source;
+        const std::string line = "S38_obd: [UPG] upgrade already running, source = " +
+                                 std::to_string(static_cast<int8_t>(source)) + ", percent = 40\n";
+        EXPECT_EQ(fakehost::CountLogs(line, 0), 1) << line;
+    }
+    EXPECT_EQ(QueueKeys(m_obj),
+              (std::vector<std::pair<uint32_t, uint32_t>>{{TASK_TYPE_UPGRADE, 0}}));
+    EXPECT_EQ(fakehost::CountLogs("Same cmd"), 0);
+    EXPECT_EQ(answer({2, 7}), UpgradeState(0xFF, 0, 0));
+    EXPECT_EQ(answer({1, 7}), UpgradeState(1, 0, 40));
+
+    Progress(UPG_STATE_FAILED, 40);
+    std::vector<Bytes> states;
+    for (const auto& m : fakehost::Sends())
+        if (m.id == MSG_PERIPHERAL_UPGRADE_STATE) states.push_back(m.payload);
+    EXPECT_EQ(states, (std::vector<Bytes>{UpgradeState(1, 0, 40), UpgradeState(1, 9, 40)}));
+    EXPECT_FALSE(m_obj->IsUpgrading());
+    EXPECT_EQ(answer({1, 7}), UpgradeState(1, 9, 40));
+    EXPECT_EQ(answer({2, 7}), UpgradeState(0xFF, 0, 0));
+
+    fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {2, 0, 7, 0});
+    EXPECT_EQ(fakehost::Responses().back().payload, UpgradeState(2, 0, 0));
+    EXPECT_TRUE(m_obj->IsUpgrading());
+    EXPECT_EQ(answer({2, 7}), UpgradeState(2, 0, 0));
 }
 
 TEST_F(UpgradeBusTest, CalibrationQueuesConfigureAndReadAndAnswersAgainstTheSavedHead) {

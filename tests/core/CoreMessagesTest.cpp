@@ -216,60 +216,6 @@ TEST_F(MessagesTest, SixAxisSampleReachesTheAnalyserHighByteFirst) {
               1);
 }
 
-// The bus's 20-byte upgrade-state record.
-Bytes UpgradeResult(uint8_t source, uint8_t state, uint8_t percent) {
-    Bytes b(20, 0);
-    b[0] = source;
-    b[1] = 7;
-    b[2] = state;
-    b[3] = percent;
-    return b;
-}
-
-// A trigger while an upgrade runs is told where the running one stands and changes nothing: no
-// second task, the running upgrade keeps its source and percent, no other slot is written. Once
-// it has ended, a trigger starts a new one.
-TEST_F(MessagesTest, TriggerWhileAnUpgradeRunsGetsItsProgressAndChangesNothing) {
-    CSerialDevOBDTestPeer(m_obj).AttachCtrl();
-    ObdUpgradePercentReset();
-    auto progress = [this](int state, int percent) {
-        UpgradeProgress_t p{state, percent};
-        m_obj->UpdateDevInfo(ID_DATA_UPGRADE_STATE, &p);
-    };
-    auto answer = [](const std::vector<unsigned char>& query) {
-        fakehost::Deliver(MSG_GET_PERIPHERAL_UPGRADE_STATE, query);
-        return fakehost::Responses().back().payload;
-    };
-    fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {1, 1, 7, 2});
-    progress(UPG_STATE_PROGRESS, 40);
-    for (uint8_t source : {2, 1, 5, 0xFF}) {
-        fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {source, 0, 7, 0});
-        EXPECT_EQ(fakehost::Responses().back().payload, UpgradeResult(source, 0, 40)) << +source;
-        const std::string line = "S38_obd: [UPG] upgrade already running, source = " +
-                                 std::to_string(static_cast<int8_t>(source)) + ", percent = 40\n";
-        EXPECT_EQ(fakehost::CountLogs(line, 0), 1) << line;
-    }
-    EXPECT_EQ(QueueKeys(m_obj),
-              (std::vector<std::pair<uint32_t, uint32_t>>{{TASK_TYPE_UPGRADE, 0}}));
-    EXPECT_EQ(fakehost::CountLogs("Same cmd"), 0);
-    EXPECT_EQ(answer({2, 7}), UpgradeResult(0xFF, 0, 0));
-    EXPECT_EQ(answer({1, 7}), UpgradeResult(1, 0, 40));
-
-    progress(UPG_STATE_FAILED, 40);
-    std::vector<Bytes> states;
-    for (const auto& m : fakehost::Sends())
-        if (m.id == MSG_PERIPHERAL_UPGRADE_STATE) states.push_back(m.payload);
-    EXPECT_EQ(states, (std::vector<Bytes>{UpgradeResult(1, 0, 40), UpgradeResult(1, 9, 40)}));
-    EXPECT_FALSE(m_obj->IsUpgrading());
-    EXPECT_EQ(answer({1, 7}), UpgradeResult(1, 9, 40));
-    EXPECT_EQ(answer({2, 7}), UpgradeResult(0xFF, 0, 0));
-
-    fakehost::Deliver(MSG_TRIGGER_PERIPHERAL_UPGRADE, {2, 0, 7, 0});
-    EXPECT_EQ(fakehost::Responses().back().payload, UpgradeResult(2, 0, 0));
-    EXPECT_TRUE(m_obj->IsUpgrading());
-    EXPECT_EQ(answer({2, 7}), UpgradeResult(2, 0, 0));
-}
-
 TEST(GSensorConversion, TwelveBitReadingsScaleTowardZero) {
     const std::vector<std::pair<uint16_t, uint16_t>> cases = {
         {0, 0},      {1, 0},    {3, 1},    {3840, 1500}, {3841, 0xFF9D},

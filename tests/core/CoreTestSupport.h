@@ -69,6 +69,16 @@ inline std::pair<uint32_t, uint32_t> Cfg(uint32_t cmd) {
     return {TASK_TYPE_CONFIG, cmd};
 }
 
+// The bus's 20-byte upgrade-state record.
+inline std::vector<unsigned char> UpgradeState(int source, int state, int percent) {
+    std::vector<unsigned char> b(20, 0);
+    b[0] = static_cast<unsigned char>(source);
+    b[1] = 7;
+    b[2] = static_cast<unsigned char>(state);
+    b[3] = static_cast<unsigned char>(percent);
+    return b;
+}
+
 // The box as fast as can be: answers a request it answers (all but link, restart and jump) from
 // inside the plug-in's write, before SendData returns; relayed frames of CAN-box mode too.
 inline void AnswerAsTheBox(COBDCtrl* ctrl, int msgId, const std::vector<unsigned char>& sent) {
