@@ -1,7 +1,6 @@
 // Reaches the few internals of the peripheral object that a black-box test cannot set up (flags
 // the bus handlers will set, a link controller without a send thread, alarm words that would
-// take minutes of driving). Friend of CSerialDevOBD; header-only, so the end-to-end tests can use
-// it on the object inside the dlopen'ed plug-in.
+// take minutes of driving). Friend of CSerialDevOBD; header-only.
 #pragma once
 
 #include <vector>

@@ -3,7 +3,6 @@
 // time (set by the test), so alarms rise and end at host seconds the test controls.
 #include <cstring>
 
-#include "../core/CSerialDevOBDTestPeer.h"
 #include "E2eFixture.h"
 #include "ObdBusRecords.h"
 
@@ -49,7 +48,7 @@ class E2eBusTest : public E2eTest {
 };
 
 // The box's answers reach the status broadcast once; the link bits follow the data: box known
-// but silent (0x02) until the stream flows (0x03). Inertial samples reach the analyser.
+// but silent (0x02) until the stream flows (0x03).
 TEST_F(E2eBusTest, E2eStatusCarriesTheBoxAnswersAndLinkBitsFollowTheData) {
     BoxOptions o = Streaming();
     o.streamPeriodMs = 0;  // the box answers but streams nothing yet
@@ -77,18 +76,6 @@ TEST_F(E2eBusTest, E2eStatusCarriesTheBoxAnswersAndLinkBitsFollowTheData) {
     status = Statuses().back();
     EXPECT_EQ(status.obd_state, 0x03);
     EXPECT_EQ(status.mask, 0x649u);
-
-    // A six-axis sample, kind 1, acceleration X = 0x1234 (little-endian on the bus).
-    std::vector<unsigned char> sample(32, 0);
-    sample[6] = 0x34;
-    sample[7] = 0x12;
-    sample[24] = 1;
-    hostsim::BusInject(MSG_INERTIA_SENSOR_DATA, sample);
-    hostsim::BusDrain();
-    auto* obj = static_cast<CSerialDevOBD*>(m_host->Object());
-    const auto& s = CSerialDevOBDTestPeer(obj).LastSixAxisSample();
-    EXPECT_EQ(s.data[0], 0x12);
-    EXPECT_EQ(s.data[1], 0x34);
 }
 
 // The stream's values in the OBD data message every second; their changes in black-box

@@ -88,11 +88,6 @@ class E2eUpgradeTest : public e2e::E2eTest {
         StepUntil([&] { return !Answer(6731, query).empty(); }, 1000);
         return Answer(6731, query);
     }
-    int Frames(uint16_t code) {
-        const auto rx = m_box->Received();
-        return static_cast<int>(
-            std::count_if(rx.begin(), rx.end(), [code](const auto& f) { return f.code == code; }));
-    }
     bool Upgrading() { return static_cast<CSerialDevOBD*>(m_host->Object())->IsUpgrading(); }
 };
 
@@ -134,8 +129,8 @@ TEST_F(E2eUpgradeTest, E2eRefusedDigestFailsKeepsTheFileAndTheNextTriggerSucceed
     Trigger(2);
     ASSERT_TRUE(StepUntil([&] { return Ended(); }, 60000));
     EXPECT_EQ(States().back(), Result(2, 9, 89));
-    EXPECT_EQ(Frames(0x2404), 11);
-    EXPECT_EQ(Frames(0x2111), 0);
+    EXPECT_EQ(Count(0x2404), 11);
+    EXPECT_EQ(Count(0x2111), 0);
     EXPECT_TRUE(FileThere());
     EXPECT_EQ(Slot(2), Result(2, 9, 89));
 
@@ -156,7 +151,7 @@ TEST_F(E2eUpgradeTest, E2eSilentBoxFailsTheTransferWithinTheChunkBound) {
     Launch(o);
     WriteFile(4096);
     Trigger(0);
-    ASSERT_TRUE(StepUntil([&] { return Frames(0x2403) >= 6; }, 60000, 10));
+    ASSERT_TRUE(StepUntil([&] { return Count(0x2403) >= 6; }, 60000, 10));
     const long long firstAttempt = hostsim::ClockNowMs();  // within one step after it
     ASSERT_TRUE(StepUntil([&] { return Ended(); }, 10000));
     const long long failedAt = Bus(6730).back().tMs;
@@ -181,12 +176,12 @@ TEST_F(E2eUpgradeTest, E2ePowerDownMidTransferLeavesTheFileAndAFailure) {
     Launch(o);
     WriteFile(65536);
     Trigger(1);
-    ASSERT_TRUE(StepUntil([&] { return Frames(0x2403) >= 21; }, 60000));
-    const int stopsBefore = Frames(0x2C04);
+    ASSERT_TRUE(StepUntil([&] { return Count(0x2403) >= 21; }, 60000));
+    const int stopsBefore = Count(0x2C04);
     hostsim::BusInject(1194, {});
     ASSERT_TRUE(StepUntil([&] { return Ended(); }, 60000));
     EXPECT_EQ(States().back(), Result(1, 9, 7));  // 20 x 256 of 65536 bytes
-    EXPECT_TRUE(StepUntil([&] { return Frames(0x2C04) > stopsBefore; }, 1000));  // left at once
+    EXPECT_TRUE(StepUntil([&] { return Count(0x2C04) > stopsBefore; }, 1000));  // left at once
     EXPECT_TRUE(FileThere());
     EXPECT_EQ(Slot(1), Result(1, 9, 7));
 }
@@ -228,7 +223,7 @@ TEST_F(E2eUpgradeTest, E2eSecondTriggerDuringTheTransferLeavesItAlone) {
     Launch(o);
     const ByteVec file = WriteFile(4096);  // 16 chunks
     Trigger(1);
-    ASSERT_TRUE(StepUntil([&] { return Frames(0x2403) >= 6; }, 60000));
+    ASSERT_TRUE(StepUntil([&] { return Count(0x2403) >= 6; }, 60000));
     const int second = Trigger(2);
     hostsim::BusDrain();                                // the handler has run and answered
     hostsim::BusDrain();                                // and the answer has reached the listener
@@ -250,9 +245,9 @@ TEST_F(E2eUpgradeTest, E2eSecondTriggerDuringTheTransferLeavesItAlone) {
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(successes, 1);
     EXPECT_EQ(States().back(), Result(1, 10, 100));
-    EXPECT_EQ(Frames(0x2407), 1);
-    EXPECT_EQ(Frames(0x2402), 1);
-    EXPECT_EQ(Frames(0x2111), 1);
+    EXPECT_EQ(Count(0x2407), 1);
+    EXPECT_EQ(Count(0x2402), 1);
+    EXPECT_EQ(Count(0x2111), 1);
     EXPECT_TRUE(m_box->Upgrade().image == file);
     EXPECT_FALSE(Upgrading());
     EXPECT_EQ(Slot(1), Result(1, 10, 100));
