@@ -241,23 +241,6 @@ TEST_P(E2eSilenceTest, E2eSilentBoxIsReportedDownItsValuesZeroedAndItsAlarmEnded
 
 INSTANTIATE_TEST_SUITE_P(Modes, E2eSilenceTest, ::testing::Values(0, 72));
 
-// Power-down: the stream is stopped at once, the 1 s work ends for good, and the bus is still
-// answered.
-TEST_F(E2eBusTest, E2ePowerDownStopsTheStreamAndTheOneSecondWork) {
-    Launch(Streaming());
-    ASSERT_TRUE(StepUntil([&] { return BusCount(MSG_OBD_ORIGINAL_DATA) >= 2; }, 5000));
-    const int stops = Count(0x2C04);
-    hostsim::BusInject(MSG_POWER_DOWN, {});
-    ASSERT_TRUE(StepUntil([&] { return Count(0x2C04) > stops && !m_box->Streaming(); }, 500));
-    const size_t sent = BusCount(MSG_OBD_ORIGINAL_DATA);
-    hostsim::BusInject(MSG_GET_GDS_CONFIG_INFO, {});
-    ASSERT_TRUE(StepUntil([&] { return BusCount(MSG_GET_GDS_CONFIG_INFO, true) == 1; }, 500));
-    EXPECT_EQ(Bus(MSG_GET_GDS_CONFIG_INFO, true)[0].payload.size(), 652u);
-    Step(12000);
-    EXPECT_EQ(BusCount(MSG_OBD_ORIGINAL_DATA), sent);
-    EXPECT_EQ(BusCount(MSG_GDS_ALARM), sent);
-}
-
 // CAN-box mode: the summary every second from relayed data; twelve 5 s checks without a
 // changed table declare the link down, once.
 TEST_F(E2eBusTest, E2eCanBoxSummaryEverySecondAndOneDisconnectAfterSilence) {

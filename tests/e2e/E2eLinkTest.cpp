@@ -73,7 +73,7 @@ TEST_F(E2eTest, E2eReleaseOfABusyPlugInReturnsWithinASecond) {
 
 // Power-down with a box that never answers the stop (in CAN-box mode no stop is relayed at all):
 // the bus thread does not wait, so a configuration query right after it is answered at once. In
-// serial mode the stop is on the wire at once, sent once.
+// serial mode the stop is on the wire at once, sent once. The 1 s work ends for good.
 class E2ePowerDownTest : public E2eTest, public ::testing::WithParamInterface<int> {};
 
 TEST_P(E2ePowerDownTest, E2eConfigurationQueryRightAfterPowerDownIsAnsweredAtOnce) {
@@ -100,6 +100,11 @@ TEST_P(E2ePowerDownTest, E2eConfigurationQueryRightAfterPowerDownIsAnsweredAtOnc
     if (stops == 1) {
         EXPECT_EQ(m_box->Received().back().code, 0x2C04);
     }
+    const size_t sent = BusCount(MSG_OBD_ORIGINAL_DATA);
+    EXPECT_GE(sent, 1u);  // the 1 s work ran before
+    Step(12000);
+    EXPECT_EQ(BusCount(MSG_OBD_ORIGINAL_DATA), sent);
+    EXPECT_EQ(BusCount(MSG_GDS_ALARM), sent);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, E2ePowerDownTest, ::testing::Values(0, 72));
