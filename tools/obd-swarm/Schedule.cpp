@@ -392,6 +392,11 @@ obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms) {
         if (next < 0 || at < next) next = at;
     };
     for (const Fault& f : faults) {
+        // Only the box's own faults wake it; the others act elsewhere.
+        if (f.kind == FaultKind::BadValues || f.kind == FaultKind::BusMessages ||
+            f.kind == FaultKind::PowerDown) {
+            continue;
+        }
         const auto start = static_cast<double>(f.startMs), end = static_cast<double>(f.endMs);
         if (ms < start) {
             later(start);
