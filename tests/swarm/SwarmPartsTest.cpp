@@ -329,6 +329,17 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          },
          "link-down-early",
          8000},
+        {"a frame of the down report's own instant",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 13);
+             c.OnFrame(14100, kFrame);
+             BroadcastsOnly(c, 14, 15, true, 14);
+             Healthy(c, 16, 20);
+         },
+         "",
+         -1},
         {"frames resume and the link comes up at the next status",
          {},
          [](Checker& c) {

@@ -92,6 +92,7 @@ void Checker::Gap(int id, long long& last, long long nowMs) {
 void Checker::OnFrame(long long tMs, const obdbox::DataItems& items) {
     std::lock_guard<std::mutex> lock(m_mutex);
     // A wrong checksum does not spoil a frame: the plug-in's receiver does not verify it.
+    if (tMs > m_lastCleanMs) m_prevCleanMs = m_lastCleanMs;
     m_lastCleanMs = tMs;
     if (m_link != 1 && m_backSinceMs < 0) m_backSinceMs = tMs;
     m_frames.push_back({tMs, items});
@@ -166,14 +167,16 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
         case MSG_GDS_CONFIG_INFO_REPORT: {
             if (m.payload.size() != sizeof(GdsConfigInfo_t)) break;
             const int up = (m.payload[offsetof(GdsConfigInfo_t, obd_state)] & 1u) != 0 ? 1 : 0;
-            if (up == 0 && m_link == 1 && !PoweredDown(m.tMs) && m_lastCleanMs >= 0 &&
-                m.tMs - m_lastCleanMs < m_b.linkDownEarlyMs) {
+            // A frame of the report's own instant may be read just before or just after it.
+            const long long before = m_lastCleanMs < m.tMs ? m_lastCleanMs : m_prevCleanMs;
+            if (up == 0 && m_link == 1 && !PoweredDown(m.tMs) && before >= 0 &&
+                m.tMs - before < m_b.linkDownEarlyMs) {
                 Fail("link-down-early", m.tMs,
-                     "link reported down " + std::to_string(m.tMs - m_lastCleanMs) +
-                         " ms after the last data frame (" + Clock(m_lastCleanMs) + ")");
+                     "link reported down " + std::to_string(m.tMs - before) +
+                         " ms after the last data frame (" + Clock(before) + ")");
             }
             if (up == 1) m_backSinceMs = -1;
-            if (up == 0 && m_link != 0) m_backSinceMs = -1;
+            if (up == 0 && m_link != 0) m_backSinceMs = m_lastCleanMs >= m.tMs ? m_lastCleanMs : -1;
             m_link = up;
             break;
         }

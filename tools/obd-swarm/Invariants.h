@@ -94,7 +94,7 @@ class Checker {
     std::vector<std::pair<long long, long long>> m_upgrades;  // the ones that ended
     std::deque<Frame> m_frames;  // frames not yet checked against a broadcast
     int m_link = -1;             // the last status record's link bit; -1 before any
-    long long m_lastCleanMs = -1, m_backSinceMs = -1;
+    long long m_lastCleanMs = -1, m_prevCleanMs = -1, m_backSinceMs = -1;
     long long m_rssBaseKb = -1;
 };
 
