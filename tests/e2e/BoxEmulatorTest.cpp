@@ -237,6 +237,68 @@ TEST_F(BoxEmulatorTest, PeriodsRunOnTheGivenClockAndEveryByteIsReported) {
     EXPECT_EQ(m_box->Received().at(0).tMs, 0.0);  // since Start, on the given clock
 }
 
+// Fault windows hold on the box's clock only while open, answers and stream alike, and a box
+// whose window ends sends the frame it held back without waiting to be asked.
+TEST_F(BoxEmulatorTest, FaultWindowsHoldOnlyWhileOpen) {
+    std::atomic<double> now{0};
+    BoxOptions o;
+    o.streamPeriodMs = 1000;
+    o.values = [] { return obdbox::DataItems{{5, 2.0f}}; };
+    o.clock.nowMs = [&now] { return now.load(); };
+    o.clock.wait = [&now](int fd, double until) {
+        pollfd p{fd, POLLIN, 0};
+        poll(&p, 1, 2);
+        return (p.revents & POLLIN) != 0 || (until >= 0 && now.load() >= until);
+    };
+    o.faultSchedule = [](double ms) {
+        obdbox::FaultState s;
+        s.silent = ms >= 1000 && ms < 2000;
+        s.badChecksum = ms >= 3000 && ms < 4000;
+        s.streamHeld = ms >= 5000;
+        s.nextChangeMs = ms < 1000   ? 1000
+                         : ms < 2000 ? 2000
+                         : ms < 3000 ? 3000
+                         : ms < 4000 ? 4000
+                                     : -1;
+        return s;
+    };
+    StartBox(o);
+    auto checksumOk = [](const ByteVec& f) {
+        uint8_t x = 0;
+        for (size_t i = 2; i + 1 < f.size(); ++i) x = static_cast<uint8_t>(x ^ f[i]);
+        return x == f.back();
+    };
+    const struct {
+        double at;
+        bool answered, checksumOk;
+    } rows[] = {{500, true, true},  {1000, false, false}, {1999, false, false},
+                {2000, true, true}, {3500, true, false},  {4000, true, true}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.at);
+        now = r.at;
+        Write(Request(0x2C12));
+        const ByteVec got = Read(12, r.answered ? kAnswerMs : 150);  // 6C12: engine id
+        ASSERT_EQ(got.size(), r.answered ? 12u : 0u);
+        if (r.answered) {
+            EXPECT_EQ(checksumOk(got), r.checksumOk);
+        }
+    }
+    now = 5000;  // the stream starts while held: the answer, no frame
+    Write(Request(0x2C01));
+    EXPECT_EQ(Read(10).size(), 10u);
+    EXPECT_TRUE(Read(1, 150).empty());
+    m_box->Update([](BoxOptions& opt) {
+        opt.faultSchedule = [](double ms) {
+            obdbox::FaultState s;
+            s.streamHeld = ms < 6000;
+            s.nextChangeMs = ms < 6000 ? 6000 : -1;
+            return s;
+        };
+    });
+    now = 6000;  // the window ends: the frame comes unasked
+    EXPECT_EQ(Read(15).size(), 15u);
+}
+
 TEST(BoxEmulatorStart, MissingTtyIsReported) {
     BoxOptions o;
     o.ttyPath = "/nonexistent/tty";

@@ -7,6 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -154,6 +155,23 @@ void BoxEmulator::Stop() {
 BoxOptions BoxEmulator::Snapshot() const {
     std::lock_guard<std::mutex> lock(m_optMutex);
     return m_opt;
+}
+
+void BoxEmulator::Fold(BoxOptions& o, const FaultState& s) {
+    o.silent = o.silent || s.silent;
+    if (s.dropEveryNth > 0) o.dropEveryNth = s.dropEveryNth;
+    o.garbageBytes = std::max(o.garbageBytes, s.garbageBytes);
+    if (s.splitMaxChunk > 0) o.splitMaxChunk = s.splitMaxChunk;
+    o.badChecksum = o.badChecksum || s.badChecksum;
+}
+
+BoxOptions BoxEmulator::Effective(double nowMs, FaultState* state) const {
+    BoxOptions o = Snapshot();
+    FaultState s;
+    if (o.faultSchedule) s = o.faultSchedule(nowMs);
+    Fold(o, s);
+    if (state != nullptr) *state = s;
+    return o;
 }
 
 void BoxEmulator::Update(const std::function<void(BoxOptions&)>& change) {
@@ -326,7 +344,7 @@ void BoxEmulator::Transmit(const ByteVec& frame, const BoxOptions& o) {
 }
 
 void BoxEmulator::SendFrame(uint16_t code, const ByteVec& payload, uint8_t seq) {
-    const BoxOptions o = Snapshot();
+    const BoxOptions o = Effective(Now());
     const ByteVec f = Encode(code, payload, seq, o);
     Log("box -> " + Hex(f));
     Transmit(f, o);
@@ -365,10 +383,16 @@ void BoxEmulator::Run() {
     double nextLink = nextStream;
     uint8_t buf[1024];
     while (m_run.load()) {
-        BoxOptions o = Snapshot();
+        FaultState fault;
+        BoxOptions o = Effective(Now(), &fault);
+        const bool streamOn = m_streaming.load() && !fault.streamHeld;
         double due = -1;  // the next periodic frame, if any
-        if (!o.silent && o.streamPeriodMs > 0 && m_streaming.load()) due = nextStream;
+        if (!o.silent && o.streamPeriodMs > 0 && streamOn) due = nextStream;
         if (!o.silent && o.linkPeriodMs > 0 && (due < 0 || nextLink < due)) due = nextLink;
+        // A fault window that ends may let a frame out: wake for it.
+        if (fault.nextChangeMs >= 0 && (due < 0 || fault.nextChangeMs < due)) {
+            due = fault.nextChangeMs;
+        }
         int r = 0;
         pollfd p{m_masterFd, POLLIN, 0};
         if (m_clock.wait) {
@@ -382,14 +406,15 @@ void BoxEmulator::Run() {
             if (n > 0) {
                 if (m_clock.moved) m_clock.moved(true, static_cast<size_t>(n));
                 TakeIn(buf, static_cast<size_t>(n));
-                o = Snapshot();  // the frames read may have changed the box
             }
         } else if (r > 0 && (p.revents & (POLLHUP | POLLERR))) {
             usleep(2000);  // no reader on the other side yet
         }
         const double now = Now();
+        // The frames read may have changed the box, and time may have opened or closed a window.
+        o = Effective(now, &fault);
         if (o.silent) continue;
-        if (o.streamPeriodMs > 0 && m_streaming.load() && now >= nextStream) {
+        if (o.streamPeriodMs > 0 && m_streaming.load() && !fault.streamHeld && now >= nextStream) {
             SendDataStream();
             nextStream = now + o.streamPeriodMs;
         }
@@ -443,6 +468,17 @@ void BoxEmulator::OnFrame(ReceivedFrame f) {
         std::lock_guard<std::mutex> lock(m_optMutex);
         Answer(f, m_opt, answers);  // may change the box's contents (configure requests)
         o = m_opt;
+    }
+    if (o.faultSchedule) {
+        const FaultState s = o.faultSchedule(Now());
+        // The answers were encoded with the whole-run checksum setting: a window spoils them
+        // now, as EncodeFrame would (the checksum is the last byte, never escaped).
+        if (s.badChecksum && !o.badChecksum) {
+            for (ByteVec& a : answers) {
+                if (!a.empty()) a.back() = static_cast<uint8_t>(a.back() ^ 0xA5);
+            }
+        }
+        Fold(o, s);
     }
     {
         std::lock_guard<std::mutex> lock(m_rxMutex);

@@ -62,6 +62,18 @@ struct BoxUpgrade {
     bool installed = false;  // the end step was accepted
 };
 
+// Faults that hold for a window of time, on top of the whole-run options below: what
+// BoxOptions::faultSchedule says holds at a given moment of the box's clock.
+struct FaultState {
+    bool silent = false;       // says nothing (answers, stream, link frames)
+    bool streamHeld = false;   // the data stream sends nothing; answers go on
+    int dropEveryNth = 0;      // as BoxOptions::dropEveryNth; 0: the whole-run setting
+    int garbageBytes = 0;      // as BoxOptions::garbageBytes; the larger of the two applies
+    int splitMaxChunk = 0;     // as BoxOptions::splitMaxChunk; 0: the whole-run setting
+    bool badChecksum = false;  // every frame sent (answers too) carries a wrong checksum
+    double nextChangeMs = -1;  // when this state ends or another begins; < 0: never
+};
+
 // Data-stream items: id (1..59) and value, asked for once per data-stream frame.
 using DataItems = std::vector<std::pair<uint8_t, float>>;
 using ValueSource = std::function<DataItems()>;
@@ -107,6 +119,10 @@ struct BoxOptions {
     bool stopAckAlt = false;   // acknowledge a stop of the stream with 0x2301 instead of 0x6C04
     std::vector<uint16_t> unanswered;  // request codes the box ignores (recorded all the same)
     unsigned int seed = 1;             // for garbage and chunk sizes
+    // Windows of faults in the clock's time (not since Start), consulted for every frame sent,
+    // every answer and every wait of the box's thread; the box also wakes when a window ends,
+    // as a box that comes back would. Empty: only the whole-run options above.
+    std::function<FaultState(double nowMs)> faultSchedule;
 
     // What the box reports.
     std::vector<std::string> hwTexts{"EMU-OBD-BOX", "SN000001", "HW1.0", "2024-05-01", "T1"};
@@ -204,6 +220,9 @@ class BoxEmulator {
     void WriteAll(const uint8_t* data, size_t n);
     void Log(const std::string& line);
     BoxOptions Snapshot() const;
+    // A snapshot with the fault windows open at `nowMs` folded in; `state` receives them.
+    BoxOptions Effective(double nowMs, FaultState* state = nullptr) const;
+    static void Fold(BoxOptions& o, const FaultState& s);
     // Upgrade steps (BoxEmulatorUpgrade.cpp); called like Answer, under m_optMutex.
     void AnswerUpgrade(const ReceivedFrame& req, BoxOptions& o, std::vector<ByteVec>& out);
     // The flash time an upgrade chunk asked for, spent before its answer (box thread).

@@ -1,0 +1,401 @@
+// obd-swarm's parts on synthetic input: the schedule drawn from a seed, and the invariant checker
+// fed events by hand, rows that must fire and rows that must not.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <set>
+
+#include "Invariants.h"
+#include "ObdBusRecords.h"
+#include "ObdTypes.h"
+#include "Schedule.h"
+
+namespace obdswarm {
+namespace {
+
+// The engine the C++ standard fixes: its 10000th number from the default seed.
+TEST(Schedule, DrawsFromTheStandardEngineAndTheSeedAlone) {
+    Rng r(5489);
+    uint64_t v = 0;
+    for (int i = 0; i < 10000; ++i) v = r.Next();
+    EXPECT_EQ(v, 9981545732273789042ull);
+
+    const Schedule a = Draw(7, 2), b = Draw(7, 2), c = Draw(8, 2);
+    EXPECT_EQ(ToJson(a), ToJson(b));
+    EXPECT_NE(ToJson(a), ToJson(c));
+    Schedule back;
+    std::string error;
+    ASSERT_TRUE(FromJson(ToJson(a), back, error)) << error;
+    EXPECT_EQ(ToJson(back), ToJson(a));
+    EXPECT_DOUBLE_EQ(BuildDrive(a).DurationS(), 7200.0);
+    for (const Fault& f : a.faults) {
+        EXPECT_GE(f.startMs, 0);
+        EXPECT_LE(f.endMs, 7200000);
+        EXPECT_LE(f.startMs, f.endMs);
+    }
+}
+
+TEST(Schedule, BadFilesAreRefusedWithAReason) {
+    const char* rows[] = {
+        "",
+        "[1, 2]",
+        R"({"seed": 1})",
+        R"({"seed": 1, "hours": -1, "product_type": 0, "motion": true, "phases": [], "faults": []})",
+        R"({"seed": 1, "hours": 1, "product_type": 0, "motion": true, "phases": [{"kind": "fly",
+            "s": 1, "speed": 0, "rpm": 0, "noise": 0, "saturated": false}], "faults": []})",
+        R"({"seed": 1, "hours": 1, "product_type": 0, "motion": true, "phases": [], "faults":
+            [{"kind": "silent", "start_ms": 5, "end_ms": 1, "a": 0, "b": 0, "seed": 0}]})",
+        R"({"seed": "x", "hours": 1, "product_type": 0, "motion": true, "phases": [], "faults": []})",
+    };
+    for (const char* text : rows) {
+        SCOPED_TRACE(text);
+        Schedule s;
+        std::string error;
+        EXPECT_FALSE(FromJson(text, s, error));
+        EXPECT_FALSE(error.empty());
+    }
+}
+
+// The box's windows: what holds at each instant, and when the next change comes.
+TEST(Schedule, BoxFaultsHoldInsideTheirWindowsOnly) {
+    const std::vector<Fault> faults = {{FaultKind::Silent, 1000, 2000, 0, 0, 0},
+                                       {FaultKind::Split, 1500, 3000, 4, 0, 0},
+                                       {FaultKind::BadValues, 0, 9000, 0, 0, 0},
+                                       {FaultKind::DropAnswers, 5000, 6000, 3, 0, 0}};
+    const struct {
+        double ms;
+        bool silent;
+        int split, drop;
+        double next;
+    } rows[] = {{0, false, 0, 0, 1000},    {999, false, 0, 0, 1000},  {1000, true, 0, 0, 1500},
+                {1500, true, 4, 0, 2000},  {2000, false, 4, 0, 3000}, {3000, false, 0, 0, 5000},
+                {5500, false, 0, 3, 6000}, {6000, false, 0, 0, -1}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.ms);
+        const obdbox::FaultState s = BoxFaults(faults, r.ms);
+        EXPECT_EQ(s.silent, r.silent);
+        EXPECT_EQ(s.splitMaxChunk, r.split);
+        EXPECT_EQ(s.dropEveryNth, r.drop);
+        EXPECT_EQ(s.nextChangeMs, r.next);
+    }
+}
+
+TEST(Schedule, BadValuesAndInboundMessages) {
+    const struct {
+        int a, b;
+        float expect7;  // item 7's new value (box id 8), from 50
+        float expect9;  // item 9's, from 12
+    } rows[] = {{kNaN, -1, NAN, NAN},
+                {kPlusInf, 7, INFINITY, 12},
+                {kMinusInf, 9, 50, -INFINITY},
+                {kNegative, -1, -51, -13},
+                {kOutOfRange, 7, 3.0e9f, 12}};
+    for (const auto& r : rows) {
+        obdbox::DataItems items = {{8, 50.0f}, {10, 12.0f}};
+        AlterValues({{FaultKind::BadValues, 100, 200, r.a, r.b, 0}}, 150, items);
+        for (const auto& [got, want] :
+             {std::pair{items[0].second, r.expect7}, std::pair{items[1].second, r.expect9}}) {
+            EXPECT_TRUE(std::isnan(want) ? std::isnan(got) : got == want) << r.a << " " << got;
+        }
+        obdbox::DataItems outside = {{8, 50.0f}};
+        AlterValues({{FaultKind::BadValues, 100, 200, r.a, r.b, 0}}, 200, outside);
+        EXPECT_EQ(outside[0].second, 50.0f);
+    }
+    std::set<int> ids;
+    std::set<std::string> sizes;
+    for (uint64_t seed = 1; seed <= 20; ++seed) {
+        const Fault f{FaultKind::BusMessages, 1000, 5000, 40, 0, seed};
+        for (const Inbound& m : Messages(f)) {
+            EXPECT_GE(m.tMs, 1000);
+            EXPECT_LT(m.tMs, 5000);
+            ids.insert(m.id);
+            for (const InboundId& i : InboundIds()) {
+                if (i.id != m.id) continue;
+                const int n = static_cast<int>(m.payload.size());
+                sizes.insert(n < i.exactBytes ? "short" : n == i.exactBytes ? "exact" : "long");
+            }
+        }
+    }
+    EXPECT_EQ(ids.size(), InboundIds().size());
+    EXPECT_EQ(ids.count(MSG_POWER_DOWN), 0u);  // a fault of its own
+    EXPECT_EQ(sizes, (std::set<std::string>{"short", "exact", "long"}));
+}
+
+// ---- The checker ---------------------------------------------------------------------------
+
+hostsim::BusMessage Message(int id, long long tMs, std::vector<unsigned char> payload,
+                            bool response = false) {
+    hostsim::BusMessage m;
+    m.id = id;
+    m.tMs = tMs;
+    m.payload = std::move(payload);
+    m.response = response;
+    return m;
+}
+
+// The OBD data broadcast of a table holding `items` (box ids).
+hostsim::BusMessage Table(long long tMs, const obdbox::DataItems& items) {
+    ObdOriginalDataMsg_t msg{};
+    for (auto& it : msg.table.item) it.id = -1;
+    for (const auto& [id, v] : items) {
+        msg.table.item[id - 1].id = id - 1;
+        msg.table.item[id - 1].value = v;
+    }
+    std::vector<unsigned char> p(sizeof(msg));
+    std::memcpy(p.data(), &msg, sizeof(msg));
+    return Message(MSG_OBD_ORIGINAL_DATA, tMs, p);
+}
+
+hostsim::BusMessage Status(long long tMs, bool up) {
+    std::vector<unsigned char> p(sizeof(GdsConfigInfo_t), 0);
+    p[offsetof(GdsConfigInfo_t, obd_state)] = up ? 3 : 2;
+    return Message(MSG_GDS_CONFIG_INFO_REPORT, tMs, p);
+}
+
+hostsim::BusMessage Upgrade(int id, long long tMs, int state, bool response) {
+    std::vector<unsigned char> p(sizeof(UpgradeResult_t), 0);
+    p[offsetof(UpgradeResult_t, state)] = static_cast<unsigned char>(state);
+    return Message(id, tMs, p, response);
+}
+
+const obdbox::DataItems kFrame = {{7, 900.0f}, {8, 30.0f}};
+
+// A healthy plug-in from `fromS` to `toS`: a frame each second, the broadcasts that show it,
+// a step after each, the link up at the first.
+void Healthy(Checker& c, int fromS, int toS, obdbox::DataItems frame = kFrame) {
+    for (int s = fromS; s <= toS; ++s) {
+        const long long t = s * 1000LL;
+        c.OnFrame(t, frame);
+        c.OnBus(Table(t + 100, frame));
+        c.OnBus(Message(MSG_GDS_ALARM, t + 100, std::vector<unsigned char>(208, 0)));
+        if (s == fromS) c.OnBus(Status(t + 100, true));
+        c.Step(t + 200);
+    }
+}
+
+// The broadcasts alone, without frames, from `fromS` to `toS`.
+void BroadcastsOnly(Checker& c, int fromS, int toS, bool linkDownAt = false, int downS = -1) {
+    for (int s = fromS; s <= toS; ++s) {
+        const long long t = s * 1000LL;
+        c.OnBus(Table(t + 100, kFrame));
+        c.OnBus(Message(MSG_GDS_ALARM, t + 100, std::vector<unsigned char>(208, 0)));
+        if (linkDownAt && s == downS) c.OnBus(Status(t + 100, false));
+        c.Step(t + 200);
+    }
+}
+
+// Frames without broadcasts (the 1 s work held), from `fromS` to `toS`.
+void FramesOnly(Checker& c, int fromS, int toS) {
+    for (int s = fromS; s <= toS; ++s) {
+        c.OnFrame(s * 1000LL, kFrame);
+        c.Step(s * 1000LL + 200);
+    }
+}
+
+TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
+    const obdbox::DataItems nan = {{7, std::numeric_limits<float>::quiet_NaN()}};
+    const struct {
+        const char* name;
+        std::vector<Fault> faults;
+        std::function<void(Checker&)> events;
+        const char* invariant;  // "" for none
+        long long atMs;
+    } rows[] = {
+        {"a healthy minute", {}, [](Checker& c) { Healthy(c, 1, 60); }, "", -1},
+        {"no broadcast at all", {}, [](Checker& c) { c.Step(3100); }, "broadcast-period", 3100},
+        {"one 6702 late by 0.2 s",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Table(7300, kFrame));
+         },
+         "broadcast-period",
+         7300},
+        {"broadcasts stop, the step notices",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.Step(6200);
+             c.Step(7200);
+         },
+         "broadcast-period",
+         7200},
+        {"a gap after a power-down",
+         {{FaultKind::PowerDown, 5500, 60000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.Step(30000);
+         },
+         "",
+         -1},
+        {"a gap after an injected power-down",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnInject(5500, MSG_POWER_DOWN);
+             c.Step(30000);
+         },
+         "",
+         -1},
+        {"a gap while an upgrade runs, and back within a second",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             FramesOnly(c, 6, 24);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 25000, 9, false));
+             Healthy(c, 26, 30);
+         },
+         "",
+         -1},
+        {"an upgrade that never ends",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             FramesOnly(c, 6, 65);
+             c.Step(65600);
+         },
+         "upgrade-ends",
+         65600},
+        {"the frame's last item not in the table",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 3);
+             c.OnFrame(4000, kFrame);
+             c.OnBus(Table(4100, {{7, 900.0f}}));
+         },
+         "data-to-table",
+         4100},
+        {"a value one bit off",
+         {},
+         [](Checker& c) {
+             c.OnFrame(1000, {{7, 900.0f}});
+             c.OnBus(Table(1100, {{7, std::nextafter(900.0f, 1000.0f)}}));
+         },
+         "data-to-table",
+         1100},
+        {"a frame of the same instant is not yet owed",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 3);
+             c.OnFrame(4100, {{7, 1.0f}});
+             c.OnBus(Table(4100, kFrame));
+         },
+         "",
+         -1},
+        {"a later frame replaced it",
+         {},
+         [](Checker& c) {
+             c.OnFrame(1000, kFrame);
+             c.OnFrame(1050, {{7, 1.0f}, {8, 2.0f}});
+             c.OnBus(Table(1100, {{7, 1.0f}, {8, 2.0f}}));
+         },
+         "",
+         -1},
+        {"NaN sent, NaN stored", {}, [nan](Checker& c) { Healthy(c, 1, 10, nan); }, "", -1},
+        {"a mismatch inside a bus-message window",
+         {{FaultKind::BusMessages, 900, 1000, 1, 0, 1}},
+         [](Checker& c) {
+             c.OnFrame(1000, kFrame);
+             c.OnBus(Table(1100, {}));
+         },
+         "",
+         -1},
+        {"frames stop, the link stays up",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 18);
+         },
+         "link-down",
+         17200},
+        {"frames stop, the link goes down after 9 s",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 30, true, 14);
+         },
+         "",
+         -1},
+        {"the link reported down 3 s after a frame",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Status(8000, false));
+         },
+         "link-down-early",
+         8000},
+        {"a frame of the down report's own instant",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 13);
+             c.OnFrame(14100, kFrame);
+             BroadcastsOnly(c, 14, 15, true, 14);
+             Healthy(c, 16, 20);
+         },
+         "",
+         -1},
+        {"frames resume and the link comes up at the next status",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 20, true, 14);
+             Healthy(c, 21, 26);
+         },
+         "",
+         -1},
+        {"frames resume and the link stays down",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 20, true, 14);
+             c.OnFrame(21000, kFrame);
+             for (int s = 21; s <= 25; ++s) {
+                 c.OnBus(Table(s * 1000 + 100, kFrame));
+                 c.OnBus(
+                     Message(MSG_GDS_ALARM, s * 1000 + 100, std::vector<unsigned char>(208, 0)));
+                 c.Step(s * 1000 + 200);
+             }
+         },
+         "link-up",
+         24200},
+        {"memory grows 100 MB after the warm-up",
+         {},
+         [](Checker& c) {
+             c.OnMemory(0, 5000);
+             c.OnMemory(600000, 10000);
+             c.OnMemory(660000, 110000);
+         },
+         "memory",
+         660000},
+        {"memory grows 1 MB",
+         {},
+         [](Checker& c) {
+             c.OnMemory(600000, 10000);
+             c.OnMemory(660000, 11000);
+         },
+         "",
+         -1},
+        {"a release of 1.5 s", {}, [](Checker& c) { c.OnRelease(9000, 1500); }, "release", 9000},
+        {"a release of 0.2 s", {}, [](Checker& c) { c.OnRelease(9000, 200); }, "", -1},
+        {"a run that stops early", {}, [](Checker& c) { c.OnEnd(9000, 4000); }, "run-ends", 4000},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        Checker c(r.faults);
+        r.events(c);
+        const Violation v = c.First();
+        EXPECT_EQ(v.name, r.invariant) << v.message;
+        EXPECT_EQ(v.tMs, r.atMs);
+        EXPECT_EQ(c.Failed(), std::string(r.invariant) != "");
+        EXPECT_EQ(v.message.find('\n'), std::string::npos);
+    }
+}
+
+}  // namespace
+}  // namespace obdswarm

@@ -1,0 +1,261 @@
+#include "Invariants.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "ObdBusRecords.h"
+#include "ObdTypes.h"
+
+namespace obdswarm {
+
+std::string Clock(long long ms) {
+    if (ms < 0) ms = 0;
+    const long long s = ms / 1000;
+    char text[40];
+    std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld.%03lld", s / 3600, s / 60 % 60, s % 60,
+                  ms % 1000);
+    return text;
+}
+
+namespace {
+
+// The plug-in stores what the box said: NaN is NaN, every other value bit for bit.
+bool Same(float a, float b) {
+    if (std::isnan(a) || std::isnan(b)) return std::isnan(a) && std::isnan(b);
+    return std::memcmp(&a, &b, sizeof(a)) == 0;
+}
+
+std::string Value(float v) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.9g", static_cast<double>(v));
+    return text;
+}
+
+}  // namespace
+
+Checker::Checker(std::vector<Fault> faults, Bounds bounds)
+    : m_faults(std::move(faults)), m_b(bounds) {
+    for (const Fault& f : m_faults) {
+        if (f.kind == FaultKind::PowerDown && (m_powerDownMs < 0 || f.startMs < m_powerDownMs)) {
+            m_powerDownMs = f.startMs;
+        }
+    }
+}
+
+void Checker::Fail(const char* name, long long tMs, const std::string& message) {
+    if (!m_first.name.empty()) return;
+    m_first.name = name;
+    m_first.tMs = tMs;
+    m_first.message = message;
+}
+
+bool Checker::PoweredDown(long long tMs) const {
+    return m_powerDownMs >= 0 && tMs >= m_powerDownMs;
+}
+
+bool Checker::BusWindow(long long tMs) const {
+    for (const Fault& f : m_faults) {
+        // A message delivered at the window's last instant is handled a moment later.
+        if (f.kind == FaultKind::BusMessages && tMs >= f.startMs && tMs <= f.endMs + m_b.periodMs) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Something that lawfully holds the 1 s work back between the two times.
+bool Checker::Excused(long long fromMs, long long toMs) const {
+    if (PoweredDown(toMs)) return true;
+    if (m_upgradeFromMs >= 0 && m_upgradeFromMs <= toMs) return true;
+    for (const auto& u : m_upgrades) {
+        if (u.first <= toMs && u.second >= fromMs) return true;
+    }
+    return false;
+}
+
+void Checker::Gap(int id, long long& last, long long nowMs) {
+    const long long limit = m_b.periodMs + m_b.slackMs;
+    if (last < 0) {
+        if (nowMs > m_b.firstBroadcastMs && !Excused(0, nowMs)) {
+            Fail("broadcast-period", nowMs,
+                 "no " + std::to_string(id) + " broadcast since the start of the run");
+        }
+        return;
+    }
+    if (nowMs - last > limit && !Excused(last, nowMs)) {
+        Fail("broadcast-period", nowMs,
+             "no " + std::to_string(id) + " broadcast from " + Clock(last) + " to " + Clock(nowMs));
+    }
+}
+
+void Checker::OnFrame(long long tMs, const obdbox::DataItems& items) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    // A wrong checksum does not spoil a frame: the plug-in's receiver does not verify it.
+    if (tMs > m_lastCleanMs) m_prevCleanMs = m_lastCleanMs;
+    m_lastCleanMs = tMs;
+    if (m_link != 1 && m_backSinceMs < 0) m_backSinceMs = tMs;
+    m_frames.push_back({tMs, items});
+    // A plug-in that broadcasts nothing more is caught by the period check; the list stays short.
+    while (m_frames.size() > 64) m_frames.pop_front();
+}
+
+void Checker::CheckTable(const hostsim::BusMessage& m) {
+    ObdOriginalDataMsg_t msg;
+    std::memcpy(&msg, m.payload.data(), sizeof(msg));
+    // The frames of earlier instants must be in it; one of this instant may or may not be yet.
+    size_t last = m_frames.size();
+    for (size_t i = 0; i < m_frames.size(); ++i) {
+        if (m_frames[i].tMs < m.tMs) last = i;
+    }
+    if (last == m_frames.size()) return;
+    const Frame& due = m_frames[last];
+    std::string mismatch;
+    bool follows = false;
+    for (size_t i = last; i < m_frames.size() && !follows; ++i) {
+        bool same = true;
+        for (const auto& item : m_frames[i].items) {
+            const int index = item.first - 1;
+            if (index < 0 || index >= OBD_ITEM_COUNT) continue;
+            const auto& in = msg.table.item[index];
+            if (in.id != index || !Same(in.value, item.second)) {
+                if (i == last && mismatch.empty()) {
+                    mismatch = "item " + std::to_string(index) + " sent as " + Value(item.second) +
+                               ", broadcast as " +
+                               (in.id == index ? Value(in.value) : std::string("absent"));
+                }
+                same = false;
+                break;
+            }
+        }
+        follows = same;
+    }
+    const bool excused = BusWindow(due.tMs) || Excused(due.tMs, m.tMs);
+    if (!follows && !excused) {
+        Fail("data-to-table", m.tMs,
+             "the frame sent at " + Clock(due.tMs) + " is not in the broadcast at " + Clock(m.tMs) +
+                 ": " + mismatch);
+    }
+    m_frames.erase(m_frames.begin(), m_frames.begin() + static_cast<long>(last) + 1);
+}
+
+void Checker::OnBus(const hostsim::BusMessage& m) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m.response) {
+        if (m.id == MSG_TRIGGER_PERIPHERAL_UPGRADE && m.payload.size() == sizeof(UpgradeResult_t) &&
+            m.payload[offsetof(UpgradeResult_t, state)] == PERIP_UPG_STATE_PROGRESS &&
+            m_upgradeFromMs < 0) {
+            m_upgradeFromMs = m.tMs;
+        }
+        return;
+    }
+    switch (m.id) {
+        case MSG_OBD_ORIGINAL_DATA:
+            if (m.payload.size() != sizeof(ObdOriginalDataMsg_t)) {
+                Fail("broadcast-period", m.tMs,
+                     "a 6702 broadcast of " + std::to_string(m.payload.size()) + " bytes");
+                break;
+            }
+            Gap(m.id, m_lastObdMs, m.tMs);
+            m_lastObdMs = m.tMs;
+            CheckTable(m);
+            break;
+        case MSG_GDS_ALARM:
+            Gap(m.id, m_lastAlarmMs, m.tMs);
+            m_lastAlarmMs = m.tMs;
+            break;
+        case MSG_GDS_CONFIG_INFO_REPORT: {
+            if (m.payload.size() != sizeof(GdsConfigInfo_t)) break;
+            const int up = (m.payload[offsetof(GdsConfigInfo_t, obd_state)] & 1u) != 0 ? 1 : 0;
+            // A frame of the report's own instant may be read just before or just after it.
+            const long long before = m_lastCleanMs < m.tMs ? m_lastCleanMs : m_prevCleanMs;
+            if (up == 0 && m_link == 1 && !PoweredDown(m.tMs) && before >= 0 &&
+                m.tMs - before < m_b.linkDownEarlyMs) {
+                Fail("link-down-early", m.tMs,
+                     "link reported down " + std::to_string(m.tMs - before) +
+                         " ms after the last data frame (" + Clock(before) + ")");
+            }
+            if (up == 1) m_backSinceMs = -1;
+            if (up == 0 && m_link != 0) m_backSinceMs = m_lastCleanMs >= m.tMs ? m_lastCleanMs : -1;
+            m_link = up;
+            break;
+        }
+        case MSG_PERIPHERAL_UPGRADE_STATE:
+            if (m.payload.size() != sizeof(UpgradeResult_t)) break;
+            if (m.payload[offsetof(UpgradeResult_t, state)] != PERIP_UPG_STATE_PROGRESS &&
+                m_upgradeFromMs >= 0) {
+                m_upgrades.emplace_back(m_upgradeFromMs, m.tMs);
+                m_upgradeFromMs = -1;
+                // The 1 s work comes back at the first cycle after the upgrade.
+                if (m_lastObdMs >= 0) m_lastObdMs = m.tMs;
+                if (m_lastAlarmMs >= 0) m_lastAlarmMs = m.tMs;
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+void Checker::Step(long long nowMs) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Gap(MSG_OBD_ORIGINAL_DATA, m_lastObdMs, nowMs);
+    Gap(MSG_GDS_ALARM, m_lastAlarmMs, nowMs);
+    if (m_upgradeFromMs >= 0 && nowMs - m_upgradeFromMs > m_b.upgradeMs) {
+        Fail("upgrade-ends", nowMs,
+             "the upgrade accepted at " + Clock(m_upgradeFromMs) + " has not ended");
+    }
+    if (PoweredDown(nowMs)) return;
+    if (m_link == 1 && m_lastCleanMs >= 0 && nowMs - m_lastCleanMs > m_b.linkDownMs) {
+        Fail("link-down", nowMs,
+             "no data frame since " + Clock(m_lastCleanMs) + " and the link still reported up");
+    }
+    if (m_link != 1 && m_backSinceMs >= 0 && nowMs - m_backSinceMs > m_b.linkUpMs) {
+        Fail("link-up", nowMs,
+             "data frames again since " + Clock(m_backSinceMs) + " and the link not reported up");
+    }
+}
+
+void Checker::OnInject(long long tMs, int id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (id == MSG_POWER_DOWN && (m_powerDownMs < 0 || tMs < m_powerDownMs)) m_powerDownMs = tMs;
+}
+
+void Checker::OnMemory(long long tMs, long long rssKb) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (tMs < m_b.rssWarmupMs || rssKb <= 0) return;
+    if (m_rssBaseKb < 0) {
+        m_rssBaseKb = rssKb;
+        return;
+    }
+    if (rssKb - m_rssBaseKb > m_b.rssGrowthKb) {
+        Fail("memory", tMs,
+             "resident set " + std::to_string(rssKb) + " kB, " +
+                 std::to_string(rssKb - m_rssBaseKb) + " kB more than after the warm-up");
+    }
+}
+
+void Checker::OnRelease(long long tMs, long long tookMs) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (tookMs > m_b.releaseMs) {
+        Fail("release", tMs, "the release took " + std::to_string(tookMs) + " ms of host time");
+    }
+}
+
+void Checker::OnEnd(long long endMs, long long reachedMs) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (reachedMs < endMs && m_first.name.empty()) {
+        Fail("run-ends", reachedMs, "the run stopped before its end at " + Clock(endMs));
+    }
+}
+
+bool Checker::Failed() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return !m_first.name.empty();
+}
+
+Violation Checker::First() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_first;
+}
+
+}  // namespace obdswarm

@@ -1,0 +1,104 @@
+// The swarm's invariants: what must hold after every host step of a run whatever the faults,
+// checked from what a recorder sees (the plug-in's bus messages) against what the box sent. Each
+// has a name and gives a one-line message; the first violation is kept, with its host time.
+//
+//  broadcast-period  the OBD data (6702) and alarm (6720) broadcasts each come every second
+//                    (the first within kFirstBroadcastMs), except while an upgrade runs (from
+//                    the accepted trigger to its final state) and after a power-down message;
+//  data-to-table     every data frame the box sent is in the next OBD data broadcast (or a
+//                    later frame replaced it), except for frames of a bus-message window, of an
+//                    upgrade, or after a power-down;
+//  link-down         once the box sends no data frame for linkDownMs, the status record
+//                    (6699) has reported the link down;
+//  link-down-early   ... and not before linkDownEarlyMs after the last frame;
+//  link-up           once the box sends a data frame again, the status record reports the
+//                    link up within linkUpMs;
+//  upgrade-ends      an upgrade the plug-in accepted ends (success or failure) within upgradeMs;
+//  memory            the resident set grows by at most rssGrowthKb after the warm-up;
+//  release           the plug-in's release returns within releaseMs of host time;
+//  run-ends          the run reaches the end of its host time.
+// A crash and a hang are caught around the run (the process, a real-time watchdog).
+//
+// Every call may come from any thread (the box's, the bus's, the stepping one).
+#pragma once
+
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "BoxEmulator.h"
+#include "HostSim.h"
+#include "Schedule.h"
+
+namespace obdswarm {
+
+struct Bounds {
+    long long periodMs = 1000;          // the 1 s broadcasts
+    long long slackMs = 100;            // one plug-in cycle: its 1 s work runs on the cycle
+    long long firstBroadcastMs = 3000;  // from the start of the run
+    long long linkDownMs = 12000;       // 8-10 s by design, one status tick more
+    long long linkDownEarlyMs = 6000;
+    long long linkUpMs = 3000;  // the next 2 s status tick and a cycle
+    long long upgradeMs = 60000;
+    long long releaseMs = 1000;
+    long long rssWarmupMs = 600000;
+    long long rssGrowthKb = 64 * 1024;
+};
+
+struct Violation {
+    std::string name;  // empty: none
+    long long tMs = -1;
+    std::string message;
+};
+
+class Checker {
+  public:
+    explicit Checker(std::vector<Fault> faults, Bounds bounds = {});
+
+    // A data-stream frame the box sends at host time tMs with these items (box ids 1..59).
+    void OnFrame(long long tMs, const obdbox::DataItems& items);
+    // Every message the plug-in sends or answers.
+    void OnBus(const hostsim::BusMessage& m);
+    // An inbound message delivered to the plug-in (a power-down ends the 1 s work for good).
+    void OnInject(long long tMs, int id);
+    // After every host step: the checks that a missing event breaks.
+    void Step(long long nowMs);
+    void OnMemory(long long tMs, long long rssKb);
+    void OnRelease(long long tMs, long long tookMs);
+    void OnEnd(long long endMs, long long reachedMs);
+
+    bool Failed() const;
+    Violation First() const;
+
+  private:
+    struct Frame {
+        long long tMs;
+        obdbox::DataItems items;
+    };
+    void Fail(const char* name, long long tMs, const std::string& message);
+    bool PoweredDown(long long tMs) const;
+    bool Excused(long long fromMs, long long toMs) const;
+    bool BusWindow(long long tMs) const;
+    void Gap(int id, long long& last, long long nowMs);
+    void CheckTable(const hostsim::BusMessage& m);
+
+    const std::vector<Fault> m_faults;
+    const Bounds m_b;
+
+    mutable std::mutex m_mutex;  // everything below
+    long long m_powerDownMs = -1;
+    Violation m_first;
+    long long m_lastObdMs = -1, m_lastAlarmMs = -1;
+    long long m_upgradeFromMs = -1;                           // an upgrade running since then
+    std::vector<std::pair<long long, long long>> m_upgrades;  // the ones that ended
+    std::deque<Frame> m_frames;  // frames not yet checked against a broadcast
+    int m_link = -1;             // the last status record's link bit; -1 before any
+    long long m_lastCleanMs = -1, m_prevCleanMs = -1, m_backSinceMs = -1;
+    long long m_rssBaseKb = -1;
+};
+
+// Host time as H:MM:SS.
+std::string Clock(long long ms);
+
+}  // namespace obdswarm

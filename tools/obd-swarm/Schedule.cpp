@@ -1,0 +1,539 @@
+#include "Schedule.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "ObdNames.h"
+
+namespace obdswarm {
+
+uint64_t Rng::Next() {
+    return m_gen();
+}
+
+long long Rng::Int(long long lo, long long hi) {
+    if (hi <= lo) return lo;
+    const uint64_t span = static_cast<uint64_t>(hi - lo) + 1;
+    return lo + static_cast<long long>(Next() % span);
+}
+
+double Rng::Real() {
+    return static_cast<double>(Next() >> 11) * (1.0 / 9007199254740992.0);
+}
+
+namespace {
+
+const char* const kFaultNames[] = {"silent",     "stream-held",  "garbage",
+                                   "split",      "drop-answers", "bad-checksum",
+                                   "bad-values", "bus",          "power-down"};
+static_assert(sizeof(kFaultNames) / sizeof(kFaultNames[0]) == static_cast<size_t>(FaultKind::Count),
+              "a name for every fault kind");
+
+const char* const kPhaseNames[] = {"cold-start", "idle",       "city",       "motorway",
+                                   "hard-accel", "hard-brake", "sharp-turn", "engine-off"};
+
+constexpr long long kGrainMs = 100;  // fault times fall on the plug-in's cycle
+
+long long Grain(long long ms) {
+    return ms / kGrainMs * kGrainMs;
+}
+
+// How long each kind of fault lasts (s) and how often it is drawn against the others.
+struct FaultDraw {
+    FaultKind kind;
+    int weight;
+    double minS, maxS;
+};
+const FaultDraw kFaultDraws[] = {
+    {FaultKind::Silent, 3, 1, 40},      {FaultKind::StreamHeld, 2, 1, 40},
+    {FaultKind::Garbage, 2, 5, 120},    {FaultKind::Split, 3, 5, 300},
+    {FaultKind::DropAnswers, 2, 5, 60}, {FaultKind::BadChecksum, 2, 1, 30},
+    {FaultKind::BadValues, 2, 2, 60},   {FaultKind::BusMessages, 3, 1, 60},
+};
+
+Phase DrawPhase(Rng& r, bool engineOn, double speed) {
+    Phase p;
+    p.noise = r.Next();
+    p.saturated = r.Chance(0.03);
+    if (!engineOn) {
+        p.kind = PhaseKind::ColdStart;
+        p.seconds = std::round(r.Range(20, 90));
+        return p;
+    }
+    // Weights by what the vehicle is doing: hard events only when moving.
+    const long long pick = r.Int(0, 99);
+    if (speed < 5 && pick < 15) {
+        p.kind = PhaseKind::Idle;
+        p.seconds = std::round(r.Range(10, 400));
+        p.rpm = r.Range(750, 950);
+    } else if (pick < 45) {
+        p.kind = PhaseKind::City;
+        p.seconds = std::round(r.Range(60, 900));
+        p.speed = r.Range(25, 60);
+    } else if (pick < 65) {
+        p.kind = PhaseKind::Motorway;
+        p.seconds = std::round(r.Range(120, 1500));
+        p.speed = r.Range(85, 135);
+    } else if (pick < 74) {
+        p.kind = PhaseKind::HardAccel;
+        p.seconds = std::round(r.Range(3, 6));
+        p.speed = std::min(160.0, speed + r.Range(25, 50));
+    } else if (pick < 83) {
+        p.kind = PhaseKind::HardBrake;
+        p.seconds = std::round(r.Range(3, 6));
+    } else if (pick < 92) {
+        p.kind = PhaseKind::SharpTurn;
+        p.seconds = std::round(r.Range(3, 8));
+        p.speed = r.Range(15, 35);  // yaw rate, degrees per second
+    } else {
+        p.kind = PhaseKind::EngineOff;
+        p.seconds = std::round(r.Range(5, 600));
+    }
+    return p;
+}
+
+double Norm(double v) {
+    return std::isfinite(v) ? v : 0.0;
+}
+
+// The vehicle's state as keyframes are laid down.
+struct Builder {
+    double t = 0, speed = 0, rpm = 0, coolant = 10, volts = 12.4, accel = 0, brake = 0;
+    double yaw = 0, accX = 0, accY = 0, mileage = 1000, fuel = 50;
+    bool motion = true, saturated = false;
+    std::vector<obdsim::Drive::Channel> ch;
+
+    enum { kSpeed, kRpm, kCoolant, kVolts, kAccel, kBrake, kMileage, kMileage2, kFuel, kItems };
+
+    Builder() {
+        const char* names[kItems] = {"speed",        "engine_speed", "coolant_temp",
+                                     "battery_volt", "accelerator",  "brake",
+                                     "mileage",      "mileage2",     "fuel"};
+        for (const char* n : names) {
+            obdsim::Drive::Channel c;
+            c.id = obdsim::ItemIndex(n);
+            c.mode =
+                std::string(n) == "brake" ? obdsim::Drive::Mode::Hold : obdsim::Drive::Mode::Linear;
+            ch.push_back(c);
+        }
+        for (int id = obdsim::kAccX; id < obdsim::kChannelCount; ++id) {
+            obdsim::Drive::Channel c;
+            c.id = id;
+            ch.push_back(c);
+        }
+    }
+
+    void Key() {
+        const double items[kItems] = {speed, rpm,     coolant,        volts, accel,
+                                      brake, mileage, mileage * 1000, fuel};
+        for (int i = 0; i < kItems; ++i) Put(ch[static_cast<size_t>(i)], items[i]);
+        if (!motion) return;
+        const double sat = saturated ? 12.0 : 1.0;
+        const double motionValues[6] = {accX * sat, accY * sat, 1.0, 0.0, 0.0, yaw * sat};
+        for (int a = 0; a < 6; ++a) Put(ch[static_cast<size_t>(kItems + a)], motionValues[a]);
+    }
+
+    void Put(obdsim::Drive::Channel& c, double v) {
+        if (!c.t.empty() && c.t.back() >= t) {
+            c.v.back() = static_cast<float>(Norm(v));
+            return;
+        }
+        c.t.push_back(t);
+        c.v.push_back(static_cast<float>(Norm(v)));
+    }
+
+    // Moves to `to` over `dt` seconds: speed and engine speed in a straight line, the counters
+    // and the coolant as they follow from them.
+    void Go(double dt, double toSpeed, double toRpm, double toAccel, double toBrake) {
+        if (dt <= 0) return;
+        const double from = speed;
+        accX = (toSpeed - from) / 3.6 / dt / 9.81;
+        brake = toBrake;
+        mileage += (from + toSpeed) / 2 * dt / 3600.0;
+        fuel += (rpm + toRpm) / 2 / 1000.0 * 0.4 * dt / 3600.0;
+        const double target = toRpm > 0 ? 90.0 : 5.0;
+        const double tau = toRpm > 0 ? 500.0 : 1800.0;
+        coolant = target + (coolant - target) * std::exp(-dt / tau);
+        Key();  // the slope starts here
+        t += dt;
+        speed = toSpeed;
+        rpm = toRpm;
+        accel = toAccel;
+        volts = toRpm > 0 ? 14.2 : 12.4;
+        Key();
+        accX = 0;
+        accY = 0;
+    }
+};
+
+double RpmFor(double speed, Rng& r) {
+    if (speed < 1) return r.Range(780, 900);
+    return std::min(3200.0, 900 + speed * r.Range(14, 22));
+}
+
+void Lay(Builder& b, const Phase& p) {
+    Rng r(p.noise);
+    b.saturated = p.saturated;
+    const double end = b.t + p.seconds;
+    switch (p.kind) {
+        case PhaseKind::ColdStart:
+            b.coolant = std::min(b.coolant, r.Range(-20, 15));
+            b.Go(std::min(3.0, p.seconds / 3), 0, 0, 0, 0);
+            b.Go(1, 0, 1100, 0, 0);
+            b.Go(std::max(1.0, end - b.t), 0, RpmFor(0, r), 0, 0);
+            break;
+        case PhaseKind::Idle:
+            b.Go(std::max(1.0, p.seconds), 0, p.rpm, 0, r.Chance(0.5) ? 1 : 0);
+            break;
+        case PhaseKind::City:
+            while (b.t < end - 1) {
+                const double v = r.Range(10, p.speed);
+                const double up = r.Range(5, 15), hold = r.Range(5, 40), down = r.Range(4, 10);
+                b.Go(std::min(up, end - b.t), v, RpmFor(v, r), r.Range(15, 45), 0);
+                b.Go(std::max(0.0, std::min(hold, end - b.t)), v, RpmFor(v, r), r.Range(10, 30), 0);
+                if (b.t >= end - 1) break;
+                b.Go(std::min(down, end - b.t), 0, RpmFor(0, r), 0, 1);
+                b.Go(std::min(r.Range(2, 30), end - b.t), 0, RpmFor(0, r), 0, r.Chance(0.5));
+            }
+            break;
+        case PhaseKind::Motorway:
+            b.Go(std::min(30.0, p.seconds / 4), p.speed, RpmFor(p.speed, r), 45, 0);
+            while (b.t < end - 1) {
+                const double v = p.speed + r.Range(-8, 8);
+                b.Go(std::min(r.Range(20, 120), end - b.t), v, RpmFor(v, r), r.Range(20, 40), 0);
+            }
+            break;
+        case PhaseKind::HardAccel:
+            b.Go(p.seconds, p.speed, 2900, 95, 0);
+            break;
+        case PhaseKind::HardBrake:
+            b.Go(p.seconds, 0, RpmFor(0, r), 0, 1);
+            break;
+        case PhaseKind::SharpTurn:
+            b.yaw = r.Chance(0.5) ? p.speed : -p.speed;
+            b.accY = b.yaw * b.speed / 3.6 * 3.14159265 / 180.0 / 9.81;
+            b.Go(p.seconds, b.speed, b.rpm, b.accel, 0);
+            b.yaw = 0;
+            b.Key();
+            break;
+        case PhaseKind::EngineOff:
+            b.Go(std::min(5.0, p.seconds), 0, 0, 0, 0);
+            b.Go(std::max(0.0, end - b.t), 0, 0, 0, 0);
+            break;
+    }
+    b.saturated = false;
+}
+
+}  // namespace
+
+const char* FaultName(FaultKind k) {
+    const auto i = static_cast<size_t>(k);
+    return i < static_cast<size_t>(FaultKind::Count) ? kFaultNames[i] : "?";
+}
+
+bool FaultByName(const std::string& name, FaultKind& k) {
+    for (size_t i = 0; i < static_cast<size_t>(FaultKind::Count); ++i) {
+        if (name == kFaultNames[i]) {
+            k = static_cast<FaultKind>(i);
+            return true;
+        }
+    }
+    return false;
+}
+
+double Schedule::DriveSeconds() const {
+    return std::round(hours * 3600.0);
+}
+
+const std::vector<InboundId>& InboundIds() {
+    // 6898: the byte count and as many bytes (here 8, one CAN frame's data). The power-down
+    // (1194, any payload) ends the 1 s work for good: it is a fault of its own, drawn once for
+    // a share of the runs, so that bus messages do not end most runs' checks early.
+    static const std::vector<InboundId> ids = {{348, 0},   {33115, 0}, {1071, 32},
+                                               {6893, 16}, {6898, 12}, {6698, 0},
+                                               {6729, 4},  {6731, 2},  {6779, 52}};
+    return ids;
+}
+
+Schedule Draw(uint64_t seed, double hours) {
+    Schedule s;
+    s.seed = seed;
+    s.hours = hours;
+    Rng r(seed);
+    s.productType = r.Chance(0.2) ? 72 : 0;
+    s.motion = r.Chance(0.85);
+    const double total = s.DriveSeconds();
+    double t = 0, speed = 0;
+    bool engineOn = false;
+    while (t < total) {
+        Phase p = DrawPhase(r, engineOn, speed);
+        p.seconds = std::max(1.0, std::min(p.seconds, total - t));
+        engineOn = p.kind != PhaseKind::EngineOff;
+        if (p.kind == PhaseKind::City || p.kind == PhaseKind::HardBrake ||
+            p.kind == PhaseKind::Idle || p.kind == PhaseKind::ColdStart ||
+            p.kind == PhaseKind::EngineOff) {
+            speed = 0;
+        } else if (p.kind != PhaseKind::SharpTurn) {
+            speed = p.speed;
+        }
+        t += p.seconds;
+        s.phases.push_back(p);
+    }
+    const long long totalMs = static_cast<long long>(total * 1000);
+    int weights = 0;
+    for (const FaultDraw& d : kFaultDraws) weights += d.weight;
+    const long long count = std::max(1LL, std::llround(r.Range(4, 14) * hours));
+    for (long long i = 0; i < count && totalMs > 10000; ++i) {
+        long long pick = r.Int(0, weights - 1);
+        const FaultDraw* d = kFaultDraws;
+        while (pick >= d->weight) pick -= (d++)->weight;
+        Fault f;
+        f.kind = d->kind;
+        f.startMs = Grain(r.Int(5000, totalMs - 5000));
+        f.endMs =
+            std::min(totalMs, f.startMs + Grain(std::llround(r.Range(d->minS, d->maxS) * 1000)));
+        f.seed = r.Next();
+        switch (f.kind) {
+            case FaultKind::Garbage:
+                f.a = static_cast<int>(r.Int(1, 24));
+                break;
+            case FaultKind::Split:
+                f.a = static_cast<int>(r.Int(1, 16));
+                break;
+            case FaultKind::DropAnswers:
+                f.a = static_cast<int>(r.Int(1, 4));
+                break;
+            case FaultKind::BadValues:
+                f.a = static_cast<int>(r.Int(0, kBadValueCount - 1));
+                f.b = r.Chance(0.3) ? -1 : static_cast<int>(r.Int(0, obdsim::kItemCount - 1));
+                break;
+            case FaultKind::BusMessages:
+                f.a = static_cast<int>(r.Int(1, 40));
+                break;
+            default:
+                break;
+        }
+        s.faults.push_back(f);
+    }
+    if (r.Chance(0.1) && totalMs > 10000) {
+        Fault f;
+        f.kind = FaultKind::PowerDown;
+        f.startMs = Grain(r.Int(totalMs * 7 / 10, totalMs - 1000));
+        f.endMs = totalMs;
+        s.faults.push_back(f);
+    }
+    std::stable_sort(s.faults.begin(), s.faults.end(),
+                     [](const Fault& x, const Fault& y) { return x.startMs < y.startMs; });
+    return s;
+}
+
+obdsim::Drive BuildDrive(const Schedule& s) {
+    obdsim::Drive drive("swarm seed " + std::to_string(s.seed));
+    Builder b;
+    b.motion = s.motion;
+    b.Key();
+    for (const Phase& p : s.phases) {
+        drive.AddPhase(b.t, kPhaseNames[static_cast<size_t>(p.kind)]);
+        Lay(b, p);
+    }
+    for (auto& c : b.ch) {
+        if (!c.t.empty()) drive.SetChannel(std::move(c));
+    }
+    return drive;
+}
+
+std::vector<Inbound> Messages(const Fault& f) {
+    std::vector<Inbound> out;
+    if (f.kind != FaultKind::BusMessages) return out;
+    Rng r(f.seed);
+    const auto& ids = InboundIds();
+    for (int i = 0; i < f.a; ++i) {
+        Inbound m;
+        m.tMs = Grain(r.Int(f.startMs, std::max(f.startMs, f.endMs - 1)));
+        const InboundId& id =
+            ids[static_cast<size_t>(r.Int(0, static_cast<long long>(ids.size()) - 1))];
+        m.id = id.id;
+        long long n = id.exactBytes;
+        switch (r.Int(0, 3)) {
+            case 0:  // short
+                n = id.exactBytes > 0 ? r.Int(0, id.exactBytes - 1) : 0;
+                break;
+            case 1:  // exact
+                break;
+            case 2:  // long
+                n = id.exactBytes + r.Int(1, 64);
+                break;
+            default:  // any size
+                n = r.Int(0, 2048);
+                break;
+        }
+        m.payload.resize(static_cast<size_t>(n));
+        for (auto& byte : m.payload) byte = static_cast<unsigned char>(r.Next() & 0xFF);
+        // A relayed-bytes message of the exact size carries its own count, as a relay's would.
+        if (id.id == 6898 && n == id.exactBytes) {
+            m.payload[0] = 8;
+            m.payload[1] = m.payload[2] = m.payload[3] = 0;
+        }
+        // Half the exact triggers name the box, so that upgrades start (and end) mid-run.
+        if (id.id == 6729 && n == id.exactBytes && (m.payload[0] & 1) != 0) m.payload[2] = 7;
+        out.push_back(std::move(m));
+    }
+    std::stable_sort(out.begin(), out.end(),
+                     [](const Inbound& x, const Inbound& y) { return x.tMs < y.tMs; });
+    return out;
+}
+
+obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms) {
+    obdbox::FaultState s;
+    double next = -1;
+    auto later = [&next](double at) {
+        if (next < 0 || at < next) next = at;
+    };
+    for (const Fault& f : faults) {
+        // Only the box's own faults wake it; the others act elsewhere.
+        if (f.kind == FaultKind::BadValues || f.kind == FaultKind::BusMessages ||
+            f.kind == FaultKind::PowerDown) {
+            continue;
+        }
+        const auto start = static_cast<double>(f.startMs), end = static_cast<double>(f.endMs);
+        if (ms < start) {
+            later(start);
+            continue;
+        }
+        if (ms >= end) continue;
+        later(end);
+        switch (f.kind) {
+            case FaultKind::Silent:
+                s.silent = true;
+                break;
+            case FaultKind::StreamHeld:
+                s.streamHeld = true;
+                break;
+            case FaultKind::Garbage:
+                s.garbageBytes = std::max(s.garbageBytes, f.a);
+                break;
+            case FaultKind::Split:
+                s.splitMaxChunk = s.splitMaxChunk > 0 ? std::min(s.splitMaxChunk, f.a) : f.a;
+                break;
+            case FaultKind::DropAnswers:
+                s.dropEveryNth = s.dropEveryNth > 0 ? std::min(s.dropEveryNth, f.a) : f.a;
+                break;
+            case FaultKind::BadChecksum:
+                s.badChecksum = true;
+                break;
+            default:
+                break;
+        }
+    }
+    s.nextChangeMs = next;
+    return s;
+}
+
+void AlterValues(const std::vector<Fault>& faults, long long ms, obdbox::DataItems& items) {
+    for (const Fault& f : faults) {
+        if (f.kind != FaultKind::BadValues || ms < f.startMs || ms >= f.endMs) continue;
+        for (auto& item : items) {
+            if (f.b >= 0 && item.first != f.b + 1) continue;
+            float& v = item.second;
+            switch (f.a) {
+                case kNaN:
+                    v = std::numeric_limits<float>::quiet_NaN();
+                    break;
+                case kPlusInf:
+                    v = std::numeric_limits<float>::infinity();
+                    break;
+                case kMinusInf:
+                    v = -std::numeric_limits<float>::infinity();
+                    break;
+                case kNegative:
+                    v = -(std::fabs(v) + 1.0f);
+                    break;
+                default:
+                    v = 3.0e9f;
+                    break;
+            }
+        }
+    }
+}
+
+std::string ToJson(const Schedule& s) {
+    nlohmann::ordered_json j;
+    j["seed"] = s.seed;
+    j["hours"] = s.hours;
+    j["product_type"] = s.productType;
+    j["motion"] = s.motion;
+    j["phases"] = nlohmann::ordered_json::array();
+    for (const Phase& p : s.phases) {
+        j["phases"].push_back({{"kind", kPhaseNames[static_cast<size_t>(p.kind)]},
+                               {"s", p.seconds},
+                               {"speed", p.speed},
+                               {"rpm", p.rpm},
+                               {"noise", p.noise},
+                               {"saturated", p.saturated}});
+    }
+    j["faults"] = nlohmann::ordered_json::array();
+    for (const Fault& f : s.faults) {
+        j["faults"].push_back({{"kind", FaultName(f.kind)},
+                               {"start_ms", f.startMs},
+                               {"end_ms", f.endMs},
+                               {"a", f.a},
+                               {"b", f.b},
+                               {"seed", f.seed}});
+    }
+    return j.dump(1) + "\n";
+}
+
+bool FromJson(const std::string& text, Schedule& s, std::string& error) {
+    const nlohmann::json j = nlohmann::json::parse(text, nullptr, false);
+    if (j.is_discarded() || !j.is_object()) {
+        error = "not JSON";
+        return false;
+    }
+    try {
+        Schedule out;
+        out.seed = j.at("seed").get<uint64_t>();
+        out.hours = j.at("hours").get<double>();
+        out.productType = j.at("product_type").get<int>();
+        out.motion = j.at("motion").get<bool>();
+        if (!(out.hours > 0 && out.hours <= 10000)) throw std::runtime_error("hours out of range");
+        for (const auto& p : j.at("phases")) {
+            Phase ph;
+            const std::string kind = p.at("kind").get<std::string>();
+            const auto* it = std::find(std::begin(kPhaseNames), std::end(kPhaseNames), kind);
+            if (it == std::end(kPhaseNames)) throw std::runtime_error("unknown phase " + kind);
+            ph.kind = static_cast<PhaseKind>(it - std::begin(kPhaseNames));
+            ph.seconds = p.at("s").get<double>();
+            if (!(ph.seconds > 0 && ph.seconds <= 36e6))
+                throw std::runtime_error("bad phase length");
+            ph.speed = p.at("speed").get<double>();
+            ph.rpm = p.at("rpm").get<double>();
+            ph.noise = p.at("noise").get<uint64_t>();
+            ph.saturated = p.at("saturated").get<bool>();
+            out.phases.push_back(ph);
+        }
+        for (const auto& f : j.at("faults")) {
+            Fault ft;
+            if (!FaultByName(f.at("kind").get<std::string>(), ft.kind)) {
+                throw std::runtime_error("unknown fault " + f.at("kind").get<std::string>());
+            }
+            ft.startMs = f.at("start_ms").get<long long>();
+            ft.endMs = f.at("end_ms").get<long long>();
+            ft.a = f.at("a").get<int>();
+            ft.b = f.at("b").get<int>();
+            ft.seed = f.at("seed").get<uint64_t>();
+            if (ft.startMs < 0 || ft.endMs < ft.startMs || ft.a < 0 || ft.a > 100000) {
+                throw std::runtime_error("bad fault window or parameter");
+            }
+            out.faults.push_back(ft);
+        }
+        s = std::move(out);
+        return true;
+    } catch (const std::exception& e) {
+        error = e.what();
+        return false;
+    }
+}
+
+}  // namespace obdswarm

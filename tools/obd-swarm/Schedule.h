@@ -1,0 +1,122 @@
+// A swarm run's schedule: the drive (a list of phases) and the faults over it, drawn from a seed
+// alone, or read back from the file a run wrote. Everything a run does follows from it, so a
+// schedule is the exact description of one run, and the unit a shrinker cuts down.
+//
+// Drawing uses std::mt19937_64, whose output the C++ standard fixes, and integer arithmetic of
+// our own on top of it (never std:: distributions, which differ between library versions), so a
+// seed gives the same schedule on every machine.
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "BoxEmulator.h"
+#include "Drive.h"
+
+namespace obdswarm {
+
+// Uniform integers and reals from the 64-bit Mersenne Twister, by fixed arithmetic.
+class Rng {
+  public:
+    explicit Rng(uint64_t seed) : m_gen(seed) {}
+    uint64_t Next();
+    // lo..hi inclusive (hi >= lo).
+    long long Int(long long lo, long long hi);
+    // [0, 1) with 53 bits.
+    double Real();
+    double Range(double lo, double hi) { return lo + (hi - lo) * Real(); }
+    bool Chance(double p) { return Real() < p; }
+
+  private:
+    std::mt19937_64 m_gen;
+};
+
+enum class PhaseKind {
+    ColdStart,
+    Idle,
+    City,
+    Motorway,
+    HardAccel,
+    HardBrake,
+    SharpTurn,
+    EngineOff
+};
+
+struct Phase {
+    PhaseKind kind = PhaseKind::Idle;
+    double seconds = 0;
+    double speed = 0;        // target km/h
+    double rpm = 0;          // target engine speed
+    uint64_t noise = 0;      // the phase's own variations
+    bool saturated = false;  // inertial samples beyond the sensor's range
+};
+
+enum class FaultKind {
+    Silent,       // the box says nothing
+    StreamHeld,   // the data stream stops; answers go on
+    Garbage,      // `a` random bytes before every frame
+    Split,        // frames written in chunks of 1..`a` bytes: reads split
+    DropAnswers,  // every `a`th answer is lost
+    BadChecksum,  // every frame carries a wrong checksum
+    BadValues,    // item `b` (-1: all) reads NaN, infinite, negative or out of range (`a`)
+    BusMessages,  // `a` inbound messages of the handled ids, random payload sizes (`seed`)
+    PowerDown,    // the power-down message at the start; lasts to the end of the run
+    Count
+};
+const char* FaultName(FaultKind k);
+// The kind of a name FaultName gives; false when none.
+bool FaultByName(const std::string& name, FaultKind& k);
+
+struct Fault {
+    FaultKind kind = FaultKind::Silent;
+    long long startMs = 0;
+    long long endMs = 0;  // exclusive
+    int a = 0;
+    int b = 0;
+    uint64_t seed = 0;
+};
+
+// The values BadValues puts in (a = 0..4).
+enum BadValue { kNaN, kPlusInf, kMinusInf, kNegative, kOutOfRange, kBadValueCount };
+
+struct Schedule {
+    uint64_t seed = 0;
+    double hours = 1;
+    int productType = 0;  // 72: CAN-box mode
+    bool motion = true;   // inertial samples at all
+    std::vector<Phase> phases;
+    std::vector<Fault> faults;  // by start time
+
+    double DriveSeconds() const;
+};
+
+// The inbound ids the plug-in handles, and the payload size each handler reads in full.
+struct InboundId {
+    int id;
+    int exactBytes;
+};
+const std::vector<InboundId>& InboundIds();
+
+// One inbound message of a BusMessages fault.
+struct Inbound {
+    long long tMs;
+    int id;
+    std::vector<unsigned char> payload;
+};
+
+Schedule Draw(uint64_t seed, double hours);
+obdsim::Drive BuildDrive(const Schedule& s);
+// The messages a BusMessages fault delivers, in time order, within its window.
+std::vector<Inbound> Messages(const Fault& f);
+// What the box's faults hold at host time `ms`.
+obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms);
+// Applies the BadValues faults open at `ms` to a frame's items (box ids 1..59).
+void AlterValues(const std::vector<Fault>& faults, long long ms, obdbox::DataItems& items);
+
+std::string ToJson(const Schedule& s);
+// False with `error` for a file that is no schedule.
+bool FromJson(const std::string& text, Schedule& s, std::string& error);
+
+}  // namespace obdswarm
