@@ -1,5 +1,7 @@
 #include "Session.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "BoxHostClock.h"
@@ -115,6 +117,16 @@ void Session::Stop() {
     m_feeder.reset();
     m_emulator.reset();
     m_self.reset();
+}
+
+std::string DefaultPluginPath() {
+    char self[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n <= 0) return "libSerialDevOBD.so";
+    std::string path(self, static_cast<size_t>(n));
+    const size_t slash = path.rfind('/');
+    return (slash == std::string::npos ? std::string(".") : path.substr(0, slash)) +
+           "/libSerialDevOBD.so";
 }
 
 }  // namespace obdsim

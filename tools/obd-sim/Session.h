@@ -74,4 +74,7 @@ class Session {
     bool m_released = false;
 };
 
+// The plug-in the tools load by default: the library beside the running program.
+std::string DefaultPluginPath();
+
 }  // namespace obdsim

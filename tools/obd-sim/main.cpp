@@ -51,6 +51,7 @@
 #include "Reference.h"
 #include "Report.h"
 #include "Scenario.h"
+#include "Session.h"
 #include "StatusLine.h"
 #include "Summary.h"
 #include "Trip.h"
@@ -313,16 +314,6 @@ class Injector {
     std::thread m_thread;
 };
 
-std::string DefaultPluginPath() {
-    char self[4096];
-    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
-    if (n <= 0) return "libSerialDevOBD.so";
-    std::string path(self, static_cast<size_t>(n));
-    const size_t slash = path.rfind('/');
-    return (slash == std::string::npos ? std::string(".") : path.substr(0, slash)) +
-           "/libSerialDevOBD.so";
-}
-
 // Checks that `path` is a terminal we may open, before the plug-in tries, so that a wrong path
 // gives one clear line instead of the plug-in's start and stop logs.
 bool CheckTty(const std::string& path, std::string& error) {
@@ -472,7 +463,7 @@ int Run(int argc, char** argv) {
         },
         "POSITIVE");
     std::string serial;
-    std::string plugin = DefaultPluginPath();
+    std::string plugin = obdsim::DefaultPluginPath();
     std::string inject;
     std::string scenario;
     std::string columns;

@@ -72,16 +72,6 @@ void OnCrash(int sig) {
     ::_exit(kViolation);
 }
 
-std::string DefaultPluginPath() {
-    char self[4096];
-    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
-    if (n <= 0) return "libSerialDevOBD.so";
-    std::string path(self, static_cast<size_t>(n));
-    const size_t slash = path.rfind('/');
-    return (slash == std::string::npos ? std::string(".") : path.substr(0, slash)) +
-           "/libSerialDevOBD.so";
-}
-
 long long RssKb() {
     std::ifstream in("/proc/self/status");
     std::string line;
@@ -110,7 +100,7 @@ int main(int argc, char** argv) {
         "and checks its invariants after every step."};
     uint64_t seed = 0;
     double hours = 1.0;
-    std::string scheduleOut, replay, plugin = DefaultPluginPath();
+    std::string scheduleOut, replay, plugin = obdsim::DefaultPluginPath();
     bool json = false;
     int hangS = 300;
     int logLevel = -1;
