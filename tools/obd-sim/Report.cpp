@@ -525,8 +525,8 @@ std::string ReportHtml(const Json& summary, const std::vector<TimelinePoint>& po
     if (summary.contains("real_s")) {
         page += " in " + Fmt("%.1f", summary["real_s"].get<double>()) + " s";
     }
-    page += ". <span id=\"verdict\" class=\"verdict " + std::string(bad ? "bad" : "ok") +
-            "\">" + verdict + "</span></p>\n";
+    page += ". <span id=\"verdict\" class=\"verdict " + std::string(bad ? "bad" : "ok") + "\">" +
+            verdict + "</span></p>\n";
     if (!ok) {
         page += "<ul>";
         for (const Json& p : summary["problems"])
