@@ -6,7 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -44,5 +49,19 @@ inline int WaitExit(pid_t pid, int seconds) {
 inline int RunShell(const std::string& cmd, int seconds = 100) {
     return WaitExit(SpawnShell(cmd), seconds);
 }
+
+// A test that runs a program with its files in a fresh directory of its own, removed afterwards.
+class RunDirTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_NE(mkdtemp(&dir[0]), nullptr); }
+    void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
+    // The file `name` ("/out") of the directory, empty when there is none.
+    std::string Slurp(const std::string& name) const {
+        std::stringstream s;
+        s << std::ifstream(dir + name).rdbuf();
+        return s.str();
+    }
+    std::string dir = "/tmp/obdsimXXXXXX";
+};
 
 }  // namespace obdsim

@@ -24,15 +24,8 @@ namespace {
 const std::string kScenarios = OBD_SOURCE_DIR "/tools/obd-sim/scenarios/";
 const std::string kTrip = OBD_SOURCE_DIR "/tests/data/polidriving/andres_20231222_134710.csv";
 
-class SimRun : public ::testing::Test {
+class SimRun : public RunDirTest {
   protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(&dir[0]), nullptr); }
-    void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
-    std::string Slurp(const std::string& name) const {
-        std::stringstream s;
-        s << std::ifstream(dir + name).rdbuf();
-        return s.str();
-    }
     // Starts obd-sim with `args` (stdout, stderr to files; stdin empty).
     void Start(const std::string& args) {
         pid = SpawnShell(OBD_SIM_LAUNCHER " " OBD_SIM " " + args + " </dev/null >" + dir +
@@ -64,7 +57,7 @@ class SimRun : public ::testing::Test {
         for (const ExpectedAlarm& e : d.Expected()) keys.insert(e.key);
         return keys;
     }
-    std::string dir = "/tmp/obdsimrunXXXXXX", out, err;
+    std::string out, err;
     pid_t pid = -1;
 };
 

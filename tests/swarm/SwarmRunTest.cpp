@@ -10,15 +10,8 @@
 
 namespace {
 
-class SwarmRun : public ::testing::Test {
+class SwarmRun : public obdsim::RunDirTest {
   protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(&dir[0]), nullptr); }
-    void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
-    std::string Slurp(const std::string& name) const {
-        std::stringstream s;
-        s << std::ifstream(dir + name).rdbuf();
-        return s.str();
-    }
     // Runs obd-swarm with `args`; its stdout in `out`, stderr in `err`.
     int Run(const std::string& args) {
         const int code = obdsim::RunShell(OBD_SWARM_LAUNCHER " " OBD_SWARM " " + args +
@@ -28,7 +21,7 @@ class SwarmRun : public ::testing::Test {
         err = Slurp("/err");
         return code;
     }
-    std::string dir = "/tmp/obdswarmXXXXXX", out, err;
+    std::string out, err;
 };
 
 // One seed is one exact run: the same bytes twice, and again from the schedule it wrote.
