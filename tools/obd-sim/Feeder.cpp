@@ -137,6 +137,7 @@ void Feeder::Tick(long long tick) {
         const Motion m = m_drive->MotionAt(static_cast<double>(tick * kInertialPeriodMs) / 1000.0);
         hostsim::BusInject(1071, InertialPayload(m));
         if (m_reference != nullptr) m_reference->SixAxis(SixAxisSample(m));
+        if (m_sixAxisTap) m_sixAxisTap(tick * kInertialPeriodMs, SixAxisSample(m));
     }
     if (m_reference != nullptr && tick > 0 && tick % (1000 / kInertialPeriodMs) == 0) {
         m_reference->Second();

@@ -38,6 +38,9 @@ class Feeder {
   public:
     // Called with every frame the box sends, on the box's thread.
     using FrameTap = std::function<void(long long tMs, const DriveSample& items)>;
+    // Called with every inertial sample right after the plug-in was handed it, on the feeder's
+    // thread, so that a second analyser can be fed in the plug-in's own order.
+    using SixAxisTap = std::function<void(long long tMs, const tagSixAxisOrgData& sample)>;
 
     // `drive` may be null (no built-in box: only the reference analyser's seconds run).
     Feeder(const Drive* drive, ReferenceAnalyser* reference, FrameTap tap);
@@ -45,6 +48,8 @@ class Feeder {
     Feeder(const Feeder&) = delete;
     Feeder& operator=(const Feeder&) = delete;
 
+    // Before Start.
+    void SetSixAxisTap(SixAxisTap tap) { m_sixAxisTap = std::move(tap); }
     // The emulator's value source: the drive at the current host time.
     obdbox::DataItems Frame();
     // The thread of inertial samples and reference seconds.
@@ -58,6 +63,7 @@ class Feeder {
     const Drive* m_drive;
     ReferenceAnalyser* m_reference;
     FrameTap m_tap;
+    SixAxisTap m_sixAxisTap;
     std::atomic<bool> m_stop{false};
     // Takes its turns on virtual time like the plug-in's threads, so a run at max speed repeats.
     std::unique_ptr<hostsim::Participant> m_part;

@@ -30,6 +30,7 @@ struct SessionOptions {
     const Drive* drive = nullptr;            // what the box plays; must outlive the session
     ReferenceAnalyser* reference = nullptr;  // fed by the feeder when given
     Feeder::FrameTap frameTap;               // the drive's sample for every data frame
+    Feeder::SixAxisTap sixAxisTap;           // every inertial sample the plug-in was handed
     // The items of each data-stream frame as the box is about to send them, at host time tMs:
     // may change them (a box that reports nonsense) and sees what goes out.
     std::function<void(long long tMs, obdbox::DataItems& items)> alterValues;

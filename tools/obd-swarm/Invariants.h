@@ -17,6 +17,7 @@
 //  memory            the resident set grows by at most rssGrowthKb after the warm-up;
 //  release           the plug-in's release returns within releaseMs of host time;
 //  run-ends          the run reaches the end of its host time.
+// The alarms against a second copy of the analyser are Agreement.h's.
 // A crash and a hang are caught around the run (the process, a real-time watchdog).
 //
 // Every call may come from any thread (the box's, the bus's, the stepping one).

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "Agreement.h"
 #include "HostSim.h"
 #include "Invariants.h"
 #include "Schedule.h"
@@ -204,6 +205,7 @@ int main(int argc, char** argv) {
     bounds.rssGrowthKb += 256 * 1024;
 #endif
     obdswarm::Checker checker(schedule.faults, bounds);
+    obdswarm::Agreement agreement(schedule.faults);
     obdsim::SessionOptions o;
     o.plugin = plugin;
     o.productType = schedule.productType;
@@ -220,8 +222,12 @@ int main(int argc, char** argv) {
             return obdswarm::BoxFaults(schedule.faults, ms);
         };
     };
-    o.onBus = [&checker, trace](const hostsim::BusMessage& m) {
+    o.sixAxisTap = [&agreement](long long, const tagSixAxisOrgData& sample) {
+        agreement.OnSixAxis(sample);
+    };
+    o.onBus = [&checker, &agreement, trace](const hostsim::BusMessage& m) {
         checker.OnBus(m);
+        agreement.OnBus(m);
         if (trace) {
             std::fprintf(stderr, "[%lld ms] %s %d, %zu bytes\n", m.tMs,
                          m.response ? "response" : "send", m.id, m.payload.size());
@@ -256,6 +262,12 @@ int main(int argc, char** argv) {
         if (!session.Start(error)) {
             status = Fail(error, 1);
         } else {
+            // A plug-in without the exported analyser (a host's stand-in) runs all the same.
+            if (!agreement.Load(plugin, error)) {
+                std::fprintf(stderr,
+                             "obd-swarm: alarms not compared with a reference analyser: %s\n",
+                             error.c_str());
+            }
             size_t next = 0;
             long long nextMemoryMs = 0;
             const long long reached = session.RunUntil(endMs, kStepMs, [&](long long now) {
@@ -266,6 +278,7 @@ int main(int argc, char** argv) {
                                      inbound[next].id, inbound[next].payload.size());
                     }
                     checker.OnInject(now, inbound[next].id);
+                    agreement.OnInject(inbound[next].id, inbound[next].payload);
                     hostsim::BusInject(inbound[next].id, inbound[next].payload);
                     ++next;
                 }
@@ -274,7 +287,7 @@ int main(int argc, char** argv) {
                     checker.OnMemory(now, RssKb());
                     nextMemoryMs = now + kMemoryEveryMs;
                 }
-                return !checker.Failed();
+                return !checker.Failed() && !agreement.Failed();
             });
             if (!checker.Failed()) checker.Step(reached);
             const long long took = session.Release();
@@ -287,7 +300,9 @@ int main(int argc, char** argv) {
     watchdog.join();
     if (status != 0) return status;
 
-    const obdswarm::Violation v = checker.First();
+    obdswarm::Violation v = checker.First();
+    const obdswarm::Violation a = agreement.First();
+    if (!a.name.empty() && (v.name.empty() || a.tMs < v.tMs)) v = a;
     if (json) {
         nlohmann::ordered_json j;
         j["seed"] = schedule.seed;
@@ -295,6 +310,7 @@ int main(int argc, char** argv) {
         j["vehicle_s"] = schedule.DriveSeconds();
         j["mode"] = mode;
         j["faults"] = byKind;
+        j["alarms_compared"] = agreement.Compared();
         j["result"] = v.name.empty() ? "ok" : "violation";
         if (!v.name.empty()) {
             j["invariant"] = v.name;
