@@ -83,6 +83,41 @@ TEST(Schedule, BoxFaultsHoldInsideTheirWindowsOnly) {
     }
 }
 
+// The host's own faults: a release ends the run at the first one, a gap holds samples in its
+// window only, and both are drawn for a share of the seeds.
+TEST(Schedule, ReleasesAndInertialGaps) {
+    Schedule s = Draw(3, 1);
+    s.faults.clear();
+    EXPECT_EQ(EndMs(s), 3601000);
+    s.faults = {{FaultKind::Release, 900000, 3600000, 0, 0, 0},
+                {FaultKind::InertialGap, 1000, 2000, 0, 0, 0},
+                {FaultKind::Release, 600000, 3600000, 0, 0, 0},
+                {FaultKind::Silent, 3000, 4000, 0, 0, 0}};
+    EXPECT_EQ(EndMs(s), 600000);
+    EXPECT_FALSE(InertialHeld(s.faults, 999));
+    EXPECT_TRUE(InertialHeld(s.faults, 1000));
+    EXPECT_TRUE(InertialHeld(s.faults, 1999));
+    EXPECT_FALSE(InertialHeld(s.faults, 2000));
+    EXPECT_FALSE(InertialHeld(s.faults, 3500));
+    int released = 0, gapped = 0;
+    for (uint64_t seed = 1; seed <= 200; ++seed) {
+        const Schedule d = Draw(seed, 1);
+        bool r = false, g = false;
+        for (const Fault& f : d.faults) {
+            r = r || f.kind == FaultKind::Release;
+            g = g || f.kind == FaultKind::InertialGap;
+            if (f.kind == FaultKind::Release) {
+                EXPECT_GE(f.startMs, 5000);
+            }
+        }
+        released += r ? 1 : 0;
+        gapped += g ? 1 : 0;
+    }
+    EXPECT_GT(released, 10);
+    EXPECT_LT(released, 60);
+    EXPECT_GT(gapped, 10);
+}
+
 TEST(Schedule, BadValuesAndInboundMessages) {
     const struct {
         int a, b;

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "Schedule.h"
 #include "SimProcess.h"
 
 namespace {
@@ -64,6 +65,21 @@ TEST_F(SwarmRun, SeedsWithEveryKindOfFaultRunClean) {
         EXPECT_EQ(Run("--seed " + std::to_string(seed) + " --hours 0.25"), 0) << out << err;
         EXPECT_NE(out.find(": ok; reproduce: "), std::string::npos) << out;
     }
+}
+
+// A release mid-drive ends the run there, with the drive counted to that moment, whatever was in
+// flight (here an inertial gap open across it).
+TEST_F(SwarmRun, AReleaseMidDriveEndsTheRunThere) {
+    obdswarm::Schedule s = obdswarm::Draw(8, 0.05);
+    s.faults = {{obdswarm::FaultKind::InertialGap, 20000, 90000, 0, 0, 0},
+                {obdswarm::FaultKind::Release, 47300, 180000, 0, 0, 0}};
+    std::ofstream(dir + "/r.json") << obdswarm::ToJson(s);
+    ASSERT_EQ(Run("--replay " + dir + "/r.json --json"), 0) << out << err;
+    const nlohmann::json j = nlohmann::json::parse(out, nullptr, false);
+    ASSERT_TRUE(j.is_object()) << out;
+    EXPECT_EQ(j["result"], "ok") << out;
+    EXPECT_DOUBLE_EQ(j["vehicle_s"].get<double>(), 47.3);
+    EXPECT_EQ(j["faults"], nlohmann::json::parse(R"({"inertial-gap":1,"release":1})"));
 }
 
 TEST_F(SwarmRun, BadArgumentsAndFilesSayWhy) {

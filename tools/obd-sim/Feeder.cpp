@@ -133,7 +133,8 @@ void Feeder::Run() {
 }
 
 void Feeder::Tick(long long tick) {
-    if (m_drive != nullptr && m_drive->HasMotion()) {
+    if (m_drive != nullptr && m_drive->HasMotion() &&
+        !(m_sixAxisHeld && m_sixAxisHeld(tick * kInertialPeriodMs))) {
         const Motion m = m_drive->MotionAt(static_cast<double>(tick * kInertialPeriodMs) / 1000.0);
         hostsim::BusInject(1071, InertialPayload(m));
         if (m_reference != nullptr) m_reference->SixAxis(SixAxisSample(m));

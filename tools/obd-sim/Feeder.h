@@ -48,8 +48,11 @@ class Feeder {
     Feeder(const Feeder&) = delete;
     Feeder& operator=(const Feeder&) = delete;
 
+    // Whether the host holds back the inertial sample due at host time tMs (a sensor gap).
+    using SixAxisHeld = std::function<bool(long long tMs)>;
     // Before Start.
     void SetSixAxisTap(SixAxisTap tap) { m_sixAxisTap = std::move(tap); }
+    void SetSixAxisHeld(SixAxisHeld held) { m_sixAxisHeld = std::move(held); }
     // The emulator's value source: the drive at the current host time.
     obdbox::DataItems Frame();
     // The thread of inertial samples and reference seconds.
@@ -64,6 +67,7 @@ class Feeder {
     ReferenceAnalyser* m_reference;
     FrameTap m_tap;
     SixAxisTap m_sixAxisTap;
+    SixAxisHeld m_sixAxisHeld;
     std::atomic<bool> m_stop{false};
     // Takes its turns on virtual time like the plug-in's threads, so a run at max speed repeats.
     std::unique_ptr<hostsim::Participant> m_part;

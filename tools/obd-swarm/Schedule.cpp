@@ -25,9 +25,9 @@ double Rng::Real() {
 
 namespace {
 
-const char* const kFaultNames[] = {"silent",     "stream-held",  "garbage",
-                                   "split",      "drop-answers", "bad-checksum",
-                                   "bad-values", "bus",          "power-down"};
+const char* const kFaultNames[] = {"silent",       "stream-held",  "garbage",    "split",
+                                   "drop-answers", "bad-checksum", "bad-values", "bus",
+                                   "power-down",   "inertial-gap", "release"};
 static_assert(sizeof(kFaultNames) / sizeof(kFaultNames[0]) == static_cast<size_t>(FaultKind::Count),
               "a name for every fault kind");
 
@@ -47,10 +47,11 @@ struct FaultDraw {
     double minS, maxS;
 };
 const FaultDraw kFaultDraws[] = {
-    {FaultKind::Silent, 3, 1, 40},      {FaultKind::StreamHeld, 2, 1, 40},
-    {FaultKind::Garbage, 2, 5, 120},    {FaultKind::Split, 3, 5, 300},
-    {FaultKind::DropAnswers, 2, 5, 60}, {FaultKind::BadChecksum, 2, 1, 30},
-    {FaultKind::BadValues, 2, 2, 60},   {FaultKind::BusMessages, 3, 1, 60},
+    {FaultKind::Silent, 3, 1, 40},       {FaultKind::StreamHeld, 2, 1, 40},
+    {FaultKind::Garbage, 2, 5, 120},     {FaultKind::Split, 3, 5, 300},
+    {FaultKind::DropAnswers, 2, 5, 60},  {FaultKind::BadChecksum, 2, 1, 30},
+    {FaultKind::BadValues, 2, 2, 60},    {FaultKind::BusMessages, 3, 1, 60},
+    {FaultKind::InertialGap, 1, 1, 120},
 };
 
 Phase DrawPhase(Rng& r, bool engineOn, double speed) {
@@ -317,6 +318,15 @@ Schedule Draw(uint64_t seed, double hours) {
         }
         s.faults.push_back(f);
     }
+    // A release mid-run for a share of the runs, at any moment after the start-up: whatever is in
+    // flight then (a command, an upgrade, a power-down) must let it go within its bound.
+    if (r.Chance(0.15) && totalMs > 10000) {
+        Fault f;
+        f.kind = FaultKind::Release;
+        f.startMs = Grain(r.Int(5000, totalMs - 1000));
+        f.endMs = totalMs;
+        s.faults.push_back(f);
+    }
     if (r.Chance(0.1) && totalMs > 10000) {
         Fault f;
         f.kind = FaultKind::PowerDown;
@@ -394,7 +404,8 @@ obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms) {
     for (const Fault& f : faults) {
         // Only the box's own faults wake it; the others act elsewhere.
         if (f.kind == FaultKind::BadValues || f.kind == FaultKind::BusMessages ||
-            f.kind == FaultKind::PowerDown) {
+            f.kind == FaultKind::PowerDown || f.kind == FaultKind::InertialGap ||
+            f.kind == FaultKind::Release) {
             continue;
         }
         const auto start = static_cast<double>(f.startMs), end = static_cast<double>(f.endMs);
@@ -456,6 +467,21 @@ void AlterValues(const std::vector<Fault>& faults, long long ms, obdbox::DataIte
             }
         }
     }
+}
+
+bool InertialHeld(const std::vector<Fault>& faults, long long ms) {
+    for (const Fault& f : faults) {
+        if (f.kind == FaultKind::InertialGap && ms >= f.startMs && ms < f.endMs) return true;
+    }
+    return false;
+}
+
+long long EndMs(const Schedule& s) {
+    long long end = static_cast<long long>(s.DriveSeconds() * 1000.0) + 1000;
+    for (const Fault& f : s.faults) {
+        if (f.kind == FaultKind::Release) end = std::min(end, f.startMs);
+    }
+    return end;
 }
 
 std::string ToJson(const Schedule& s) {

@@ -63,6 +63,10 @@ enum class FaultKind {
     BadValues,    // item `b` (-1: all) reads NaN, infinite, negative or out of range (`a`)
     BusMessages,  // `a` inbound messages of the handled ids, random payload sizes (`seed`)
     PowerDown,    // the power-down message at the start; lasts to the end of the run
+    // Host-side faults.
+    InertialGap,  // the host sends no inertial samples in the window
+    Release,      // the host releases the plug-in at the start, whatever is in flight: the run
+                  // ends there
     Count
 };
 const char* FaultName(FaultKind k);
@@ -114,6 +118,12 @@ std::vector<Inbound> Messages(const Fault& f);
 obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms);
 // Applies the BadValues faults open at `ms` to a frame's items (box ids 1..59).
 void AlterValues(const std::vector<Fault>& faults, long long ms, obdbox::DataItems& items);
+
+// Whether an inertial gap holds the host's samples back at host time `ms`.
+bool InertialHeld(const std::vector<Fault>& faults, long long ms);
+// The host time at which the run releases the plug-in: the drive's end and a second more, or the
+// first release fault.
+long long EndMs(const Schedule& s);
 
 std::string ToJson(const Schedule& s);
 // False with `error` for a file that is no schedule.

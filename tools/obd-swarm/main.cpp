@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -154,7 +155,9 @@ int main(int argc, char** argv) {
         if (!file) return Fail("cannot write " + scheduleOut, 1);
     }
     const obdsim::Drive drive = obdswarm::BuildDrive(schedule);
-    const long long endMs = static_cast<long long>(schedule.DriveSeconds() * 1000.0) + 1000;
+    const long long endMs = obdswarm::EndMs(schedule);
+    // A release mid-run ends the drive there.
+    const double drivenS = std::min(schedule.DriveSeconds(), static_cast<double>(endMs) / 1000.0);
 
     std::map<std::string, int> byKind;
     std::vector<obdswarm::Inbound> inbound;
@@ -175,7 +178,7 @@ int main(int argc, char** argv) {
     if (faults.empty()) faults = "none";
     const std::string mode = schedule.productType == 72 ? "can-box" : "serial";
     const std::string head = "seed " + std::to_string(schedule.seed) + ": " +
-                             obdswarm::Clock(schedule.DriveSeconds() * 1000).substr(0, 7) +
+                             obdswarm::Clock(std::llround(drivenS * 1000)).substr(0, 7) +
                              " of vehicle time, " + mode + ", faults " + faults + ": ";
 
     // stdout carries the result line alone: the plug-in's own prints go to stderr.
@@ -221,6 +224,9 @@ int main(int argc, char** argv) {
         b.faultSchedule = [&schedule](double ms) {
             return obdswarm::BoxFaults(schedule.faults, ms);
         };
+    };
+    o.sixAxisHeld = [&schedule](long long tMs) {
+        return obdswarm::InertialHeld(schedule.faults, tMs);
     };
     o.sixAxisTap = [&agreement](long long, const tagSixAxisOrgData& sample) {
         agreement.OnSixAxis(sample);
@@ -307,7 +313,7 @@ int main(int argc, char** argv) {
         nlohmann::ordered_json j;
         j["seed"] = schedule.seed;
         j["hours"] = schedule.hours;
-        j["vehicle_s"] = schedule.DriveSeconds();
+        j["vehicle_s"] = drivenS;
         j["mode"] = mode;
         j["faults"] = byKind;
         j["alarms_compared"] = agreement.Compared();
