@@ -27,6 +27,7 @@
 #include "Invariants.h"
 #include "Schedule.h"
 #include "Session.h"
+#include "Table.h"
 
 namespace {
 
@@ -122,6 +123,11 @@ int main(int argc, char** argv) {
     app.add_flag("--trace", trace,
                  "print every bus message, injected message and data frame on stderr");
     seedOption->excludes(replayOption);
+    std::vector<std::string> table;
+    bool tableJson = false;
+    app.add_option("--table", table, "print the results table of these result files or folders")
+        ->excludes(seedOption, replayOption);
+    app.add_flag("--table-json", tableJson, "print the results table as one JSON object");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -129,6 +135,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return Fail(e.what(), 2);
     }
+    if (!table.empty()) return obdswarm::PrintTable(table, tableJson);
     if (seedOption->count() == 0 && replayOption->count() == 0) {
         return Fail("--seed S or --replay FILE is needed", 2);
     }
