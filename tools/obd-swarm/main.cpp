@@ -2,6 +2,7 @@
 // a seed, with faults drawn from the same seed at random moments, and checks the invariants
 // (Invariants.h) after every host step. One line per run on stdout: the seed, the vehicle time,
 // the faults by kind, "ok" or the first violation, and the command that repeats the run exactly.
+// `--table` instead sums up the result lines many runs left (Table.h).
 //
 // Exit status: 0 when no invariant was violated; 6 at the first violation (a crash or a hang
 // included); 1 when the plug-in or a named file cannot be used; 2 for a bad argument.
