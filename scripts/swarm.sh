@@ -89,6 +89,14 @@ opts=(--joblog "$out/joblog" --resume --results "$out/seeds/{}")
 [[ -z $sshloginfile ]] || opts+=(--sshloginfile "$sshloginfile")
 [[ -z $retries ]] || opts+=(--retries "$retries")
 
+# A run cut short (Ctrl-C, a machine lost) left its files but no joblog row: parallel would take
+# the files for a finished run, so they go and the seed runs again.
+{ cat "$out/joblog" 2>/dev/null || true; } |
+    awk -F'\t' -v seeds="$out/seeds" '
+        FILENAME == "-" { if (FNR > 1 && match($9, /--seed [0-9]+/)) done[substr($9, RSTART + 7, RLENGTH - 7)] = 1; next }
+        !($0 in done) { print seeds "/" $0; print seeds "/" $0 ".err"; print seeds "/" $0 ".seq" }' \
+        - <(find "$out/seeds" -maxdepth 1 -type f -regex '.*/[0-9]+' -printf '%f\n') |
+    xargs -r -d '\n' rm -f
 logged() { if [[ -f $out/joblog ]]; then echo $(($(wc -l <"$out/joblog") - 1)); else echo 0; fi; }
 before=$(logged)
 start=$SECONDS
@@ -96,7 +104,7 @@ echo "swarm: seeds $first-$last, $hours h each, into $out/ ($before done before)
 status=0
 seq "$first" "$last" | parallel "${opts[@]}" "$cmd" || status=$?
 # 1-101: that many runs failed, which the table tells; above that, parallel itself failed.
-((status <= 101)) || die "GNU parallel failed (status $status)" 1
+((status <= 101)) || die "GNU parallel stopped (status $status): the same call goes on from here" 1
 echo "swarm: this call ran $(($(logged) - before)) of $((last - first + 1)) seeds in" \
     "$((SECONDS - start)) s; joblog $out/joblog"
 # shellcheck disable=SC2086 # the launcher is words
