@@ -2,6 +2,7 @@
 // a seed, with faults drawn from the same seed at random moments, and checks the invariants
 // (Invariants.h) after every host step. One line per run on stdout: the seed, the vehicle time,
 // the faults by kind, "ok" or the first violation, and the command that repeats the run exactly.
+// `--table` instead sums up the result lines many runs left (Table.h).
 //
 // Exit status: 0 when no invariant was violated; 6 at the first violation (a crash or a hang
 // included); 1 when the plug-in or a named file cannot be used; 2 for a bad argument.
@@ -29,6 +30,7 @@
 #include "Invariants.h"
 #include "Schedule.h"
 #include "Session.h"
+#include "Table.h"
 
 namespace {
 
@@ -124,6 +126,11 @@ int main(int argc, char** argv) {
     app.add_flag("--trace", trace,
                  "print every bus message, injected message and data frame on stderr");
     seedOption->excludes(replayOption);
+    std::vector<std::string> table;
+    bool tableJson = false;
+    app.add_option("--table", table, "print the results table of these result files or folders")
+        ->excludes(seedOption, replayOption);
+    app.add_flag("--table-json", tableJson, "print the results table as one JSON object");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -131,6 +138,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return Fail(e.what(), 2);
     }
+    if (!table.empty()) return obdswarm::PrintTable(table, tableJson);
     if (seedOption->count() == 0 && replayOption->count() == 0) {
         return Fail("--seed S or --replay FILE is needed", 2);
     }
