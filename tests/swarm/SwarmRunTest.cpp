@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "Schedule.h"
 #include "SimProcess.h"
 
 namespace {
@@ -63,6 +64,61 @@ TEST_F(SwarmRun, SeedsWithEveryKindOfFaultRunClean) {
         SCOPED_TRACE(seed);
         EXPECT_EQ(Run("--seed " + std::to_string(seed) + " --hours 0.25"), 0) << out << err;
         EXPECT_NE(out.find(": ok; reproduce: "), std::string::npos) << out;
+    }
+}
+
+// Upgrades and calibrations on a three-minute serial drive: one that ends well, ones the box
+// breaks, one the slow flash only slows down, and a calibration the box ignores. Each runs clean
+// (the upgrade file, the failure reports and the answer checked by the invariants) and ends as
+// the box made it end.
+TEST_F(SwarmRun, UpgradesEndAsTheBoxLetsThem) {
+    using obdswarm::Fault;
+    using obdswarm::FaultKind;
+    const struct {
+        const char* name;
+        Fault fault;
+        int succeeded, failed, calibrationAnswers;
+    } rows[] = {
+        {"a good file",
+         {FaultKind::UpgradeTrigger, 20000, 60000, obdswarm::kFileGood, 0, 3},
+         1,
+         0,
+         0},
+        {"a second trigger",
+         {FaultKind::UpgradeTrigger, 20000, 60000, obdswarm::kFileGood, 300, 3},
+         1,
+         0,
+         0},
+        {"the MD5 refused",
+         {FaultKind::UpgradeBox, 20000, 60000, obdswarm::kRefuseStep, 3, 3},
+         0,
+         1,
+         0},
+        {"silent after 2 chunks",
+         {FaultKind::UpgradeBox, 20000, 60000, obdswarm::kSilentAfterChunks, 2, 5},
+         0,
+         1,
+         0},
+        {"a slow flash",
+         {FaultKind::UpgradeBox, 20000, 60000, obdswarm::kSlowFlash, 300, 3},
+         1,
+         0,
+         0},
+        {"a calibration ignored", {FaultKind::Calibration, 20000, 60000, 2, 0, 3}, 0, 0, 1},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        obdswarm::Schedule s = obdswarm::Draw(5, 0.05);
+        s.productType = 0;
+        s.faults = {r.fault};
+        std::ofstream(dir + "/s.json") << obdswarm::ToJson(s);
+        ASSERT_EQ(Run("--replay " + dir + "/s.json --json"), 0) << out << err;
+        const nlohmann::json j = nlohmann::json::parse(out, nullptr, false);
+        ASSERT_TRUE(j.is_object()) << out;
+        EXPECT_EQ(j["result"], "ok") << out;
+        EXPECT_EQ(j["upgrades"]["succeeded"], r.succeeded) << out;
+        EXPECT_EQ(j["upgrades"]["failed"], r.failed) << out;
+        EXPECT_GE(j["calibrations"]["answers"], r.calibrationAnswers) << out;
     }
 }
 
