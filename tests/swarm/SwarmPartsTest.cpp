@@ -517,6 +517,14 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          },
          "",
          -1},
+        {"reported installed, the box installed nothing",
+         {},
+         [](Checker& c) {
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 7000, 10, false));
+         },
+         "upgrade-installed",
+         7000},
         {"the file gone without a success",
          {},
          [](Checker& c) {
@@ -533,6 +541,7 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
              c.OnUpgradeFile(1000, true);
              c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 3000, 9, false));
              c.OnFileSeen(3100, true);
+             c.OnBoxInstalled(9000);
              c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 9000, 10, false));
              c.OnFileSeen(9100, false);
              c.OnUpgradeFile(12000, true);  // written again, for the next one
@@ -544,6 +553,7 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          {},
          [](Checker& c) {
              c.OnUpgradeFile(1000, true);
+             c.OnBoxInstalled(3000);
              c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 3000, 10, false));
              c.OnFileSeen(3100, true);
              c.OnFileSeen(4100, true);

@@ -201,6 +201,11 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
                          " was reported failed after the box installed it at " +
                          Clock(m_installedMs));
             }
+            if (state == PERIP_UPG_STATE_SUCCESS && m_installedMs < 0) {
+                Fail("upgrade-installed", m.tMs,
+                     "the upgrade accepted at " + Clock(m_acceptedMs) +
+                         " was reported installed, and the box installed nothing since");
+            }
             if (state == PERIP_UPG_STATE_SUCCESS) m_successMs = m.tMs;
             m_tally.succeeded += state == PERIP_UPG_STATE_SUCCESS;
             m_tally.failed += state == PERIP_UPG_STATE_FAILED;

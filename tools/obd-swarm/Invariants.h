@@ -17,6 +17,8 @@
 //  upgrade-not-failed  an upgrade the box installed (it accepted the end, the image matching its
 //                    MD5, and said so) is not reported failed: from its acceptance until the
 //                    next accepted upgrade no failure (9) is broadcast once the box installed;
+//  upgrade-installed ... and the other way round: a success (10) is broadcast only once the box
+//                    installed since the upgrade's acceptance;
 //  upgrade-file      the upgrade file the swarm wrote disappears only after a reported success,
 //                    and is gone within fileSlackMs of one;
 //  calibration-answered  a calibration request (6779 with its 52 bytes) is answered (success
