@@ -153,7 +153,7 @@ TEST(Schedule, DrawsEveryUpgradeAndCalibrationVariant) {
             if (f.kind == FaultKind::UpgradeTrigger) {
                 seen.insert("upgrade " + a);
                 if (f.b > 0) seen.insert("twice");
-                EXPECT_LE(f.b, 3000);
+                EXPECT_LE(f.b, 1500);
                 if (powerDownMs >= 0 && f.startMs >= powerDownMs) seen.insert("after power-down");
             } else if (f.kind == FaultKind::UpgradeBox) {
                 seen.insert("box " + a);

@@ -65,6 +65,12 @@ const FaultDraw kFaultDraws[] = {
 // The upgrade steps an UpgradeBox may refuse: start, name, chunk, MD5, end.
 const uint16_t kUpgradeSteps[] = {0x2407, 0x2402, 0x2403, 0x2404, 0x2111};
 
+// A good file for two in five, so that most triggers have an upgrade that can end well.
+int DrawUpgradeFile(Rng& r) {
+    const long long pick = r.Int(0, kUpgradeFileCount);
+    return pick == kUpgradeFileCount ? kFileGood : static_cast<int>(pick);
+}
+
 int UpgradeFlashMs(const Fault& f) {
     return 10 + static_cast<int>(f.seed % 51);
 }
@@ -373,8 +379,10 @@ Schedule Draw(uint64_t seed, double hours) {
                 break;
             // upgrades and calibrations
             case FaultKind::UpgradeTrigger:
-                f.a = static_cast<int>(r.Int(0, kUpgradeFileCount - 1));
-                f.b = r.Chance(0.4) ? static_cast<int>(Grain(r.Int(100, 3000))) : 0;
+                f.a = DrawUpgradeFile(r);
+                // A transfer of up to 64 chunks at 10-60 ms each: a second trigger within 1.5 s
+                // mostly comes while it runs.
+                f.b = r.Chance(0.5) ? static_cast<int>(Grain(r.Int(100, 1500))) : 0;
                 break;
             case FaultKind::UpgradeBox: {
                 f.a = static_cast<int>(r.Int(0, kUpgradeBoxFaultCount - 1));
@@ -404,7 +412,7 @@ Schedule Draw(uint64_t seed, double hours) {
         f.kind = FaultKind::UpgradeTrigger;
         f.startMs = Grain(r.Int(s.faults.back().startMs, totalMs - 500));
         f.endMs = std::min(totalMs, f.startMs + 30000);
-        f.a = static_cast<int>(r.Int(0, kUpgradeFileCount - 1));
+        f.a = DrawUpgradeFile(r);
         f.seed = r.Next();
         s.faults.push_back(f);
     }
