@@ -213,6 +213,29 @@ TEST_F(E2eUpgradeTest, E2eCalibrationConfiguresReadsAndAnswersFourBytes) {
               rx.end());
 }
 
+// A calibration the box never answers (a box that ignores the request; behind the CAN box, where
+// the request is not relayed at all) still gets its answer: failure, once the configure step has
+// used up its attempts (11 x 2 s), rather than a requester left waiting for good.
+TEST_F(E2eUpgradeTest, E2eUnansweredCalibrationIsAnsweredAsFailed) {
+    const struct {
+        const char* name;
+        int productType;
+    } rows[] = {{"serial, request ignored", 0}, {"CAN box", 72}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        BoxOptions o;
+        o.unanswered = {0x2C03};
+        Launch(o, r.productType);
+        const ByteVec engine(52, 0x11);
+        const int seq = hostsim::BusInject(6779, engine);
+        // Behind whatever the queue held before it: at most a stream start and an info read.
+        ASSERT_TRUE(StepUntil([&] { return !Answer(6779, seq).empty(); }, 120000));
+        EXPECT_EQ(Answer(6779, seq), (ByteVec{0xFF, 0xFF, 0xFF, 0xFF}));
+        TearDown();
+        SetUp();
+    }
+}
+
 // A second trigger while the transfer runs (the box holding back a chunk's answer, so that host
 // time stands still until the test lets it go) is answered with the running upgrade's percent and
 // changes nothing: one transfer on the wire, one success for the first source and no failure,

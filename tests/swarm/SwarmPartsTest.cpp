@@ -1,15 +1,21 @@
 // obd-swarm's parts on synthetic input: the schedule drawn from a seed, and the invariant checker
 // fed events by hand, rows that must fire and rows that must not.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <fstream>
 #include <set>
+#include <sstream>
 
 #include "Invariants.h"
 #include "ObdBusRecords.h"
+#include "PrivateFile.h"
 #include "ObdTypes.h"
 #include "Schedule.h"
 
@@ -49,6 +55,10 @@ TEST(Schedule, BadFilesAreRefusedWithAReason) {
         R"({"seed": 1, "hours": 1, "product_type": 0, "motion": true, "phases": [], "faults":
             [{"kind": "silent", "start_ms": 5, "end_ms": 1, "a": 0, "b": 0, "seed": 0}]})",
         R"({"seed": "x", "hours": 1, "product_type": 0, "motion": true, "phases": [], "faults": []})",
+        R"({"seed": 1, "hours": 1, "product_type": 0, "motion": true, "phases": [], "faults":
+            [{"kind": "upgrade", "start_ms": 5, "end_ms": 9, "a": 4, "b": 0, "seed": 0}]})",
+        R"({"seed": 1, "hours": 1, "product_type": 0, "motion": true, "phases": [], "faults":
+            [{"kind": "calibration", "start_ms": 5, "end_ms": 9, "a": 0, "b": -1, "seed": 0}]})",
     };
     for (const char* text : rows) {
         SCOPED_TRACE(text);
@@ -157,6 +167,220 @@ TEST(Schedule, BadValuesAndInboundMessages) {
     EXPECT_EQ(ids.size(), InboundIds().size());
     EXPECT_EQ(ids.count(MSG_POWER_DOWN), 0u);  // a fault of its own
     EXPECT_EQ(sizes, (std::set<std::string>{"short", "exact", "long"}));
+}
+
+// Every variant of the three kinds is drawn, an upgrade after a power-down and a calibration
+// during an upgrade among them, and each schedule comes back from its JSON unchanged.
+TEST(Schedule, DrawsEveryUpgradeAndCalibrationVariant) {
+    std::set<std::string> seen;
+    for (uint64_t seed = 1; seed <= 300; ++seed) {
+        const Schedule s = Draw(seed, 1);
+        Schedule back;
+        std::string error;
+        ASSERT_TRUE(FromJson(ToJson(s), back, error)) << error;
+        ASSERT_EQ(ToJson(back), ToJson(s));
+        long long powerDownMs = -1;
+        for (const Fault& f : s.faults) {
+            if (f.kind == FaultKind::PowerDown) powerDownMs = f.startMs;
+        }
+        for (const Fault& f : s.faults) {
+            const std::string a = std::to_string(f.a);
+            if (f.kind == FaultKind::UpgradeTrigger) {
+                seen.insert("upgrade " + a);
+                if (f.b > 0) seen.insert("twice");
+                EXPECT_LE(f.b, 1500);
+                if (powerDownMs >= 0 && f.startMs >= powerDownMs) seen.insert("after power-down");
+            } else if (f.kind == FaultKind::UpgradeBox) {
+                seen.insert("box " + a);
+                EXPECT_GE(f.b, f.a == kDropChunkAnswers ? 1 : 0);
+            } else if (f.kind == FaultKind::Calibration) {
+                seen.insert("calibration " + a);
+                for (const Fault& u : s.faults) {
+                    if ((u.kind == FaultKind::UpgradeTrigger || u.kind == FaultKind::UpgradeBox) &&
+                        f.startMs > u.startMs && f.startMs <= u.startMs + 5000) {
+                        seen.insert("calibration during an upgrade");
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_EQ(seen, (std::set<std::string>{"upgrade 0", "upgrade 1", "upgrade 2", "upgrade 3",
+                                           "twice", "after power-down", "box 0", "box 1", "box 2",
+                                           "box 3", "calibration 0", "calibration 1",
+                                           "calibration 2", "calibration during an upgrade"}));
+}
+
+// What each upgrade or calibration fault does to the file and on the bus, and to the box.
+TEST(Schedule, UpgradeFaultsWriteTheirFileBeforeTheirTriggers) {
+    const struct {
+        const char* name;
+        Fault f;
+        std::vector<long long> writes;  // times; -1 entries: removals
+        std::vector<size_t> sizes;      // of the writes; 0 for an empty file
+        std::vector<long long> triggers;
+        bool calibration;
+    } rows[] = {
+        {"good file",
+         {FaultKind::UpgradeTrigger, 5000, 9000, kFileGood, 0, 3},
+         {5000},
+         {1},
+         {5000},
+         false},
+        {"missing file, twice",
+         {FaultKind::UpgradeTrigger, 5000, 9000, kFileMissing, 1200, 3},
+         {-1},
+         {},
+         {5000, 6200},
+         false},
+        {"empty file",
+         {FaultKind::UpgradeTrigger, 5000, 9000, kFileEmpty, 0, 3},
+         {5000},
+         {0},
+         {5000},
+         false},
+        {"file changing",
+         {FaultKind::UpgradeTrigger, 5000, 9000, kFileChanging, 0, 3},
+         {5000, 1},
+         {1, 1},
+         {5000},
+         false},
+        {"box fault",
+         {FaultKind::UpgradeBox, 5000, 9000, kSlowFlash, 300, 3},
+         {5000},
+         {1},
+         {5000},
+         false},
+        {"calibration", {FaultKind::Calibration, 5000, 9000, 1, 0, 3}, {}, {}, {}, true},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        const std::vector<FileAction> files = UpgradeFiles(r.f);
+        ASSERT_EQ(files.size(), r.writes.size());
+        for (size_t i = 0; i < files.size(); ++i) {
+            if (r.writes[i] < 0) {
+                EXPECT_FALSE(files[i].present);
+                EXPECT_EQ(files[i].tMs, r.f.startMs);
+                continue;
+            }
+            EXPECT_TRUE(files[i].present);
+            // A later rewrite (1) comes within 3 s, with other bytes.
+            if (r.writes[i] == 1) {
+                EXPECT_GT(files[i].tMs, files[i - 1].tMs);
+                EXPECT_LE(files[i].tMs, r.f.startMs + 3000);
+                EXPECT_NE(files[i].bytes, files[i - 1].bytes);
+            } else {
+                EXPECT_EQ(files[i].tMs, r.writes[i]);
+            }
+            EXPECT_EQ(files[i].bytes.empty(), r.sizes[i] == 0);
+            EXPECT_LE(files[i].bytes.size(), static_cast<size_t>(kMaxUpgradeFile));
+        }
+        const std::vector<Inbound> in = Messages(r.f);
+        if (r.calibration) {
+            ASSERT_EQ(in.size(), 1u);
+            EXPECT_EQ(in[0].id, MSG_TRIGGER_OBD_DEMACATE);
+            ASSERT_EQ(in[0].payload.size(), sizeof(_OBD_Engine_t));
+            const int code = in[0].payload[0] | in[0].payload[1] << 8;  // little-endian
+            EXPECT_EQ(std::string(reinterpret_cast<const char*>(&in[0].payload[4])),
+                      "ENGINE-" + std::to_string(code));
+            continue;
+        }
+        ASSERT_EQ(in.size(), r.triggers.size());
+        for (size_t i = 0; i < in.size(); ++i) {
+            EXPECT_EQ(in[i].tMs, r.triggers[i]);
+            EXPECT_EQ(in[i].id, MSG_TRIGGER_PERIPHERAL_UPGRADE);
+            ASSERT_EQ(in[i].payload.size(), 4u);
+            EXPECT_EQ(in[i].payload[2], 7);  // the box
+        }
+    }
+    // The box misbehaves inside the window only; with an upgrade trigger alone it takes its time
+    // to store each chunk (10 + seed % 51 ms).
+    const std::vector<Fault> faults = {
+        {FaultKind::UpgradeBox, 1000, 2000, kRefuseStep, 3, 0},
+        {FaultKind::UpgradeBox, 3000, 4000, kSilentAfterChunks, 0, 0},
+        {FaultKind::UpgradeBox, 5000, 6000, kDropChunkAnswers, 2, 0},
+        {FaultKind::UpgradeBox, 7000, 8000, kSlowFlash, 700, 0},
+        {FaultKind::Calibration, 9000, 10000, 1, 0, 0},
+        {FaultKind::Calibration, 11000, 12000, 2, 0, 0},
+        {FaultKind::UpgradeTrigger, 13000, 14000, 0, 0, 40}};
+    const struct {
+        double ms;
+        uint16_t refuse;
+        int silentAfter, dropNth, flashMs;
+        bool engineRefused, engineUnanswered;
+        double next;
+    } windows[] = {
+        {500, 0, -1, 0, 0, false, false, 1000},    {1500, 0x2404, -1, 0, 0, false, false, 2000},
+        {3500, 0, 0, 0, 0, false, false, 4000},    {5500, 0, -1, 2, 0, false, false, 6000},
+        {7500, 0, -1, 0, 700, false, false, 8000}, {9500, 0, -1, 0, 0, true, false, 10000},
+        {11500, 0, -1, 0, 0, false, true, 12000},  {13500, 0, -1, 0, 50, false, false, 14000},
+        {14000, 0, -1, 0, 0, false, false, -1}};
+    for (const auto& w : windows) {
+        SCOPED_TRACE(w.ms);
+        const obdbox::FaultState s = BoxFaults(faults, w.ms);
+        EXPECT_EQ(s.upgradeRefuseStep, w.refuse);
+        EXPECT_EQ(s.upgradeSilentAfterChunks, w.silentAfter);
+        EXPECT_EQ(s.upgradeDropEveryNthChunk, w.dropNth);
+        EXPECT_EQ(s.upgradeFlashMs, w.flashMs);
+        EXPECT_EQ(s.engineRefused, w.engineRefused);
+        EXPECT_EQ(s.engineUnanswered, w.engineUnanswered);
+        EXPECT_EQ(s.nextChangeMs, w.next);
+    }
+}
+
+// Two runs at once with the same upgrade file path: each sees only its own file, and in the
+// namespace neither sees the one outside. Where the kernel refuses namespaces they take turns:
+// the second is held until the first is done with its file.
+TEST(PrivateFile, TwoRunsAtOnceSeeOnlyTheirOwnFile) {
+    char tmpl[] = "/tmp/obd-swarm-file-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl, path = dir + "/upgrade/DOWNLOAD.bin";
+    ASSERT_EQ(mkdir((dir + "/upgrade").c_str(), 0700), 0);
+    std::ofstream(path) << "outside";
+    auto slurp = [&path] {
+        std::stringstream text;
+        text << std::ifstream(path).rdbuf();
+        return text.str();
+    };
+    // A run: makes the file its own, says how ('N' with its file written, 'L' before waiting for
+    // the lock), writes its text, waits for `go` (if any), and exits 0 if its text is still there.
+    auto run = [&](const std::string& own, int ready, int go) {
+        std::string note;
+        const bool ns = EnterPrivateDir(dir + "/upgrade", note);
+        if (!ns) {
+            if (::write(ready, "L", 1) != 1 || !LockBeside(path, note)) ::_exit(3);
+        } else if (::access(path.c_str(), F_OK) == 0) {
+            ::_exit(4);  // the file from outside shows through
+        }
+        std::ofstream(path) << own;
+        if (ns && ::write(ready, "N", 1) != 1) ::_exit(3);
+        char byte = 0;
+        if (go >= 0 && ::read(go, &byte, 1) != 1) ::_exit(3);
+        ::_exit(slurp() == own ? 0 : 5);
+    };
+    int readyA[2], readyB[2], go[2];
+    ASSERT_EQ(pipe(readyA), 0);
+    ASSERT_EQ(pipe(readyB), 0);
+    ASSERT_EQ(pipe(go), 0);
+    const pid_t a = fork();
+    if (a == 0) run("first run", readyA[1], go[0]);
+    char howA = 0, howB = 0;
+    ASSERT_EQ(::read(readyA[0], &howA, 1), 1);
+    const pid_t b = fork();
+    if (b == 0) run("second run", readyB[1], -1);
+    ASSERT_EQ(::read(readyB[0], &howB, 1), 1);  // 'N': the second has written its file
+    ASSERT_EQ(::write(go[1], "g", 1), 1);
+    int statusA = -1, statusB = -1;
+    waitpid(a, &statusA, 0);
+    waitpid(b, &statusB, 0);
+    EXPECT_TRUE(WIFEXITED(statusA) && WEXITSTATUS(statusA) == 0) << statusA;
+    EXPECT_TRUE(WIFEXITED(statusB) && WEXITSTATUS(statusB) == 0) << statusB;
+    EXPECT_EQ(howA, howB);
+    if (howA == 'N') {
+        EXPECT_EQ(slurp(), "outside");
+    }
+    RecordProperty("isolation", howA == 'N' ? "namespace" : "lock");
+    for (int fd : {readyA[0], readyA[1], readyB[0], readyB[1], go[0], go[1]}) ::close(fd);
+    std::system(("rm -rf " + dir).c_str());
 }
 
 // ---- The checker ---------------------------------------------------------------------------
@@ -291,11 +515,122 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          [](Checker& c) {
              Healthy(c, 1, 5);
              c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
-             FramesOnly(c, 6, 65);
-             c.Step(65600);
+             FramesOnly(c, 6, 425);
+             c.Step(425600);
          },
          "upgrade-ends",
-         65600},
+         425600},
+        // Upgrades the box installed, and the upgrade file.
+        {"installed, reported well, then failed by a second transfer",
+         {},
+         [](Checker& c) {
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 6000, 0, true));
+             c.OnBoxInstalled(8000);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 8000, 10, false));
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 9000, 9, false));
+         },
+         "upgrade-not-failed",
+         9000},
+        {"installed and reported failed",
+         {},
+         [](Checker& c) {
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             c.OnBoxInstalled(8000);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 8500, 9, false));
+         },
+         "upgrade-not-failed",
+         8500},
+        {"installed by an earlier upgrade, this one fails",
+         {},
+         [](Checker& c) {
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             c.OnBoxInstalled(6000);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 6000, 10, false));
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 7000, 0, true));
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 8000, 9, false));
+         },
+         "",
+         -1},
+        {"reported installed, the box installed nothing",
+         {},
+         [](Checker& c) {
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 7000, 10, false));
+         },
+         "upgrade-installed",
+         7000},
+        {"the file gone without a success",
+         {},
+         [](Checker& c) {
+             c.OnUpgradeFile(1000, true);
+             c.OnFileSeen(1100, true);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 3000, 9, false));
+             c.OnFileSeen(5000, false);
+         },
+         "upgrade-file",
+         5000},
+        {"the file kept after a failure, deleted after a success",
+         {},
+         [](Checker& c) {
+             c.OnUpgradeFile(1000, true);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 3000, 9, false));
+             c.OnFileSeen(3100, true);
+             c.OnBoxInstalled(9000);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 9000, 10, false));
+             c.OnFileSeen(9100, false);
+             c.OnUpgradeFile(12000, true);  // written again, for the next one
+             c.OnFileSeen(20000, true);
+         },
+         "",
+         -1},
+        {"the file still there after a success",
+         {},
+         [](Checker& c) {
+             c.OnUpgradeFile(1000, true);
+             c.OnBoxInstalled(3000);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 3000, 10, false));
+             c.OnFileSeen(3100, true);
+             c.OnFileSeen(4100, true);
+         },
+         "upgrade-file",
+         4100},
+        {"a file the swarm removed itself",
+         {},
+         [](Checker& c) {
+             c.OnUpgradeFile(1000, false);
+             c.OnFileSeen(1100, false);
+         },
+         "",
+         -1},
+        // Calibrations.
+        {"a calibration never answered",
+         {{FaultKind::PowerDown, 0, 900000, 0, 0, 0}},  // no broadcasts owed
+         [](Checker& c) {
+             c.OnInject(1000, MSG_TRIGGER_OBD_DEMACATE, 52);
+             c.Step(471000);
+             c.Step(471100);
+         },
+         "calibration-answered",
+         471100},
+        {"two calibrations, one answer for both",
+         {{FaultKind::PowerDown, 0, 900000, 0, 0, 0}},  // no broadcasts owed
+         [](Checker& c) {
+             c.OnInject(1000, MSG_TRIGGER_OBD_DEMACATE, 52);
+             c.OnInject(2000, MSG_TRIGGER_OBD_DEMACATE, 52);
+             c.OnBus(Message(MSG_TRIGGER_OBD_DEMACATE, 30000, {0xFF, 0xFF, 0xFF, 0xFF}, true));
+             c.Step(600000);
+         },
+         "",
+         -1},
+        {"a short calibration request is refused, not owed an answer",
+         {{FaultKind::PowerDown, 0, 900000, 0, 0, 0}},  // no broadcasts owed
+         [](Checker& c) {
+             c.OnInject(1000, MSG_TRIGGER_OBD_DEMACATE, 51);
+             c.Step(600000);
+         },
+         "",
+         -1},
         {"the frame's last item not in the table",
          {},
          [](Checker& c) {

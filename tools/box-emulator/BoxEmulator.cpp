@@ -88,7 +88,8 @@ BoxEmulator::BoxEmulator(BoxOptions options)
       m_rxKept(std::max<size_t>(1, m_opt.receivedKept)),
       m_clock(m_opt.clock),
       m_rng(m_opt.seed),
-      m_wireTap(m_opt.wireTap) {}
+      m_wireTap(m_opt.wireTap),
+      m_onInstalled(m_opt.onInstalled) {}
 
 double BoxEmulator::Now() const {
     if (m_clock.nowMs) return m_clock.nowMs();
@@ -170,6 +171,7 @@ BoxOptions BoxEmulator::Effective(double nowMs, FaultState* state) const {
     FaultState s;
     if (o.faultSchedule) s = o.faultSchedule(nowMs);
     Fold(o, s);
+    if (m_upgradeSilenced.load() && s.upgradeSilentAfterChunks >= 0) o.silent = true;
     if (state != nullptr) *state = s;
     return o;
 }
@@ -385,6 +387,8 @@ void BoxEmulator::Run() {
     while (m_run.load()) {
         FaultState fault;
         BoxOptions o = Effective(Now(), &fault);
+        // The window that silenced the box mid-upgrade is over: it is back.
+        if (fault.upgradeSilentAfterChunks < 0) m_upgradeSilenced = false;
         const bool streamOn = m_streaming.load() && !fault.streamHeld;
         double due = -1;  // the next periodic frame, if any
         if (!o.silent && o.streamPeriodMs > 0 && streamOn) due = nextStream;
@@ -464,8 +468,10 @@ void BoxEmulator::OnFrame(ReceivedFrame f) {
     Log("plug-in -> " + Describe(f));
     std::vector<ByteVec> answers;
     BoxOptions o;
+    m_installAnswer = false;
     {
         std::lock_guard<std::mutex> lock(m_optMutex);
+        m_frameWindow = m_opt.faultSchedule ? m_opt.faultSchedule(Now()) : FaultState{};
         Answer(f, m_opt, answers);  // may change the box's contents (configure requests)
         o = m_opt;
     }
@@ -479,6 +485,7 @@ void BoxEmulator::OnFrame(ReceivedFrame f) {
             }
         }
         Fold(o, s);
+        if (m_upgradeSilenced.load() && s.upgradeSilentAfterChunks >= 0) o.silent = true;
     }
     {
         std::lock_guard<std::mutex> lock(m_rxMutex);
@@ -496,6 +503,7 @@ void BoxEmulator::OnFrame(ReceivedFrame f) {
             Log("box: answer dropped");
             continue;
         }
+        if (m_installAnswer && m_onInstalled) m_onInstalled();
         Log("box -> " + Hex(a));
         Transmit(a, o);
     }
@@ -545,10 +553,13 @@ void BoxEmulator::Answer(const ReceivedFrame& req, BoxOptions& o, std::vector<By
         case 0x2CF1:
             answer(0x6CF1, o.faultCodes);
             break;
-        case 0x2C03:
-            if (!o.refuse && p.size() >= 2) o.engineId = static_cast<uint16_t>((p[0] << 8) | p[1]);
-            answer(0x6C03, {static_cast<uint8_t>(o.refuse ? 1 : 0)});
+        case 0x2C03: {
+            if (m_frameWindow.engineUnanswered) break;
+            const bool refuse = o.refuse || m_frameWindow.engineRefused;
+            if (!refuse && p.size() >= 2) o.engineId = static_cast<uint16_t>((p[0] << 8) | p[1]);
+            answer(0x6C03, {static_cast<uint8_t>(refuse ? 1 : 0)});
             break;
+        }
         case 0x2C23:
             if (!p.empty()) {
                 o.scanTimeLevels.clear();

@@ -71,7 +71,16 @@ struct FaultState {
     int garbageBytes = 0;      // as BoxOptions::garbageBytes; the larger of the two applies
     int splitMaxChunk = 0;     // as BoxOptions::splitMaxChunk; 0: the whole-run setting
     bool badChecksum = false;  // every frame sent (answers too) carries a wrong checksum
-    double nextChangeMs = -1;  // when this state ends or another begins; < 0: never
+    // Upgrade and calibration misbehaviour, as the whole-run options of the same names; these
+    // win while their window holds. A box silenced after its chunks stays silent to the window's
+    // end, as one that hung while flashing and is power-cycled then.
+    uint16_t upgradeRefuseStep = 0;     // 0: the whole-run setting
+    int upgradeSilentAfterChunks = -1;  // -1: the whole-run setting
+    int upgradeDropEveryNthChunk = 0;   // 0: the whole-run setting
+    int upgradeFlashMs = 0;             // box-clock time per chunk; 0: the whole-run setting
+    bool engineRefused = false;         // configure engine answered with status 1
+    bool engineUnanswered = false;      // configure engine not answered at all
+    double nextChangeMs = -1;           // when this state ends or another begins; < 0: never
 };
 
 // Data-stream items: id (1..59) and value, asked for once per data-stream frame.
@@ -155,7 +164,12 @@ struct BoxOptions {
     int upgradeSilentAfterChunks = -1;  // after this many chunks the box falls silent (`silent`
                                         // set, so Update can revive it); -1: never
     int upgradeDropEveryNthChunk = 0;   // the Nth, 2Nth, ... chunk answer is not sent; 0: none
-    int upgradeFlashUs = 0;             // real time spent storing a chunk before answering it
+    int upgradeFlashUs = 0;  // time spent storing a chunk before answering it: box-clock time
+                             // when the clock waits (a simulator's), else real time
+    // Called on the box's thread just before the answer that accepts the end step (the image
+    // checked against its MD5) goes out, that is an upgrade the plug-in is told is installed.
+    // Fixed at construction (Update does not change it); it must not call back into the emulator.
+    std::function<void()> onInstalled;
 
     // Line pacing (BoxEmulatorPacing.cpp): bytes per second in each direction, as a UART carries
     // them (11520 for 115200 baud 8N1: ten bit times a byte); 0: as fast as the pseudo-terminal.
@@ -260,8 +274,12 @@ class BoxEmulator {
     uint64_t m_answers = 0;  // box thread only
     double m_t0 = 0;
 
-    BoxUpgrade m_upgrade;                                // guarded by m_optMutex
-    int m_answerDelayUs = 0;                             // box thread only
+    BoxUpgrade m_upgrade;                        // guarded by m_optMutex
+    int m_answerDelayUs = 0;                     // box thread only
+    FaultState m_frameWindow;                    // box thread: the windows at a request
+    bool m_installAnswer = false;                // box thread: the end was accepted
+    std::atomic<bool> m_upgradeSilenced{false};  // silent after chunks, in a window
+    const std::function<void()> m_onInstalled;
     std::chrono::steady_clock::time_point m_txLineFree;  // under m_writeMutex
     std::chrono::steady_clock::time_point m_rxLineFree;  // box thread only
 };

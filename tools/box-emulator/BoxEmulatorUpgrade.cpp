@@ -2,6 +2,9 @@
 // and MD5 text it is told, installs it at the end, and answers each step with a status byte
 // (4 accepted, 2 refused). Its fault options refuse a step, fall silent after some chunks, drop
 // chunk answers and spend flash time per chunk.
+#include <poll.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <cstdio>
 #include <thread>
@@ -92,7 +95,16 @@ void BoxEmulator::AnswerUpgrade(const ReceivedFrame& req, BoxOptions& o,
     auto note = [&o](const std::string& line) {
         if (o.log) o.log(line);
     };
-    bool ok = !o.refuse && req.code != o.upgradeRefuseStep;
+    // A window's misbehaviour wins over the whole-run setting of the same name.
+    const FaultState& w = m_frameWindow;
+    const uint16_t refuseStep =
+        w.upgradeRefuseStep != 0 ? w.upgradeRefuseStep : o.upgradeRefuseStep;
+    const int silentAfter =
+        w.upgradeSilentAfterChunks >= 0 ? w.upgradeSilentAfterChunks : o.upgradeSilentAfterChunks;
+    const int dropNth =
+        w.upgradeDropEveryNthChunk > 0 ? w.upgradeDropEveryNthChunk : o.upgradeDropEveryNthChunk;
+    const int flashUs = w.upgradeFlashMs > 0 ? w.upgradeFlashMs * 1000 : o.upgradeFlashUs;
+    bool ok = !o.refuse && req.code != refuseStep;
     bool answer = true;
     switch (req.code) {
         case 0x2407:  // start
@@ -121,16 +133,21 @@ void BoxEmulator::AnswerUpgrade(const ReceivedFrame& req, BoxOptions& o,
                 if (u.image.size() < at + len) u.image.resize(at + len);
                 std::copy(p.begin() + 6, p.end(), u.image.begin() + static_cast<long>(at));
             }
-            if (o.upgradeSilentAfterChunks >= 0 && u.chunks > o.upgradeSilentAfterChunks) {
-                o.silent = true;
-                note("box: silent after " + std::to_string(o.upgradeSilentAfterChunks) + " chunks");
+            if (silentAfter >= 0 && u.chunks > silentAfter) {
+                // For good when asked for the whole run; to the window's end when by a window.
+                if (w.upgradeSilentAfterChunks >= 0) {
+                    m_upgradeSilenced = true;
+                } else {
+                    o.silent = true;
+                }
+                note("box: silent after " + std::to_string(silentAfter) + " chunks");
                 return;
             }
-            if (o.upgradeDropEveryNthChunk > 0 && u.chunks % o.upgradeDropEveryNthChunk == 0) {
+            if (dropNth > 0 && u.chunks % dropNth == 0) {
                 note("box: chunk answer dropped");
                 answer = false;
             }
-            m_answerDelayUs = o.upgradeFlashUs;
+            m_answerDelayUs = flashUs;
             break;
         }
         case 0x2404:  // MD5 text of the whole file
@@ -144,6 +161,7 @@ void BoxEmulator::AnswerUpgrade(const ReceivedFrame& req, BoxOptions& o,
             if (ok) {
                 u.installed = true;
                 o.swTexts = o.upgradedSwTexts;
+                m_installAnswer = true;
             }
             break;
         default:
@@ -154,10 +172,31 @@ void BoxEmulator::AnswerUpgrade(const ReceivedFrame& req, BoxOptions& o,
                          {ok ? o.upgradeStatus : kRefused}, req.seq, o));
 }
 
+// On a simulator's clock the flash time is the clock's: the box waits its turn like any other
+// wait, so a slow flash costs no real time and comes out the same however busy the machine is.
+// Bytes that arrive meanwhile are read (a simulator's clock stands while bytes are on their way
+// to the box) and held: they are taken in after the answer, as a busy box would.
 void BoxEmulator::PauseBeforeAnswer() {
     if (m_answerDelayUs <= 0) return;
-    std::this_thread::sleep_for(std::chrono::microseconds(m_answerDelayUs));
+    const int us = m_answerDelayUs;
     m_answerDelayUs = 0;
+    if (!m_clock.wait) {
+        std::this_thread::sleep_for(std::chrono::microseconds(us));
+        return;
+    }
+    const double until = Now() + us / 1000.0;
+    uint8_t buf[1024];
+    while (m_run.load() && Now() < until) {
+        if (!m_clock.wait(m_masterFd, until)) continue;
+        pollfd p{m_masterFd, POLLIN, 0};
+        if (poll(&p, 1, 0) <= 0 || (p.revents & POLLIN) == 0) continue;
+        const ssize_t n = read(m_masterFd, buf, sizeof(buf));
+        if (n <= 0) continue;
+        if (m_clock.moved) m_clock.moved(true, static_cast<size_t>(n));
+        if (m_wireTap) m_wireTap(true, buf, static_cast<size_t>(n));
+        // OnBytes, which is taking in the frame being answered, goes on with these next.
+        m_inBuf.insert(m_inBuf.end(), buf, buf + n);
+    }
 }
 
 }  // namespace obdbox

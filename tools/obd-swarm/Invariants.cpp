@@ -1,5 +1,6 @@
 #include "Invariants.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -146,6 +147,17 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
             m.payload[offsetof(UpgradeResult_t, state)] == PERIP_UPG_STATE_PROGRESS &&
             m_upgradeFromMs < 0) {
             m_upgradeFromMs = m.tMs;
+            m_acceptedMs = m.tMs;
+            m_installedMs = -1;
+        }
+        // Whatever the result: a request answered, and the ones before it with it.
+        if (m.id == MSG_TRIGGER_OBD_DEMACATE) {
+            ++m_tally.calibrationAnswers;
+            if (m_calibrationMs >= 0) {
+                m_tally.longestCalibrationMs =
+                    std::max(m_tally.longestCalibrationMs, m.tMs - m_calibrationMs);
+            }
+            m_calibrationMs = -1;
         }
         return;
     }
@@ -180,8 +192,27 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
             m_link = up;
             break;
         }
-        case MSG_PERIPHERAL_UPGRADE_STATE:
+        case MSG_PERIPHERAL_UPGRADE_STATE: {
             if (m.payload.size() != sizeof(UpgradeResult_t)) break;
+            const int state = m.payload[offsetof(UpgradeResult_t, state)];
+            if (state == PERIP_UPG_STATE_FAILED && m_installedMs >= 0) {
+                Fail("upgrade-not-failed", m.tMs,
+                     "the upgrade accepted at " + Clock(m_acceptedMs) +
+                         " was reported failed after the box installed it at " +
+                         Clock(m_installedMs));
+            }
+            if (state == PERIP_UPG_STATE_SUCCESS && m_installedMs < 0) {
+                Fail("upgrade-installed", m.tMs,
+                     "the upgrade accepted at " + Clock(m_acceptedMs) +
+                         " was reported installed, and the box installed nothing since");
+            }
+            if (state == PERIP_UPG_STATE_SUCCESS) m_successMs = m.tMs;
+            m_tally.succeeded += state == PERIP_UPG_STATE_SUCCESS;
+            m_tally.failed += state == PERIP_UPG_STATE_FAILED;
+            if (state != PERIP_UPG_STATE_PROGRESS && m_upgradeFromMs >= 0) {
+                m_tally.longestUpgradeMs =
+                    std::max(m_tally.longestUpgradeMs, m.tMs - m_upgradeFromMs);
+            }
             if (m.payload[offsetof(UpgradeResult_t, state)] != PERIP_UPG_STATE_PROGRESS &&
                 m_upgradeFromMs >= 0) {
                 m_upgrades.emplace_back(m_upgradeFromMs, m.tMs);
@@ -191,6 +222,7 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
                 if (m_lastAlarmMs >= 0) m_lastAlarmMs = m.tMs;
             }
             break;
+        }
         default:
             break;
     }
@@ -204,6 +236,10 @@ void Checker::Step(long long nowMs) {
         Fail("upgrade-ends", nowMs,
              "the upgrade accepted at " + Clock(m_upgradeFromMs) + " has not ended");
     }
+    if (m_calibrationMs >= 0 && nowMs - m_calibrationMs > m_b.calibrationMs) {
+        Fail("calibration-answered", nowMs,
+             "the calibration requested at " + Clock(m_calibrationMs) + " has no answer");
+    }
     if (PoweredDown(nowMs)) return;
     if (m_link == 1 && m_lastCleanMs >= 0 && nowMs - m_lastCleanMs > m_b.linkDownMs) {
         Fail("link-down", nowMs,
@@ -215,9 +251,41 @@ void Checker::Step(long long nowMs) {
     }
 }
 
-void Checker::OnInject(long long tMs, int id) {
+void Checker::OnInject(long long tMs, int id, size_t bytes) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (id == MSG_POWER_DOWN && (m_powerDownMs < 0 || tMs < m_powerDownMs)) m_powerDownMs = tMs;
+    // Shorter ones are refused by the plug-in unread, and rightly never answered.
+    if (id == MSG_TRIGGER_OBD_DEMACATE && bytes >= sizeof(_OBD_Engine_t) && m_calibrationMs < 0) {
+        m_calibrationMs = tMs;
+    }
+}
+
+void Checker::OnBoxInstalled(long long tMs) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_installedMs = tMs;
+}
+
+void Checker::OnUpgradeFile(long long tMs, bool present) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_fileWritten = present;
+    m_fileWrittenMs = tMs;
+}
+
+void Checker::OnFileSeen(long long tMs, bool present) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_fileWritten) return;
+    const bool success = m_successMs >= m_fileWrittenMs;
+    if (!present) {
+        if (!success) {
+            Fail("upgrade-file", tMs,
+                 "the upgrade file written at " + Clock(m_fileWrittenMs) +
+                     " is gone without a reported success");
+        }
+        m_fileWritten = false;
+    } else if (success && tMs - m_successMs > m_b.fileSlackMs) {
+        Fail("upgrade-file", tMs,
+             "the upgrade file is still there after the success reported at " + Clock(m_successMs));
+    }
 }
 
 void Checker::OnMemory(long long tMs, long long rssKb) {
@@ -256,6 +324,11 @@ bool Checker::Failed() const {
 Violation Checker::First() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_first;
+}
+
+UpgradeTally Checker::Tally() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_tally;
 }
 
 }  // namespace obdswarm

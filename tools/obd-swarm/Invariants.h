@@ -14,6 +14,15 @@
 //  link-up           once the box sends a data frame again, the status record reports the
 //                    link up within linkUpMs;
 //  upgrade-ends      an upgrade the plug-in accepted ends (success or failure) within upgradeMs;
+//  upgrade-not-failed  an upgrade the box installed (it accepted the end, the image matching its
+//                    MD5, and said so) is not reported failed: from its acceptance until the
+//                    next accepted upgrade no failure (9) is broadcast once the box installed;
+//  upgrade-installed ... and the other way round: a success (10) is broadcast only once the box
+//                    installed since the upgrade's acceptance;
+//  upgrade-file      the upgrade file the swarm wrote disappears only after a reported success,
+//                    and is gone within fileSlackMs of one;
+//  calibration-answered  a calibration request (6779 with its 52 bytes) is answered (success
+//                    or failure) within calibrationMs; a later request takes over the answer;
 //  memory            the resident set grows by at most rssGrowthKb after the warm-up;
 //  release           the plug-in's release returns within releaseMs of host time;
 //  run-ends          the run reaches the end of its host time.
@@ -41,10 +50,25 @@ struct Bounds {
     long long linkDownMs = 12000;       // 8-10 s by design, one status tick more
     long long linkDownEarlyMs = 6000;
     long long linkUpMs = 3000;  // the next 2 s status tick and a cycle
-    long long upgradeMs = 60000;
+    // The slowest upgrade that may still end well, on a box that answers only the last attempt
+    // of every step: start, name, MD5 and end 11 x 2.05 s (90.2 s), 64 full chunks 4 x 0.55 s
+    // (140.8 s), the short last one 4 x 2.05 s (8.2 s): 239.2 s; before it, the task in hand and
+    // up to three queued ones of at most 45.1 s each (a stop of the stream and one command, each
+    // 11 x 2.05 s): 180.4 s. Files are at most kMaxUpgradeFile.
+    long long upgradeMs = 420000;
+    // Behind a whole upgrade, the calibration's own task: a stop and the configure, 45.1 s.
+    long long calibrationMs = 470000;
+    long long fileSlackMs = 1000;
     long long releaseMs = 1000;
     long long rssWarmupMs = 600000;
     long long rssGrowthKb = 64 * 1024;
+};
+
+// What a run's upgrades and calibrations came to, for its report and for checking the bounds.
+struct UpgradeTally {
+    int succeeded = 0, failed = 0;  // final upgrade states broadcast
+    int calibrationAnswers = 0;
+    long long longestUpgradeMs = 0, longestCalibrationMs = 0;  // accepted/requested to the end
 };
 
 struct Violation {
@@ -61,8 +85,15 @@ class Checker {
     void OnFrame(long long tMs, const obdbox::DataItems& items);
     // Every message the plug-in sends or answers.
     void OnBus(const hostsim::BusMessage& m);
-    // An inbound message delivered to the plug-in (a power-down ends the 1 s work for good).
-    void OnInject(long long tMs, int id);
+    // An inbound message delivered to the plug-in (a power-down ends the 1 s work for good), of
+    // `bytes` payload bytes.
+    void OnInject(long long tMs, int id, size_t bytes = 0);
+    // The box accepted an upgrade's end and is answering so.
+    void OnBoxInstalled(long long tMs);
+    // The swarm wrote the upgrade file (present) or removed it.
+    void OnUpgradeFile(long long tMs, bool present);
+    // Whether the upgrade file is there, looked at between host steps.
+    void OnFileSeen(long long tMs, bool present);
     // After every host step: the checks that a missing event breaks.
     void Step(long long nowMs);
     void OnMemory(long long tMs, long long rssKb);
@@ -71,6 +102,7 @@ class Checker {
 
     bool Failed() const;
     Violation First() const;
+    UpgradeTally Tally() const;
 
   private:
     struct Frame {
@@ -97,6 +129,13 @@ class Checker {
     int m_link = -1;             // the last status record's link bit; -1 before any
     long long m_lastCleanMs = -1, m_prevCleanMs = -1, m_backSinceMs = -1;
     long long m_rssBaseKb = -1;
+    // upgrades and calibrations
+    long long m_acceptedMs = -1;                       // the last accepted upgrade
+    long long m_installedMs = -1;                      // the box installed since then
+    bool m_fileWritten = false;                        // the swarm's file should be there
+    long long m_fileWrittenMs = -1, m_successMs = -1;  // a success since the write, when
+    long long m_calibrationMs = -1;                    // a calibration unanswered since then
+    UpgradeTally m_tally;
 };
 
 // Host time as H:MM:SS.

@@ -25,9 +25,12 @@ double Rng::Real() {
 
 namespace {
 
-const char* const kFaultNames[] = {"silent",       "stream-held",  "garbage",    "split",
-                                   "drop-answers", "bad-checksum", "bad-values", "bus",
-                                   "power-down",   "inertial-gap", "release"};
+const char* const kFaultNames[] = {"silent", "stream-held", "garbage", "split", "drop-answers",
+                                   "bad-checksum", "bad-values", "bus", "power-down",
+                                   // upgrades and calibrations
+                                   "upgrade", "upgrade-box", "calibration",
+                                   // the host's own
+                                   "inertial-gap", "release"};
 static_assert(sizeof(kFaultNames) / sizeof(kFaultNames[0]) == static_cast<size_t>(FaultKind::Count),
               "a name for every fault kind");
 
@@ -47,12 +50,77 @@ struct FaultDraw {
     double minS, maxS;
 };
 const FaultDraw kFaultDraws[] = {
-    {FaultKind::Silent, 3, 1, 40},       {FaultKind::StreamHeld, 2, 1, 40},
-    {FaultKind::Garbage, 2, 5, 120},     {FaultKind::Split, 3, 5, 300},
-    {FaultKind::DropAnswers, 2, 5, 60},  {FaultKind::BadChecksum, 2, 1, 30},
-    {FaultKind::BadValues, 2, 2, 60},    {FaultKind::BusMessages, 3, 1, 60},
+    {FaultKind::Silent, 3, 1, 40},
+    {FaultKind::StreamHeld, 2, 1, 40},
+    {FaultKind::Garbage, 2, 5, 120},
+    {FaultKind::Split, 3, 5, 300},
+    {FaultKind::DropAnswers, 2, 5, 60},
+    {FaultKind::BadChecksum, 2, 1, 30},
+    {FaultKind::BadValues, 2, 2, 60},
+    {FaultKind::BusMessages, 3, 1, 60},
+    // upgrades and calibrations
+    {FaultKind::UpgradeTrigger, 3, 5, 60},
+    {FaultKind::UpgradeBox, 3, 10, 120},
+    {FaultKind::Calibration, 2, 1, 30},
+    // the host's own
     {FaultKind::InertialGap, 1, 1, 120},
 };
+
+// The upgrade steps an UpgradeBox may refuse: start, name, chunk, MD5, end.
+const uint16_t kUpgradeSteps[] = {0x2407, 0x2402, 0x2403, 0x2404, 0x2111};
+
+// A good file for two in five, so that most triggers have an upgrade that can end well.
+int DrawUpgradeFile(Rng& r) {
+    const long long pick = r.Int(0, kUpgradeFileCount);
+    return pick == kUpgradeFileCount ? kFileGood : static_cast<int>(pick);
+}
+
+int UpgradeFlashMs(const Fault& f) {
+    return 10 + static_cast<int>(f.seed % 51);
+}
+
+bool IsUpgradeKind(FaultKind k) {
+    return k == FaultKind::UpgradeTrigger || k == FaultKind::UpgradeBox ||
+           k == FaultKind::Calibration;
+}
+
+// A firmware image of 1 byte to kMaxUpgradeFile, whole chunks for a third of them.
+std::vector<unsigned char> Image(Rng& r) {
+    const long long n =
+        r.Chance(0.3) ? 256 * r.Int(1, kMaxUpgradeFile / 256) : r.Int(1, kMaxUpgradeFile);
+    std::vector<unsigned char> b(static_cast<size_t>(n));
+    for (auto& byte : b) byte = static_cast<unsigned char>(r.Next() & 0xFF);
+    return b;
+}
+
+// The trigger's four bytes: source (now and then one no slot keeps), verify flag, the box's
+// device id, file source.
+std::vector<unsigned char> TriggerPayload(Rng& r) {
+    const auto source = static_cast<unsigned char>(r.Chance(0.1) ? 5 : r.Int(0, 3));
+    return {source, static_cast<unsigned char>(r.Int(0, 1)), 7,
+            static_cast<unsigned char>(r.Int(0, 3))};
+}
+
+std::vector<Inbound> UpgradeMessages(const Fault& f) {
+    std::vector<Inbound> out;
+    Rng r(f.seed ^ 0x5157A7C0ull);  // not the file's numbers
+    if (f.kind == FaultKind::Calibration) {
+        // The engine record as the bus carries it: u16 code (little-endian), a named engine.
+        std::vector<unsigned char> p(52, 0);
+        const auto code = static_cast<uint16_t>(r.Int(1, 0xFFFF));
+        p[0] = static_cast<unsigned char>(code & 0xFF);
+        p[1] = static_cast<unsigned char>(code >> 8);
+        const std::string name = "ENGINE-" + std::to_string(code);
+        std::copy(name.begin(), name.end(), p.begin() + 4);
+        out.push_back({f.startMs, 6779, p});
+        return out;
+    }
+    out.push_back({f.startMs, 6729, TriggerPayload(r)});
+    if (f.kind == FaultKind::UpgradeTrigger && f.b > 0) {
+        out.push_back({f.startMs + f.b, 6729, TriggerPayload(r)});
+    }
+    return out;
+}
 
 Phase DrawPhase(Rng& r, bool engineOn, double speed) {
     Phase p;
@@ -313,6 +381,22 @@ Schedule Draw(uint64_t seed, double hours) {
             case FaultKind::BusMessages:
                 f.a = static_cast<int>(r.Int(1, 40));
                 break;
+            // upgrades and calibrations
+            case FaultKind::UpgradeTrigger:
+                f.a = DrawUpgradeFile(r);
+                // A transfer of up to 64 chunks at 10-60 ms each: a second trigger within 1.5 s
+                // mostly comes while it runs.
+                f.b = r.Chance(0.5) ? static_cast<int>(Grain(r.Int(100, 1500))) : 0;
+                break;
+            case FaultKind::UpgradeBox: {
+                f.a = static_cast<int>(r.Int(0, kUpgradeBoxFaultCount - 1));
+                const long long params[][2] = {{0, 4}, {0, 40}, {1, 4}, {50, 900}};
+                f.b = static_cast<int>(r.Int(params[f.a][0], params[f.a][1]));
+                break;
+            }
+            case FaultKind::Calibration:
+                f.a = static_cast<int>(r.Int(0, 2));
+                break;
             default:
                 break;
         }
@@ -333,6 +417,30 @@ Schedule Draw(uint64_t seed, double hours) {
         f.startMs = Grain(r.Int(totalMs * 7 / 10, totalMs - 1000));
         f.endMs = totalMs;
         s.faults.push_back(f);
+    }
+    // Upgrades and calibrations where they are hardest: an upgrade after a power-down, a
+    // calibration during an upgrade.
+    if (!s.faults.empty() && s.faults.back().kind == FaultKind::PowerDown && r.Chance(0.5)) {
+        Fault f;
+        f.kind = FaultKind::UpgradeTrigger;
+        f.startMs = Grain(r.Int(s.faults.back().startMs, totalMs - 500));
+        f.endMs = std::min(totalMs, f.startMs + 30000);
+        f.a = DrawUpgradeFile(r);
+        f.seed = r.Next();
+        s.faults.push_back(f);
+    }
+    std::vector<size_t> upgrades;
+    for (size_t i = 0; i < s.faults.size(); ++i) {
+        const FaultKind k = s.faults[i].kind;
+        if (k == FaultKind::UpgradeTrigger || k == FaultKind::UpgradeBox) upgrades.push_back(i);
+    }
+    for (Fault& c : s.faults) {
+        if (c.kind != FaultKind::Calibration || upgrades.empty() || !r.Chance(0.3)) continue;
+        const Fault& u = s.faults[upgrades[static_cast<size_t>(
+            r.Int(0, static_cast<long long>(upgrades.size()) - 1))]];
+        const long long length = c.endMs - c.startMs;
+        c.startMs = std::min(totalMs - 100, Grain(u.startMs + r.Int(100, 5000)));
+        c.endMs = std::min(totalMs, c.startMs + length);
     }
     std::stable_sort(s.faults.begin(), s.faults.end(),
                      [](const Fault& x, const Fault& y) { return x.startMs < y.startMs; });
@@ -355,6 +463,7 @@ obdsim::Drive BuildDrive(const Schedule& s) {
 }
 
 std::vector<Inbound> Messages(const Fault& f) {
+    if (IsUpgradeKind(f.kind)) return UpgradeMessages(f);
     std::vector<Inbound> out;
     if (f.kind != FaultKind::BusMessages) return out;
     Rng r(f.seed);
@@ -392,6 +501,31 @@ std::vector<Inbound> Messages(const Fault& f) {
     }
     std::stable_sort(out.begin(), out.end(),
                      [](const Inbound& x, const Inbound& y) { return x.tMs < y.tMs; });
+    return out;
+}
+
+std::vector<FileAction> UpgradeFiles(const Fault& f) {
+    std::vector<FileAction> out;
+    if (f.kind != FaultKind::UpgradeTrigger && f.kind != FaultKind::UpgradeBox) return out;
+    Rng r(f.seed);
+    const int variant = f.kind == FaultKind::UpgradeBox ? kFileGood : f.a;
+    switch (variant) {
+        case kFileMissing:
+            out.push_back({f.startMs, false, {}});
+            break;
+        case kFileEmpty:
+            out.push_back({f.startMs, true, {}});
+            break;
+        case kFileChanging: {
+            out.push_back({f.startMs, true, Image(r)});
+            const long long at = f.startMs + Grain(r.Int(100, 3000));
+            out.push_back({at, true, Image(r)});
+            break;
+        }
+        default:
+            out.push_back({f.startMs, true, Image(r)});
+            break;
+    }
     return out;
 }
 
@@ -433,6 +567,27 @@ obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms) {
                 break;
             case FaultKind::BadChecksum:
                 s.badChecksum = true;
+                break;
+            // upgrades and calibrations
+            case FaultKind::UpgradeTrigger:
+                // A box that takes its time to store each chunk, as a real one does: the
+                // transfer lasts long enough for a second trigger to come during it.
+                s.upgradeFlashMs = std::max(s.upgradeFlashMs, UpgradeFlashMs(f));
+                break;
+            case FaultKind::UpgradeBox:
+                if (f.a == kRefuseStep) {
+                    s.upgradeRefuseStep = kUpgradeSteps[std::clamp(f.b, 0, 4)];
+                } else if (f.a == kSilentAfterChunks) {
+                    s.upgradeSilentAfterChunks = f.b;
+                } else if (f.a == kDropChunkAnswers) {
+                    s.upgradeDropEveryNthChunk = std::max(1, f.b);
+                } else {
+                    s.upgradeFlashMs = std::max(s.upgradeFlashMs, f.b);
+                }
+                break;
+            case FaultKind::Calibration:
+                s.engineRefused = s.engineRefused || f.a == 1;
+                s.engineUnanswered = s.engineUnanswered || f.a == 2;
                 break;
             default:
                 break;
@@ -551,6 +706,13 @@ bool FromJson(const std::string& text, Schedule& s, std::string& error) {
             ft.seed = f.at("seed").get<uint64_t>();
             if (ft.startMs < 0 || ft.endMs < ft.startMs || ft.a < 0 || ft.a > 100000) {
                 throw std::runtime_error("bad fault window or parameter");
+            }
+            const int kinds[] = {kUpgradeFileCount, kUpgradeBoxFaultCount, 3};
+            if (IsUpgradeKind(ft.kind) &&
+                (ft.a >= kinds[static_cast<int>(ft.kind) -
+                               static_cast<int>(FaultKind::UpgradeTrigger)] ||
+                 ft.b < 0 || ft.b > 100000)) {
+                throw std::runtime_error("bad upgrade or calibration parameter");
             }
             out.faults.push_back(ft);
         }

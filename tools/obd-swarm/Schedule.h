@@ -63,6 +63,14 @@ enum class FaultKind {
     BadValues,    // item `b` (-1: all) reads NaN, infinite, negative or out of range (`a`)
     BusMessages,  // `a` inbound messages of the handled ids, random payload sizes (`seed`)
     PowerDown,    // the power-down message at the start; lasts to the end of the run
+    // Upgrades and calibrations (UpgradeFiles, Messages): what the recorder's services ask for.
+    UpgradeTrigger,  // the upgrade file as `a` (UpgradeFile) just before a trigger at the start;
+                     // `b` > 0: a second trigger `b` ms later, during the first's transfer;
+                     // over the window the box takes 10-60 ms (by `seed`) to store a chunk
+    UpgradeBox,      // a good file and a trigger at the start; over the window the box misbehaves
+                     // during the upgrade as `a` (UpgradeBoxFault) with `b` its parameter
+    Calibration,     // the engine calibration message at the start; over the window the box
+                     // answers it (`a` 0), refuses it (1) or stays silent (2)
     // Host-side faults.
     InertialGap,  // the host sends no inertial samples in the window
     Release,      // the host releases the plug-in at the start, whatever is in flight: the run
@@ -84,6 +92,21 @@ struct Fault {
 
 // The values BadValues puts in (a = 0..4).
 enum BadValue { kNaN, kPlusInf, kMinusInf, kNegative, kOutOfRange, kBadValueCount };
+
+// The upgrade file an UpgradeTrigger leaves (a = 0..3): a good one, none, an empty one, or a good
+// one rewritten with other bytes while its transfer runs.
+enum UpgradeFile { kFileGood, kFileMissing, kFileEmpty, kFileChanging, kUpgradeFileCount };
+// An UpgradeBox's box (a = 0..3): refuses step `b` (0..4: start, name, chunk, MD5, end), falls
+// silent after `b` chunks, drops every `b`th chunk answer, spends `b` ms flashing each chunk.
+enum UpgradeBoxFault {
+    kRefuseStep,
+    kSilentAfterChunks,
+    kDropChunkAnswers,
+    kSlowFlash,
+    kUpgradeBoxFaultCount
+};
+// The upgrade files are at most this big: 64 chunks, which the upgrade-ends bound allows for.
+constexpr int kMaxUpgradeFile = 16384;
 
 struct Schedule {
     uint64_t seed = 0;
@@ -112,8 +135,17 @@ struct Inbound {
 
 Schedule Draw(uint64_t seed, double hours);
 obdsim::Drive BuildDrive(const Schedule& s);
-// The messages a BusMessages fault delivers, in time order, within its window.
+// The messages a fault delivers, in time order: a BusMessages fault's within its window, the
+// upgrade triggers and the calibration message of the upgrade and calibration kinds.
 std::vector<Inbound> Messages(const Fault& f);
+// What an upgrade fault does to the upgrade file, in time order: (re)written with `bytes`, or
+// removed (`present` false). Nothing for the other kinds.
+struct FileAction {
+    long long tMs;
+    bool present;
+    std::vector<unsigned char> bytes;
+};
+std::vector<FileAction> UpgradeFiles(const Fault& f);
 // What the box's faults hold at host time `ms`.
 obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms);
 // Applies the BadValues faults open at `ms` to a frame's items (box ids 1..59).

@@ -28,6 +28,7 @@
 #include "Agreement.h"
 #include "HostSim.h"
 #include "Invariants.h"
+#include "PrivateFile.h"
 #include "Schedule.h"
 #include "Session.h"
 #include "Table.h"
@@ -142,6 +143,21 @@ int main(int argc, char** argv) {
     if (seedOption->count() == 0 && replayOption->count() == 0) {
         return Fail("--seed S or --replay FILE is needed", 2);
     }
+    // Before any thread: the namespace is granted to a single-threaded process only.
+    const std::string upgradeFile = OBD_UPGRADE_FILE_PATH;
+    {
+        std::string note;
+        const obdswarm::FileIsolation how = obdswarm::IsolateUpgradeFile(upgradeFile, note);
+        if (how == obdswarm::FileIsolation::Failed) {
+            return Fail("cannot make " + upgradeFile + " this run's own: " + note, 1);
+        }
+        if (how == obdswarm::FileIsolation::Lock) {
+            std::fprintf(stderr,
+                         "obd-swarm: no private upgrade file (%s): runs that share %s take turns\n",
+                         note.c_str(), upgradeFile.c_str());
+        }
+        ::unlink(upgradeFile.c_str());  // a run's file is the one its schedule writes
+    }
     obdswarm::Schedule schedule;
     std::string reproduce;
     if (!replay.empty()) {
@@ -169,7 +185,9 @@ int main(int argc, char** argv) {
 
     std::map<std::string, int> byKind;
     std::vector<obdswarm::Inbound> inbound;
+    std::vector<obdswarm::FileAction> files;
     for (const obdswarm::Fault& f : schedule.faults) {
+        for (obdswarm::FileAction& a : obdswarm::UpgradeFiles(f)) files.push_back(std::move(a));
         ++byKind[obdswarm::FaultName(f.kind)];
         if (f.kind == obdswarm::FaultKind::PowerDown) {
             inbound.push_back({f.startMs, 1194, {}});
@@ -179,6 +197,9 @@ int main(int argc, char** argv) {
     std::stable_sort(
         inbound.begin(), inbound.end(),
         [](const obdswarm::Inbound& a, const obdswarm::Inbound& b) { return a.tMs < b.tMs; });
+    std::stable_sort(
+        files.begin(), files.end(),
+        [](const obdswarm::FileAction& a, const obdswarm::FileAction& b) { return a.tMs < b.tMs; });
     std::string faults;
     for (const auto& [kind, n] : byKind) {
         faults += (faults.empty() ? "" : " ") + kind + " " + std::to_string(n);
@@ -232,6 +253,7 @@ int main(int argc, char** argv) {
         b.faultSchedule = [&schedule](double ms) {
             return obdswarm::BoxFaults(schedule.faults, ms);
         };
+        b.onInstalled = [&checker] { checker.OnBoxInstalled(hostsim::ClockNowMs()); };
     };
     o.sixAxisHeld = [&schedule](long long tMs) {
         return obdswarm::InertialHeld(schedule.faults, tMs);
@@ -282,16 +304,33 @@ int main(int argc, char** argv) {
                              "obd-swarm: alarms not compared with a reference analyser: %s\n",
                              error.c_str());
             }
-            size_t next = 0;
+            size_t next = 0, nextFile = 0;
             long long nextMemoryMs = 0;
             const long long reached = session.RunUntil(endMs, kStepMs, [&](long long now) {
                 g_hostMs = now;
+                checker.OnFileSeen(now, ::access(upgradeFile.c_str(), F_OK) == 0);
+                // The file is written just before the trigger of the same instant.
+                while (nextFile < files.size() && files[nextFile].tMs <= now) {
+                    const obdswarm::FileAction& a = files[nextFile++];
+                    if (a.present) {
+                        std::ofstream file(upgradeFile, std::ios::binary | std::ios::trunc);
+                        file.write(reinterpret_cast<const char*>(a.bytes.data()),
+                                   static_cast<std::streamsize>(a.bytes.size()));
+                    } else {
+                        ::unlink(upgradeFile.c_str());
+                    }
+                    if (trace) {
+                        std::fprintf(stderr, "[%lld ms] upgrade file %s, %zu bytes\n", now,
+                                     a.present ? "written" : "removed", a.bytes.size());
+                    }
+                    checker.OnUpgradeFile(now, a.present);
+                }
                 while (next < inbound.size() && inbound[next].tMs <= now) {
                     if (trace) {
                         std::fprintf(stderr, "[%lld ms] inject %d, %zu bytes\n", now,
                                      inbound[next].id, inbound[next].payload.size());
                     }
-                    checker.OnInject(now, inbound[next].id);
+                    checker.OnInject(now, inbound[next].id, inbound[next].payload.size());
                     agreement.OnInject(inbound[next].id, inbound[next].payload);
                     hostsim::BusInject(inbound[next].id, inbound[next].payload);
                     ++next;
@@ -325,6 +364,11 @@ int main(int argc, char** argv) {
         j["mode"] = mode;
         j["faults"] = byKind;
         j["alarms_compared"] = agreement.Compared();
+        const obdswarm::UpgradeTally t = checker.Tally();
+        j["upgrades"] = {
+            {"succeeded", t.succeeded}, {"failed", t.failed}, {"longest_ms", t.longestUpgradeMs}};
+        j["calibrations"] = {{"answers", t.calibrationAnswers},
+                             {"longest_ms", t.longestCalibrationMs}};
         j["result"] = v.name.empty() ? "ok" : "violation";
         if (!v.name.empty()) {
             j["invariant"] = v.name;

@@ -236,8 +236,16 @@ int COBDCtrl::OBD_CfgEngine(void* engine) {
     payload[0] = static_cast<unsigned char>(rec.engine_id >> 8);
     payload[1] = static_cast<unsigned char>(rec.engine_id & 0xFF);
     _OBD_PkgInData_t in{kCfgEnginePayload, reinterpret_cast<char*>(payload)};
-    return OBD_SendCmd(OBD_CMD_CFG_ENGINE, OBD_CMD_CFG_ENGINE_ACK, &in, OBD_CMD_TIMEOUT_MS,
-                       OBD_CMD_RETRIES);
+    const int r = OBD_SendCmd(OBD_CMD_CFG_ENGINE, OBD_CMD_CFG_ENGINE_ACK, &in, OBD_CMD_TIMEOUT_MS,
+                              OBD_CMD_RETRIES);
+    // A box that never answered (or, behind the CAN box, was never asked) would leave the
+    // requester of the calibration waiting for good: it is told of the failure. A local, not
+    // m_demarcateResult, which the receiving thread writes.
+    if (r != 0 && m_pOwner != nullptr) {
+        int failed = -1;
+        m_pOwner->UpdateDevInfo(ID_DATA_DEMARCATE_RESULT, &failed);
+    }
+    return r;
 }
 
 int COBDCtrl::OBD_CfgScanTimeLevel(void* levels) {
