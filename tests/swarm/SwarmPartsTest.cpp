@@ -8,6 +8,7 @@
 #include <limits>
 #include <set>
 
+#include "BoxEmulator.h"
 #include "Invariants.h"
 #include "ObdBusRecords.h"
 #include "ObdTypes.h"
@@ -122,6 +123,132 @@ TEST(Schedule, BadValuesAndInboundMessages) {
     EXPECT_EQ(ids.size(), InboundIds().size());
     EXPECT_EQ(ids.count(MSG_POWER_DOWN), 0u);  // a fault of its own
     EXPECT_EQ(sizes, (std::set<std::string>{"short", "exact", "long"}));
+}
+
+// The line and box faults: drawn with their parameters over their ranges, by name both ways, and
+// back from JSON as written.
+TEST(Schedule, LineAndBoxFaultsAreDrawnNamedAndReadBack) {
+    std::set<std::string> seen;
+    std::set<int> escapeConventions;
+    bool lateShort = false, lateLong = false;
+    for (uint64_t seed = 1; seed <= 300; ++seed) {
+        const Schedule s = Draw(seed, 1);
+        for (const Fault& f : s.faults) {
+            seen.insert(FaultName(f.kind));
+            switch (f.kind) {
+                case FaultKind::Duplicate:
+                    EXPECT_GE(f.a, 1);
+                    EXPECT_LE(f.a, 4);
+                    break;
+                case FaultKind::Escaped:
+                    escapeConventions.insert(f.a);
+                    break;
+                case FaultKind::LateAnswers:
+                    EXPECT_GE(f.a, 20);
+                    EXPECT_LE(f.a, 7000);
+                    // The command waits 2000 ms and polls every 50 ms.
+                    (f.a < 2050 ? lateShort : lateLong) = true;
+                    break;
+                case FaultKind::Restart:
+                    EXPECT_GE(f.endMs - f.startMs, 300);
+                    EXPECT_LE(f.endMs - f.startMs, 8000);
+                    break;
+                default:
+                    break;
+            }
+        }
+    }
+    for (const char* name : {"duplicate", "escaped", "late-answers", "refusals", "restart"}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(seen.count(name), 1u);
+        FaultKind k = FaultKind::Count;
+        ASSERT_TRUE(FaultByName(name, k));
+        EXPECT_STREQ(FaultName(k), name);
+    }
+    EXPECT_EQ(escapeConventions, (std::set<int>{0, 1}));
+    EXPECT_TRUE(lateShort && lateLong);
+
+    Schedule s = Draw(3, 0.1);
+    s.faults = {{FaultKind::Duplicate, 6000, 9000, 3, 0, 0},
+                {FaultKind::Escaped, 7000, 8000, 1, 0, 99},
+                {FaultKind::LateAnswers, 8000, 12000, 4100, 0, 0},
+                {FaultKind::Refusals, 9000, 10000, 0, 0, 0},
+                {FaultKind::Restart, 11000, 11700, 0, 0, 0}};
+    Schedule back;
+    std::string error;
+    ASSERT_TRUE(FromJson(ToJson(s), back, error)) << error;
+    EXPECT_EQ(ToJson(back), ToJson(s));
+    ASSERT_EQ(back.faults.size(), 5u);
+    EXPECT_EQ(back.faults[1].kind, FaultKind::Escaped);
+    EXPECT_EQ(back.faults[2].a, 4100);
+}
+
+TEST(Schedule, LineAndBoxFaultsReachTheBoxInsideTheirWindowsOnly) {
+    const std::vector<Fault> faults = {{FaultKind::Duplicate, 1000, 2000, 3, 0, 0},
+                                       {FaultKind::Escaped, 1500, 2500, 1, 0, 0},
+                                       {FaultKind::LateAnswers, 3000, 4000, 2600, 0, 0},
+                                       {FaultKind::Refusals, 3500, 4000, 0, 0, 0},
+                                       {FaultKind::Restart, 5000, 5400, 0, 0, 0}};
+    const struct {
+        double ms;
+        int duplicate;
+        bool escape, counts;
+        double delay;
+        bool refuse;
+        double restart, next;
+    } rows[] = {{999, 0, false, false, 0, false, -1, 1000},
+                {1000, 3, false, false, 0, false, -1, 1500},
+                {1500, 3, true, true, 0, false, -1, 2000},
+                {2000, 0, true, true, 0, false, -1, 2500},
+                {3600, 0, false, false, 2600, true, -1, 4000},
+                {5000, 0, false, false, 0, false, 5000, 5400},
+                {5399, 0, false, false, 0, false, 5000, 5400},
+                {5400, 0, false, false, 0, false, -1, -1}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.ms);
+        const obdbox::FaultState s = BoxFaults(faults, r.ms);
+        EXPECT_EQ(s.duplicateEveryNth, r.duplicate);
+        EXPECT_EQ(s.escape, r.escape);
+        EXPECT_EQ(s.escapeCountsInLength, r.counts);
+        EXPECT_EQ(s.answerDelayMs, r.delay);
+        EXPECT_EQ(s.refuse, r.refuse);
+        EXPECT_EQ(s.restartMs, r.restart);
+        EXPECT_EQ(s.nextChangeMs, r.next);
+    }
+}
+
+// In an escaped window every data frame holds escape pairs, whichever the items: the values'
+// low bytes carry 7D, 7E or 7F; they move by less than 256 units in the last place, and not
+// at all outside the window.
+TEST(Schedule, EscapedWindowsPutEscapedBytesIntoEveryFrame) {
+    const std::vector<Fault> faults = {{FaultKind::Escaped, 1000, 60000, 0, 0, 77}};
+    const obdbox::DataItems original = {{7, 850.0f}, {8, 0.0f}, {9, 13.8f}, {10, 88.0f}};
+    int pairs = 0;
+    for (long long ms = 1000; ms < 60000; ms += 1000) {
+        obdbox::DataItems items = original;
+        AlterValues(faults, ms, items);
+        std::vector<uint8_t> payload;
+        for (size_t i = 0; i < items.size(); ++i) {
+            uint32_t was = 0, now = 0;
+            std::memcpy(&was, &original[i].second, 4);
+            std::memcpy(&now, &items[i].second, 4);
+            EXPECT_EQ(was >> 8, now >> 8) << ms;
+            payload.push_back(items[i].first);
+            payload.insert(payload.end(),
+                           {static_cast<uint8_t>(now), static_cast<uint8_t>(now >> 8),
+                            static_cast<uint8_t>(now >> 16), static_cast<uint8_t>(now >> 24)});
+        }
+        const auto escaped =
+            obdbox::BoxEmulator::EncodeFrame(0x2C81, payload, 1, true, false, false);
+        const auto plain =
+            obdbox::BoxEmulator::EncodeFrame(0x2C81, payload, 1, false, false, false);
+        EXPECT_GT(escaped.size(), plain.size()) << ms;
+        pairs += static_cast<int>(escaped.size() - plain.size());
+    }
+    EXPECT_GT(pairs, 59 * 3 / 2);  // about half the items each time
+    obdbox::DataItems outside = original;
+    AlterValues(faults, 60000, outside);
+    EXPECT_EQ(outside, original);
 }
 
 // ---- The checker ---------------------------------------------------------------------------
@@ -384,6 +511,114 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
         {"a release of 1.5 s", {}, [](Checker& c) { c.OnRelease(9000, 1500); }, "release", 9000},
         {"a release of 0.2 s", {}, [](Checker& c) { c.OnRelease(9000, 200); }, "", -1},
         {"a run that stops early", {}, [](Checker& c) { c.OnEnd(9000, 4000); }, "run-ends", 4000},
+        // The line and box faults.
+        {"a restart, the stream back 20 s after",
+         {{FaultKind::Restart, 5500, 6000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 25, true, 14);
+             Healthy(c, 26, 30);
+         },
+         "",
+         -1},
+        {"a restart, the stream never back",
+         {{FaultKind::Restart, 5500, 6000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 60, true, 14);
+         },
+         "stream-back",
+         51200},
+        {"a restart, a silent window after it puts the bound back",
+         {{FaultKind::Restart, 5500, 6000, 0, 0, 0}, {FaultKind::Silent, 30000, 40000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 80, true, 14);
+             Healthy(c, 81, 85);
+         },
+         "",
+         -1},
+        {"an escaped frame not in the table",
+         {{FaultKind::Escaped, 1000, 9000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 3);
+             c.OnFrame(4000, {{7, 1.0f}});
+             c.OnBus(Table(4100, kFrame));
+         },
+         "data-to-table",
+         4100},
+        {"the first frame of a window counting the pairs waits for the next",
+         {{FaultKind::Escaped, 3500, 9000, 1, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 3);
+             c.OnFrame(4000, {{7, 1.0f}});
+             c.OnBus(Table(4100, kFrame));
+             c.OnFrame(5000, {{7, 2.0f}});
+             c.OnBus(Table(5100, {{7, 2.0f}}));
+         },
+         "",
+         -1},
+        {"the second frame of that window not in the table",
+         {{FaultKind::Escaped, 3500, 9000, 1, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 3);
+             c.OnFrame(4000, {{7, 1.0f}});
+             c.OnBus(Table(4100, {{7, 1.0f}}));
+             c.OnFrame(5000, {{7, 2.0f}});
+             c.OnBus(Table(5100, {{7, 1.0f}}));
+         },
+         "data-to-table",
+         5100},
+        {"escaped with a wrong checksum: not in the table, the link down while frames come",
+         {{FaultKind::Escaped, 5500, 40000, 0, 0, 0},
+          {FaultKind::BadChecksum, 5500, 30000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             for (int s = 6; s <= 29; ++s) {
+                 c.OnFrame(s * 1000LL, {{7, 1.0f}});
+                 c.OnBus(Table(s * 1000LL + 100, kFrame));
+                 c.OnBus(
+                     Message(MSG_GDS_ALARM, s * 1000LL + 100, std::vector<unsigned char>(208, 0)));
+                 if (s == 14) c.OnBus(Status(s * 1000LL + 100, false));
+                 c.Step(s * 1000LL + 200);
+             }
+             Healthy(c, 30, 31);
+         },
+         "",
+         -1},
+        {"escaped with a wrong checksum, then no frame and the link up",
+         {{FaultKind::Escaped, 5500, 40000, 0, 0, 0},
+          {FaultKind::BadChecksum, 5500, 20000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             for (int s = 6; s <= 19; ++s) {
+                 c.OnFrame(s * 1000LL, {{7, 1.0f}});
+                 BroadcastsOnly(c, s, s);
+             }
+             BroadcastsOnly(c, 20, 35);
+         },
+         "link-down",
+         31200},
+        {"an upgrade of 90 s in a window of late answers",
+         {{FaultKind::LateAnswers, 5000, 60000, 4000, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             FramesOnly(c, 6, 95);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 96000, 9, false));
+             Healthy(c, 97, 98);
+         },
+         "",
+         -1},
+        {"an upgrade still running 60 s after the late answers",
+         {{FaultKind::LateAnswers, 5000, 30000, 4000, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             FramesOnly(c, 6, 95);
+         },
+         "upgrade-ends",
+         90200},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
