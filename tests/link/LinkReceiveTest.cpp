@@ -343,6 +343,12 @@ TEST_F(LinkTest, EscapedFrameByteByByteIsTakenByTheBoxsLengthConvention) {
          plain,
          true,
          false},
+        {"pairs in L, once a frame with garbage after it showed it",
+         {Cat({Escaped(DataFrame(3, plain), false), link}),
+          Cat({Escaped(DataFrame(3, plain), true), kGarbage, link})},
+         plain,
+         true,
+         true},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);

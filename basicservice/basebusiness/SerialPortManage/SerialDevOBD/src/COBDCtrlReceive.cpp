@@ -131,11 +131,14 @@ int MatchEscapedFrame(const unsigned char* f, int avail, char* plain, int* plain
     }
     if (at >= avail) return canWait ? -1 : shorterOnly();
     const int unescaped = at + 1;
-    if (unescaped != countsPairs && ChecksumMatches(f, unescaped, plain, plainLen) &&
-        (shorter <= 0 || HeadMayStartAt(f + unescaped, avail - unescaped))) {
+    const bool longerMatches =
+        unescaped != countsPairs && ChecksumMatches(f, unescaped, plain, plainLen);
+    if (longerMatches && (shorter <= 0 || HeadMayStartAt(f + unescaped, avail - unescaped))) {
         *countsPairsSeen = 0;
         return unescaped;
     }
+    // Only the shorter reading matches, the longer one being whole: the box counts its pairs.
+    if (!longerMatches && shorter > 0 && unescaped != countsPairs) *countsPairsSeen = 1;
     return shorterOnly();
 }
 
