@@ -558,6 +558,15 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          },
          "",
          -1},
+        {"back to counting the pairs after a window inside that did not",
+         {{FaultKind::Escaped, 1500, 9000, 1, 0, 0}, {FaultKind::Escaped, 2500, 3500, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 3);
+             c.OnFrame(4000, {{7, 1.0f}});
+             c.OnBus(Table(4100, kFrame));
+         },
+         "",
+         -1},
         {"the second frame of that window not in the table",
          {{FaultKind::Escaped, 3500, 9000, 1, 0, 0}},
          [](Checker& c) {

@@ -45,7 +45,6 @@ Checker::Checker(std::vector<Fault> faults, Bounds bounds)
         if (f.kind == FaultKind::Restart) m_restartEnds.push_back(f.endMs);
     }
     std::sort(m_restartEnds.begin(), m_restartEnds.end());
-    m_windowSeen.assign(m_faults.size(), false);
 }
 
 bool Checker::Open(FaultKind kind, long long tMs) const {
@@ -157,14 +156,15 @@ void Checker::OnFrame(long long tMs, const obdbox::DataItems& items) {
     m_lastFrameMs = tMs;
     const bool unreadable = Unreadable(tMs);
     bool owed = !unreadable;
-    for (size_t i = 0; i < m_faults.size(); ++i) {
-        const Fault& f = m_faults[i];
-        if (f.kind != FaultKind::Escaped || tMs < f.startMs || tMs >= f.endMs) continue;
-        if (f.a != 0 && !m_windowSeen[i]) owed = false;
-        m_windowSeen[i] = true;
+    const obdbox::FaultState box = BoxFaults(m_faults, static_cast<double>(tMs));
+    if (box.escape) {
+        // The first frame that counts its pairs after one that did not (or after the start).
+        if (box.escapeCountsInLength && !m_countsPairs) owed = false;
+        m_countsPairs = box.escapeCountsInLength;
     }
     // A wrong checksum alone does not spoil a frame: the plug-in's receiver does not verify it.
-    if (!unreadable) {
+    // A frame not owed reaches the plug-in late or not at all: the link checks wait for the next.
+    if (owed) {
         if (tMs > m_lastCleanMs) m_prevCleanMs = m_lastCleanMs;
         m_lastCleanMs = tMs;
         if (m_link != 1 && m_backSinceMs < 0) m_backSinceMs = tMs;

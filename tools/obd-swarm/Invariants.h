@@ -30,13 +30,13 @@
 //                    answers stop is judged like any silence: down after 6..12 s, up within 3 s);
 //                    late answers restart the upgrade-ends bound at their window's end;
 //  escaped           escaped frames, under either length convention, are read whole, with two
-//                    exceptions. The plug-in learns the box's convention from its frames (L
-//                    unescaped to begin with): the first data frame of a window that counts the
-//                    pairs in L may wait for the next bytes, so it is owed to no broadcast. And a
-//                    frame sent while an escaped window and a bad-checksum window are both open
-//                    cannot be told from a cut one (the checksum decides between the readings):
-//                    it is owed to no broadcast and does not count as a frame for link-down-early
-//                    and link-up; link-down measures from the last frame of any kind.
+//                    exceptions, each frame owed to no broadcast and not counted as a frame for
+//                    link-down-early and link-up (link-down measures from the last frame of any
+//                    kind). The plug-in learns the box's convention from its frames (L unescaped
+//                    to begin with): the first frame that counts its pairs in L after one that
+//                    did not may wait for the next bytes. And a frame sent while an escaped
+//                    window and a bad-checksum window are both open cannot be told from a cut
+//                    one (the checksum decides between the readings).
 // A crash and a hang are caught around the run (the process, a real-time watchdog).
 //
 // Every call may come from any thread (the box's, the bus's, the stepping one).
@@ -126,7 +126,7 @@ class Checker {
     long long m_rssBaseKb = -1;
     long long m_lastFrameMs = -1;          // any data frame, readable or not
     std::vector<long long> m_restartEnds;  // the restarts still to be checked, by time
-    std::vector<bool> m_windowSeen;        // a data frame was sent in m_faults[i]'s window
+    bool m_countsPairs = false;            // the last escaped frame's length convention
 };
 
 // Host time as H:MM:SS.
