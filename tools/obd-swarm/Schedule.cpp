@@ -49,7 +49,7 @@ struct FaultDraw {
 };
 const FaultDraw kFaultDraws[] = {
     {FaultKind::Silent, 3, 1, 40},
-    {FaultKind::StreamHeld, 2, 1, 40},
+    {FaultKind::StreamHeld, 2, 1, 120},
     {FaultKind::Garbage, 2, 5, 120},
     {FaultKind::Split, 3, 5, 300},
     {FaultKind::DropAnswers, 2, 5, 60},
