@@ -319,6 +319,8 @@ TEST_F(LinkTest, EscapedFrameByteByByteIsTakenByTheBoxsLengthConvention) {
     const Bytes link = BoxFrame(0x2C10);
     const float lucky = FloatOf({0x7D, 0x7F, 0xB4, 0x42});  // the shorter reading matches too
     const float plain = FloatOf({0x7D, 0x7F, 0x20, 0x42});  // it does not
+    const Bytes unescaped = Cat({Escaped(DataFrame(3, plain), false), link});
+    const Bytes counted = Cat({Escaped(DataFrame(3, plain), true), link});
     const struct {
         const char* name;
         std::vector<Bytes> before;  // frames that show the box's convention, read whole
@@ -327,32 +329,18 @@ TEST_F(LinkTest, EscapedFrameByteByByteIsTakenByTheBoxsLengthConvention) {
         bool atLastByte;  // dispatched at its last byte; else once the next head is in
     } rows[] = {
         {"L unescaped, as a box starts", {}, lucky, false, true},
-        {"L unescaped, once the box stopped counting",
-         {Cat({Escaped(DataFrame(3, plain), true), link}),
-          Cat({Escaped(DataFrame(3, plain), false), link})},
-         lucky,
-         false,
-         true},
-        {"pairs in L, from a box known to count them",
-         {Cat({Escaped(DataFrame(3, plain), true), link})},
-         plain,
-         true,
-         true},
-        {"pairs in L, from a box known not to",
-         {Cat({Escaped(DataFrame(3, plain), false), link})},
-         plain,
-         true,
-         false},
+        {"L unescaped, once the box stopped counting", {counted, unescaped}, lucky, false, true},
+        {"pairs in L, from a box known to count them", {counted}, plain, true, true},
+        {"pairs in L, from a box known not to", {unescaped}, plain, true, false},
         {"pairs in L, once a frame with garbage after it showed it",
-         {Cat({Escaped(DataFrame(3, plain), false), link}),
-          Cat({Escaped(DataFrame(3, plain), true), kGarbage, link})},
+         {Cat({Escaped(DataFrame(3, plain), true), kGarbage, link})},
          plain,
          true,
          true},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
-        Feed(Cat({Escaped(DataFrame(3, plain), false), link}));  // back to the start's convention
+        Feed(unescaped);  // back to the start's convention
         for (const Bytes& b : r.before) Feed(b);
         Feed(DataFrame(10, -1.0f));
         fakehost::Reset();

@@ -7,6 +7,7 @@
 #include <functional>
 #include <limits>
 #include <set>
+#include <tuple>
 
 #include "BoxEmulator.h"
 #include "Invariants.h"
@@ -125,70 +126,38 @@ TEST(Schedule, BadValuesAndInboundMessages) {
     EXPECT_EQ(sizes, (std::set<std::string>{"short", "exact", "long"}));
 }
 
-// The line and box faults: drawn with their parameters over their ranges, by name both ways, and
-// back from JSON as written.
-TEST(Schedule, LineAndBoxFaultsAreDrawnNamedAndReadBack) {
+// The line and box faults: drawn over their parameters' ranges, named both ways, read back, and
+// reaching the box inside their windows only.
+TEST(Schedule, LineAndBoxFaultsAreDrawnNamedAndReachTheBox) {
     std::set<std::string> seen;
-    std::set<int> escapeConventions;
-    bool lateShort = false, lateLong = false;
+    std::set<int> conventions, lateVsTimeout;  // 0: within the command's 2050 ms, 1: past it
     for (uint64_t seed = 1; seed <= 300; ++seed) {
-        const Schedule s = Draw(seed, 1);
-        for (const Fault& f : s.faults) {
+        for (const Fault& f : Draw(seed, 1).faults) {
             seen.insert(FaultName(f.kind));
-            switch (f.kind) {
-                case FaultKind::Duplicate:
-                    EXPECT_GE(f.a, 1);
-                    EXPECT_LE(f.a, 4);
-                    break;
-                case FaultKind::Escaped:
-                    escapeConventions.insert(f.a);
-                    break;
-                case FaultKind::LateAnswers:
-                    EXPECT_GE(f.a, 20);
-                    EXPECT_LE(f.a, 7000);
-                    // The command waits 2000 ms and polls every 50 ms.
-                    (f.a < 2050 ? lateShort : lateLong) = true;
-                    break;
-                case FaultKind::Restart:
-                    EXPECT_GE(f.endMs - f.startMs, 300);
-                    EXPECT_LE(f.endMs - f.startMs, 8000);
-                    break;
-                default:
-                    break;
-            }
+            if (f.kind == FaultKind::Escaped) conventions.insert(f.a);
+            if (f.kind == FaultKind::LateAnswers) lateVsTimeout.insert(f.a >= 2050 ? 1 : 0);
+            EXPECT_TRUE(f.kind != FaultKind::Restart || f.endMs - f.startMs <= 8000);
         }
     }
     for (const char* name : {"duplicate", "escaped", "late-answers", "refusals", "restart"}) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(seen.count(name), 1u);
         FaultKind k = FaultKind::Count;
-        ASSERT_TRUE(FaultByName(name, k));
-        EXPECT_STREQ(FaultName(k), name);
+        EXPECT_TRUE(seen.count(name) == 1 && FaultByName(name, k) &&
+                    FaultName(k) == std::string(name))
+            << name;
     }
-    EXPECT_EQ(escapeConventions, (std::set<int>{0, 1}));
-    EXPECT_TRUE(lateShort && lateLong);
+    EXPECT_EQ(conventions, (std::set<int>{0, 1}));
+    EXPECT_EQ(lateVsTimeout, (std::set<int>{0, 1}));
 
     Schedule s = Draw(3, 0.1);
-    s.faults = {{FaultKind::Duplicate, 6000, 9000, 3, 0, 0},
-                {FaultKind::Escaped, 7000, 8000, 1, 0, 99},
-                {FaultKind::LateAnswers, 8000, 12000, 4100, 0, 0},
-                {FaultKind::Refusals, 9000, 10000, 0, 0, 0},
-                {FaultKind::Restart, 11000, 11700, 0, 0, 0}};
+    s.faults = {{FaultKind::Duplicate, 1000, 2000, 3, 0, 0},
+                {FaultKind::Escaped, 1500, 2500, 1, 0, 0},
+                {FaultKind::LateAnswers, 3000, 4000, 2600, 0, 0},
+                {FaultKind::Refusals, 3500, 4000, 0, 0, 0},
+                {FaultKind::Restart, 5000, 5400, 0, 0, 0}};
     Schedule back;
     std::string error;
     ASSERT_TRUE(FromJson(ToJson(s), back, error)) << error;
     EXPECT_EQ(ToJson(back), ToJson(s));
-    ASSERT_EQ(back.faults.size(), 5u);
-    EXPECT_EQ(back.faults[1].kind, FaultKind::Escaped);
-    EXPECT_EQ(back.faults[2].a, 4100);
-}
-
-TEST(Schedule, LineAndBoxFaultsReachTheBoxInsideTheirWindowsOnly) {
-    const std::vector<Fault> faults = {{FaultKind::Duplicate, 1000, 2000, 3, 0, 0},
-                                       {FaultKind::Escaped, 1500, 2500, 1, 0, 0},
-                                       {FaultKind::LateAnswers, 3000, 4000, 2600, 0, 0},
-                                       {FaultKind::Refusals, 3500, 4000, 0, 0, 0},
-                                       {FaultKind::Restart, 5000, 5400, 0, 0, 0}};
     const struct {
         double ms;
         int duplicate;
@@ -197,58 +166,46 @@ TEST(Schedule, LineAndBoxFaultsReachTheBoxInsideTheirWindowsOnly) {
         bool refuse;
         double restart, next;
     } rows[] = {{999, 0, false, false, 0, false, -1, 1000},
-                {1000, 3, false, false, 0, false, -1, 1500},
                 {1500, 3, true, true, 0, false, -1, 2000},
                 {2000, 0, true, true, 0, false, -1, 2500},
                 {3600, 0, false, false, 2600, true, -1, 4000},
-                {5000, 0, false, false, 0, false, 5000, 5400},
                 {5399, 0, false, false, 0, false, 5000, 5400},
                 {5400, 0, false, false, 0, false, -1, -1}};
     for (const auto& r : rows) {
         SCOPED_TRACE(r.ms);
-        const obdbox::FaultState s = BoxFaults(faults, r.ms);
-        EXPECT_EQ(s.duplicateEveryNth, r.duplicate);
-        EXPECT_EQ(s.escape, r.escape);
-        EXPECT_EQ(s.escapeCountsInLength, r.counts);
-        EXPECT_EQ(s.answerDelayMs, r.delay);
-        EXPECT_EQ(s.refuse, r.refuse);
-        EXPECT_EQ(s.restartMs, r.restart);
-        EXPECT_EQ(s.nextChangeMs, r.next);
+        const obdbox::FaultState b = BoxFaults(back.faults, r.ms);
+        EXPECT_EQ(
+            std::make_tuple(b.duplicateEveryNth, b.escape, b.escapeCountsInLength, b.answerDelayMs,
+                            b.refuse, b.restartMs, b.nextChangeMs),
+            std::make_tuple(r.duplicate, r.escape, r.counts, r.delay, r.refuse, r.restart, r.next));
     }
 }
 
-// In an escaped window every data frame holds escape pairs, whichever the items: the values'
-// low bytes carry 7D, 7E or 7F; they move by less than 256 units in the last place, and not
-// at all outside the window.
+// In an escaped window every data frame holds escape pairs: the values' low bytes carry 7D, 7E or
+// 7F (the rest of each value stays); outside it nothing changes.
 TEST(Schedule, EscapedWindowsPutEscapedBytesIntoEveryFrame) {
     const std::vector<Fault> faults = {{FaultKind::Escaped, 1000, 60000, 0, 0, 77}};
     const obdbox::DataItems original = {{7, 850.0f}, {8, 0.0f}, {9, 13.8f}, {10, 88.0f}};
-    int pairs = 0;
-    for (long long ms = 1000; ms < 60000; ms += 1000) {
+    size_t pairs = 0;
+    for (long long ms = 1000; ms <= 60000; ms += 1000) {
         obdbox::DataItems items = original;
         AlterValues(faults, ms, items);
         std::vector<uint8_t> payload;
         for (size_t i = 0; i < items.size(); ++i) {
-            uint32_t was = 0, now = 0;
-            std::memcpy(&was, &original[i].second, 4);
-            std::memcpy(&now, &items[i].second, 4);
-            EXPECT_EQ(was >> 8, now >> 8) << ms;
+            uint8_t was[4], now[4];
+            std::memcpy(was, &original[i].second, 4);
+            std::memcpy(now, &items[i].second, 4);
+            EXPECT_EQ(std::memcmp(was + 1, now + 1, 3), 0);
             payload.push_back(items[i].first);
-            payload.insert(payload.end(),
-                           {static_cast<uint8_t>(now), static_cast<uint8_t>(now >> 8),
-                            static_cast<uint8_t>(now >> 16), static_cast<uint8_t>(now >> 24)});
+            payload.insert(payload.end(), now, now + 4);
         }
-        const auto escaped =
-            obdbox::BoxEmulator::EncodeFrame(0x2C81, payload, 1, true, false, false);
-        const auto plain =
-            obdbox::BoxEmulator::EncodeFrame(0x2C81, payload, 1, false, false, false);
-        EXPECT_GT(escaped.size(), plain.size()) << ms;
-        pairs += static_cast<int>(escaped.size() - plain.size());
+        const size_t n =
+            obdbox::BoxEmulator::EncodeFrame(0x2C81, payload, 1, true, false, false).size() -
+            obdbox::BoxEmulator::EncodeFrame(0x2C81, payload, 1, false, false, false).size();
+        EXPECT_EQ(n > 0, ms < 60000) << ms;
+        pairs += n;
     }
-    EXPECT_GT(pairs, 59 * 3 / 2);  // about half the items each time
-    obdbox::DataItems outside = original;
-    AlterValues(faults, 60000, outside);
-    EXPECT_EQ(outside, original);
+    EXPECT_GT(pairs, 59u * 3 / 2);  // about half the items each time
 }
 
 // ---- The checker ---------------------------------------------------------------------------
@@ -529,52 +486,14 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          },
          "stream-back",
          51200},
-        {"a restart, a silent window after it puts the bound back",
-         {{FaultKind::Restart, 5500, 6000, 0, 0, 0}, {FaultKind::Silent, 30000, 40000, 0, 0, 0}},
-         [](Checker& c) {
-             Healthy(c, 1, 5);
-             BroadcastsOnly(c, 6, 80, true, 14);
-             Healthy(c, 81, 85);
-         },
-         "",
-         -1},
-        {"an escaped frame not in the table",
-         {{FaultKind::Escaped, 1000, 9000, 0, 0, 0}},
-         [](Checker& c) {
-             Healthy(c, 1, 3);
-             c.OnFrame(4000, {{7, 1.0f}});
-             c.OnBus(Table(4100, kFrame));
-         },
-         "data-to-table",
-         4100},
-        {"the first frame of a window counting the pairs waits for the next",
+        {"counting the pairs, the first frame may wait, the second may not",
          {{FaultKind::Escaped, 3500, 9000, 1, 0, 0}},
          [](Checker& c) {
              Healthy(c, 1, 3);
              c.OnFrame(4000, {{7, 1.0f}});
              c.OnBus(Table(4100, kFrame));
              c.OnFrame(5000, {{7, 2.0f}});
-             c.OnBus(Table(5100, {{7, 2.0f}}));
-         },
-         "",
-         -1},
-        {"back to counting the pairs after a window inside that did not",
-         {{FaultKind::Escaped, 1500, 9000, 1, 0, 0}, {FaultKind::Escaped, 2500, 3500, 0, 0, 0}},
-         [](Checker& c) {
-             Healthy(c, 1, 3);
-             c.OnFrame(4000, {{7, 1.0f}});
-             c.OnBus(Table(4100, kFrame));
-         },
-         "",
-         -1},
-        {"the second frame of that window not in the table",
-         {{FaultKind::Escaped, 3500, 9000, 1, 0, 0}},
-         [](Checker& c) {
-             Healthy(c, 1, 3);
-             c.OnFrame(4000, {{7, 1.0f}});
-             c.OnBus(Table(4100, {{7, 1.0f}}));
-             c.OnFrame(5000, {{7, 2.0f}});
-             c.OnBus(Table(5100, {{7, 1.0f}}));
+             c.OnBus(Table(5100, kFrame));
          },
          "data-to-table",
          5100},
@@ -585,29 +504,12 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
              Healthy(c, 1, 5);
              for (int s = 6; s <= 29; ++s) {
                  c.OnFrame(s * 1000LL, {{7, 1.0f}});
-                 c.OnBus(Table(s * 1000LL + 100, kFrame));
-                 c.OnBus(
-                     Message(MSG_GDS_ALARM, s * 1000LL + 100, std::vector<unsigned char>(208, 0)));
-                 if (s == 14) c.OnBus(Status(s * 1000LL + 100, false));
-                 c.Step(s * 1000LL + 200);
+                 BroadcastsOnly(c, s, s, true, 14);
              }
              Healthy(c, 30, 31);
          },
          "",
          -1},
-        {"escaped with a wrong checksum, then no frame and the link up",
-         {{FaultKind::Escaped, 5500, 40000, 0, 0, 0},
-          {FaultKind::BadChecksum, 5500, 20000, 0, 0, 0}},
-         [](Checker& c) {
-             Healthy(c, 1, 5);
-             for (int s = 6; s <= 19; ++s) {
-                 c.OnFrame(s * 1000LL, {{7, 1.0f}});
-                 BroadcastsOnly(c, s, s);
-             }
-             BroadcastsOnly(c, 20, 35);
-         },
-         "link-down",
-         31200},
         {"an upgrade of 90 s in a window of late answers",
          {{FaultKind::LateAnswers, 5000, 60000, 4000, 0, 0}},
          [](Checker& c) {
@@ -619,15 +521,6 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          },
          "",
          -1},
-        {"an upgrade still running 60 s after the late answers",
-         {{FaultKind::LateAnswers, 5000, 30000, 4000, 0, 0}},
-         [](Checker& c) {
-             Healthy(c, 1, 5);
-             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
-             FramesOnly(c, 6, 95);
-         },
-         "upgrade-ends",
-         90200},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
