@@ -311,6 +311,50 @@ TEST_F(LinkTest, EscapedFramesArriveWholeWhateverTheLengthCounts) {
     }
 }
 
+// Read one byte at a time, an escaped frame's shorter reading is complete before its longer one,
+// and matches its checksum by chance once in 256 frames. The box's convention, as its frames
+// showed it, decides: from a box that leaves its pairs out of L (so from the start) the next bytes
+// are awaited; from one that counts them the frame is taken at its last byte.
+TEST_F(LinkTest, EscapedFrameByteByByteIsTakenByTheBoxsLengthConvention) {
+    const Bytes link = BoxFrame(0x2C10);
+    const float lucky = FloatOf({0x7D, 0x7F, 0xB4, 0x42});  // the shorter reading matches too
+    const float plain = FloatOf({0x7D, 0x7F, 0x20, 0x42});  // it does not
+    const Bytes unescaped = Cat({Escaped(DataFrame(3, plain), false), link});
+    const Bytes counted = Cat({Escaped(DataFrame(3, plain), true), link});
+    const struct {
+        const char* name;
+        std::vector<Bytes> before;  // frames that show the box's convention, read whole
+        float value;
+        bool countsPairs;
+        bool atLastByte;  // dispatched at its last byte; else once the next head is in
+    } rows[] = {
+        {"L unescaped, as a box starts", {}, lucky, false, true},
+        {"L unescaped, once the box stopped counting", {counted, unescaped}, lucky, false, true},
+        {"pairs in L, from a box known to count them", {counted}, plain, true, true},
+        {"pairs in L, from a box known not to", {unescaped}, plain, true, false},
+        {"pairs in L, once a frame with garbage after it showed it",
+         {Cat({Escaped(DataFrame(3, plain), true), kGarbage, link})},
+         plain,
+         true,
+         true},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        Feed(unescaped);  // back to the start's convention
+        for (const Bytes& b : r.before) Feed(b);
+        Feed(DataFrame(10, -1.0f));
+        fakehost::Reset();
+        const Bytes f = Escaped(DataFrame(10, r.value), r.countsPairs);
+        for (unsigned char b : f) Feed({b});
+        EXPECT_EQ(Dispatched(), r.atLastByte ? std::vector<Bytes>{f} : std::vector<Bytes>{});
+        for (unsigned char b : link) Feed({b});
+        EXPECT_EQ(Dispatched(), (std::vector<Bytes>{f, link}));
+        EXPECT_EQ(Value(9), r.value);
+        EXPECT_EQ(fakehost::CountLogs("crc error"), 0);
+        EXPECT_EQ(Peer().RecvLen(), 0);
+    }
+}
+
 TEST_F(LinkTest, TruncatedFrameIsFollowedByGoodFrames) {
     const Bytes f = DataFrame(30, 5.0f);
     for (size_t keep = 1; keep < f.size(); ++keep) {

@@ -12,7 +12,9 @@
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <tuple>
 
+#include "BoxEmulator.h"
 #include "Invariants.h"
 #include "ObdBusRecords.h"
 #include "PrivateFile.h"
@@ -381,6 +383,88 @@ TEST(PrivateFile, TwoRunsAtOnceSeeOnlyTheirOwnFile) {
     RecordProperty("isolation", howA == 'N' ? "namespace" : "lock");
     for (int fd : {readyA[0], readyA[1], readyB[0], readyB[1], go[0], go[1]}) ::close(fd);
     std::system(("rm -rf " + dir).c_str());
+}
+
+// The line and box faults: drawn over their parameters' ranges, named both ways, read back, and
+// reaching the box inside their windows only.
+TEST(Schedule, LineAndBoxFaultsAreDrawnNamedAndReachTheBox) {
+    std::set<std::string> seen;
+    std::set<int> conventions, lateVsTimeout;  // 0: within the command's 2050 ms, 1: past it
+    for (uint64_t seed = 1; seed <= 300; ++seed) {
+        for (const Fault& f : Draw(seed, 1).faults) {
+            seen.insert(FaultName(f.kind));
+            if (f.kind == FaultKind::Escaped) conventions.insert(f.a);
+            if (f.kind == FaultKind::LateAnswers) lateVsTimeout.insert(f.a >= 2050 ? 1 : 0);
+            EXPECT_TRUE(f.kind != FaultKind::Restart || f.endMs - f.startMs <= 8000);
+        }
+    }
+    for (const char* name : {"duplicate", "escaped", "late-answers", "refusals", "restart"}) {
+        FaultKind k = FaultKind::Count;
+        EXPECT_TRUE(seen.count(name) == 1 && FaultByName(name, k) &&
+                    FaultName(k) == std::string(name))
+            << name;
+    }
+    EXPECT_EQ(conventions, (std::set<int>{0, 1}));
+    EXPECT_EQ(lateVsTimeout, (std::set<int>{0, 1}));
+
+    Schedule s = Draw(3, 0.1);
+    s.faults = {{FaultKind::Duplicate, 1000, 2000, 3, 0, 0},
+                {FaultKind::Escaped, 1500, 2500, 1, 0, 0},
+                {FaultKind::LateAnswers, 3000, 4000, 2600, 0, 0},
+                {FaultKind::Refusals, 3500, 4000, 0, 0, 0},
+                {FaultKind::Restart, 5000, 5400, 0, 0, 0}};
+    Schedule back;
+    std::string error;
+    ASSERT_TRUE(FromJson(ToJson(s), back, error)) << error;
+    EXPECT_EQ(ToJson(back), ToJson(s));
+    const struct {
+        double ms;
+        int duplicate;
+        bool escape, counts;
+        double delay;
+        bool refuse;
+        double restart, next;
+    } rows[] = {{999, 0, false, false, 0, false, -1, 1000},
+                {1500, 3, true, true, 0, false, -1, 2000},
+                {2000, 0, true, true, 0, false, -1, 2500},
+                {3600, 0, false, false, 2600, true, -1, 4000},
+                {5399, 0, false, false, 0, false, 5000, 5400},
+                {5400, 0, false, false, 0, false, -1, -1}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.ms);
+        const obdbox::FaultState b = BoxFaults(back.faults, r.ms);
+        EXPECT_EQ(
+            std::make_tuple(b.duplicateEveryNth, b.escape, b.escapeCountsInLength, b.answerDelayMs,
+                            b.refuse, b.restartMs, b.nextChangeMs),
+            std::make_tuple(r.duplicate, r.escape, r.counts, r.delay, r.refuse, r.restart, r.next));
+    }
+}
+
+// In an escaped window every data frame holds escape pairs: the values' low bytes carry 7D, 7E or
+// 7F (the rest of each value stays); outside it nothing changes.
+TEST(Schedule, EscapedWindowsPutEscapedBytesIntoEveryFrame) {
+    const std::vector<Fault> faults = {{FaultKind::Escaped, 1000, 60000, 0, 0, 77}};
+    const obdbox::DataItems original = {{7, 850.0f}, {8, 0.0f}, {9, 13.8f}, {10, 88.0f}};
+    size_t pairs = 0;
+    for (long long ms = 1000; ms <= 60000; ms += 1000) {
+        obdbox::DataItems items = original;
+        AlterValues(faults, ms, items);
+        std::vector<uint8_t> payload;
+        for (size_t i = 0; i < items.size(); ++i) {
+            uint8_t was[4], now[4];
+            std::memcpy(was, &original[i].second, 4);
+            std::memcpy(now, &items[i].second, 4);
+            EXPECT_EQ(std::memcmp(was + 1, now + 1, 3), 0);
+            payload.push_back(items[i].first);
+            payload.insert(payload.end(), now, now + 4);
+        }
+        const size_t n =
+            obdbox::BoxEmulator::EncodeFrame(0x2C81, payload, 1, true, false, false).size() -
+            obdbox::BoxEmulator::EncodeFrame(0x2C81, payload, 1, false, false, false).size();
+        EXPECT_EQ(n > 0, ms < 60000) << ms;
+        pairs += n;
+    }
+    EXPECT_GT(pairs, 59u * 3 / 2);  // about half the items each time
 }
 
 // ---- The checker ---------------------------------------------------------------------------
@@ -754,6 +838,59 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
         {"a release of 1.5 s", {}, [](Checker& c) { c.OnRelease(9000, 1500); }, "release", 9000},
         {"a release of 0.2 s", {}, [](Checker& c) { c.OnRelease(9000, 200); }, "", -1},
         {"a run that stops early", {}, [](Checker& c) { c.OnEnd(9000, 4000); }, "run-ends", 4000},
+        // The line and box faults.
+        {"a restart, the stream back 20 s after",
+         {{FaultKind::Restart, 5500, 6000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 25, true, 14);
+             Healthy(c, 26, 30);
+         },
+         "",
+         -1},
+        {"a restart, the stream never back",
+         {{FaultKind::Restart, 5500, 6000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 60, true, 14);
+         },
+         "stream-back",
+         51200},
+        {"counting the pairs, the first frame may wait, the second may not",
+         {{FaultKind::Escaped, 3500, 9000, 1, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 3);
+             c.OnFrame(4000, {{7, 1.0f}});
+             c.OnBus(Table(4100, kFrame));
+             c.OnFrame(5000, {{7, 2.0f}});
+             c.OnBus(Table(5100, kFrame));
+         },
+         "data-to-table",
+         5100},
+        {"escaped with a wrong checksum: not in the table, the link down while frames come",
+         {{FaultKind::Escaped, 5500, 40000, 0, 0, 0},
+          {FaultKind::BadChecksum, 5500, 30000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             for (int s = 6; s <= 29; ++s) {
+                 c.OnFrame(s * 1000LL, {{7, 1.0f}});
+                 BroadcastsOnly(c, s, s, true, 14);
+             }
+             Healthy(c, 30, 31);
+         },
+         "",
+         -1},
+        {"an upgrade of 90 s in a window of late answers",
+         {{FaultKind::LateAnswers, 5000, 60000, 4000, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 5500, 0, true));
+             FramesOnly(c, 6, 95);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 96000, 9, false));
+             Healthy(c, 97, 98);
+         },
+         "",
+         -1},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);

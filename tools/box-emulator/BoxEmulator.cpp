@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <sstream>
 
 namespace obdbox {
@@ -89,6 +90,7 @@ BoxEmulator::BoxEmulator(BoxOptions options)
       m_clock(m_opt.clock),
       m_rng(m_opt.seed),
       m_wireTap(m_opt.wireTap),
+      m_factory(m_opt),
       m_onInstalled(m_opt.onInstalled) {}
 
 double BoxEmulator::Now() const {
@@ -164,6 +166,42 @@ void BoxEmulator::Fold(BoxOptions& o, const FaultState& s) {
     o.garbageBytes = std::max(o.garbageBytes, s.garbageBytes);
     if (s.splitMaxChunk > 0) o.splitMaxChunk = s.splitMaxChunk;
     o.badChecksum = o.badChecksum || s.badChecksum;
+    if (s.duplicateEveryNth > 0) o.duplicateEveryNth = s.duplicateEveryNth;
+    if (s.escape) {
+        o.escape = true;
+        o.escapeCountsInLength = s.escapeCountsInLength;
+    }
+    o.refuse = o.refuse || s.refuse;
+    o.silent = o.silent || s.restartMs >= 0;
+}
+
+void BoxEmulator::Restart(const FaultState& s) {
+    if (s.restartMs < 0 || s.restartMs == m_restartSeenMs) return;
+    m_restartSeenMs = s.restartMs;
+    m_streaming = false;
+    m_late.clear();   // answers it was about to send are gone with it
+    m_inBuf.clear();  // and so is a request half received
+    {
+        std::lock_guard<std::mutex> lock(m_optMutex);
+        m_opt.engineId = m_factory.engineId;
+        m_opt.scanTimeLevels = m_factory.scanTimeLevels;
+        m_opt.dataScanLevels = m_factory.dataScanLevels;
+    }
+    Log("box: restarting");
+}
+
+void BoxEmulator::SendLateAnswers(double nowMs, const BoxOptions& o) {
+    while (!m_late.empty() && m_late.front().due <= nowMs) {
+        const LateAnswer a = std::move(m_late.front());
+        m_late.pop_front();
+        if (o.silent) {
+            Log("box: late answer lost");
+            continue;
+        }
+        if (a.installs && m_onInstalled) m_onInstalled();
+        Log("box -> " + Hex(a.bytes));
+        Transmit(a.bytes, o);
+    }
 }
 
 BoxOptions BoxEmulator::Effective(double nowMs, FaultState* state) const {
@@ -313,6 +351,13 @@ void BoxEmulator::WriteAll(const uint8_t* data, size_t n) {
 
 void BoxEmulator::Transmit(const ByteVec& frame, const BoxOptions& o) {
     std::lock_guard<std::mutex> lock(m_writeMutex);
+    ++m_framesSent;
+    const bool twice =
+        o.duplicateEveryNth > 0 && m_framesSent % static_cast<uint64_t>(o.duplicateEveryNth) == 0;
+    for (int copy = twice ? 2 : 1; copy > 0; --copy) TransmitOnce(frame, o);
+}
+
+void BoxEmulator::TransmitOnce(const ByteVec& frame, const BoxOptions& o) {
     if (o.garbageBytes > 0) {
         ByteVec g;
         std::uniform_int_distribution<int> byte(0, 255);
@@ -397,6 +442,7 @@ void BoxEmulator::Run() {
         if (fault.nextChangeMs >= 0 && (due < 0 || fault.nextChangeMs < due)) {
             due = fault.nextChangeMs;
         }
+        if (!m_late.empty() && (due < 0 || m_late.front().due < due)) due = m_late.front().due;
         int r = 0;
         pollfd p{m_masterFd, POLLIN, 0};
         if (m_clock.wait) {
@@ -417,6 +463,8 @@ void BoxEmulator::Run() {
         const double now = Now();
         // The frames read may have changed the box, and time may have opened or closed a window.
         o = Effective(now, &fault);
+        Restart(fault);
+        SendLateAnswers(now, o);
         if (o.silent) continue;
         if (o.streamPeriodMs > 0 && m_streaming.load() && !fault.streamHeld && now >= nextStream) {
             SendDataStream();
@@ -466,27 +514,46 @@ void BoxEmulator::OnBytes(const uint8_t* data, size_t n) {
 
 void BoxEmulator::OnFrame(ReceivedFrame f) {
     Log("plug-in -> " + Describe(f));
+    std::function<FaultState(double)> schedule;
+    {
+        std::lock_guard<std::mutex> lock(m_optMutex);
+        schedule = m_opt.faultSchedule;
+    }
+    const double now = Now();
+    const FaultState s = schedule ? schedule(now) : FaultState{};
+    Restart(s);
     std::vector<ByteVec> answers;
     BoxOptions o;
     m_installAnswer = false;
     {
         std::lock_guard<std::mutex> lock(m_optMutex);
-        m_frameWindow = m_opt.faultSchedule ? m_opt.faultSchedule(Now()) : FaultState{};
-        Answer(f, m_opt, answers);  // may change the box's contents (configure requests)
+        m_frameWindow = s;
+        // A rebooting box hears nothing. A window's refusal and escaping hold for the answers
+        // of this request only: the whole-run options are put back at once.
+        if (s.restartMs < 0) {
+            const bool refuse = m_opt.refuse, escape = m_opt.escape;
+            const bool counts = m_opt.escapeCountsInLength;
+            m_opt.refuse = refuse || s.refuse;
+            if (s.escape) {
+                m_opt.escape = true;
+                m_opt.escapeCountsInLength = s.escapeCountsInLength;
+            }
+            Answer(f, m_opt, answers);  // may change the box's contents (configure requests)
+            m_opt.refuse = refuse;
+            m_opt.escape = escape;
+            m_opt.escapeCountsInLength = counts;
+        }
         o = m_opt;
     }
-    if (o.faultSchedule) {
-        const FaultState s = o.faultSchedule(Now());
-        // The answers were encoded with the whole-run checksum setting: a window spoils them
-        // now, as EncodeFrame would (the checksum is the last byte, never escaped).
-        if (s.badChecksum && !o.badChecksum) {
-            for (ByteVec& a : answers) {
-                if (!a.empty()) a.back() = static_cast<uint8_t>(a.back() ^ 0xA5);
-            }
+    // The answers were encoded with the whole-run checksum setting: a window spoils them now, as
+    // EncodeFrame would (the checksum is the last byte, never escaped).
+    if (s.badChecksum && !o.badChecksum) {
+        for (ByteVec& a : answers) {
+            if (!a.empty()) a.back() = static_cast<uint8_t>(a.back() ^ 0xA5);
         }
-        Fold(o, s);
-        if (m_upgradeSilenced.load() && s.upgradeSilentAfterChunks >= 0) o.silent = true;
     }
+    Fold(o, s);
+    if (m_upgradeSilenced.load() && s.upgradeSilentAfterChunks >= 0) o.silent = true;
     {
         std::lock_guard<std::mutex> lock(m_rxMutex);
         ++m_rxTotal;
@@ -501,6 +568,14 @@ void BoxEmulator::OnFrame(ReceivedFrame f) {
         ++m_answers;
         if (o.dropEveryNth > 0 && m_answers % static_cast<uint64_t>(o.dropEveryNth) == 0) {
             Log("box: answer dropped");
+            continue;
+        }
+        if (s.answerDelayMs > 0) {
+            // Held on the box's clock: in order of their due times, the run loop sends them.
+            const double due = now + s.answerDelayMs;
+            auto at = m_late.end();
+            while (at != m_late.begin() && std::prev(at)->due > due) --at;
+            m_late.insert(at, {due, a, m_installAnswer});
             continue;
         }
         if (m_installAnswer && m_onInstalled) m_onInstalled();

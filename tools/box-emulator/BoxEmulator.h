@@ -13,7 +13,8 @@
 //  - takes a firmware upgrade: keeps the file, checks its size and MD5, reports the new version;
 //  - can pace its line like a UART at a given byte rate.
 // Fault options make it silent, refuse, drop answers, put garbage between frames, split frames
-// into chunks, corrupt checksums and escape bytes.
+// into chunks, corrupt checksums, escape bytes and send frames twice; fault windows also hold
+// answers back for a while and restart the box.
 //
 // Frame: 55 AA, direction (F0 F8 towards the box, F8 F0 from it), length L (MSB first) =
 // payload + 3, sequence number, code (MSB first), payload, XOR of bytes 2.. end of payload.
@@ -80,7 +81,19 @@ struct FaultState {
     int upgradeFlashMs = 0;             // box-clock time per chunk; 0: the whole-run setting
     bool engineRefused = false;         // configure engine answered with status 1
     bool engineUnanswered = false;      // configure engine not answered at all
-    double nextChangeMs = -1;           // when this state ends or another begins; < 0: never
+
+    // Line and box faults.
+    int duplicateEveryNth = 0;          // as BoxOptions::duplicateEveryNth; 0: the whole-run one
+    bool escape = false;                // frames sent are escaped (BoxOptions::escape) ...
+    bool escapeCountsInLength = false;  // ... with this length convention
+    double answerDelayMs = 0;           // answers leave this long (box clock) after the request
+    bool refuse = false;                // as BoxOptions::refuse
+    // >= 0 while the box reboots: the start of its restart. Once per start the box forgets that
+    // it was streaming and its configuration; it hears and says nothing until the window ends,
+    // then answers and sends its link frames, but streams only once started again.
+    double restartMs = -1;
+
+    double nextChangeMs = -1;  // when this state ends or another begins; < 0: never
 };
 
 // Data-stream items: id (1..59) and value, asked for once per data-stream frame.
@@ -118,14 +131,15 @@ struct BoxOptions {
     bool escapeCountsInLength = false;
 
     // Faults.
-    bool silent = false;       // says nothing at all (records what it receives)
-    bool refuse = false;       // upgrade steps answer status 2, configure engine status 1
-    int dropEveryNth = 0;      // the Nth, 2Nth, ... answer is not sent; 0: none dropped
-    int garbageBytes = 0;      // random bytes (never a whole head) before each frame sent
-    int splitMaxChunk = 0;     // write frames in random chunks of 1..N bytes; 0: whole
-    int splitGapUs = 3000;     // pause between chunks, so that the reader sees separate reads
-    bool badChecksum = false;  // every frame sent carries a wrong checksum
-    bool stopAckAlt = false;   // acknowledge a stop of the stream with 0x2301 instead of 0x6C04
+    bool silent = false;        // says nothing at all (records what it receives)
+    bool refuse = false;        // upgrade steps answer status 2, configure engine status 1
+    int dropEveryNth = 0;       // the Nth, 2Nth, ... answer is not sent; 0: none dropped
+    int garbageBytes = 0;       // random bytes (never a whole head) before each frame sent
+    int splitMaxChunk = 0;      // write frames in random chunks of 1..N bytes; 0: whole
+    int splitGapUs = 3000;      // pause between chunks, so that the reader sees separate reads
+    bool badChecksum = false;   // every frame sent carries a wrong checksum
+    int duplicateEveryNth = 0;  // the Nth, 2Nth, ... frame sent goes out twice; 0: none
+    bool stopAckAlt = false;    // acknowledge a stop of the stream with 0x2301 instead of 0x6C04
     std::vector<uint16_t> unanswered;  // request codes the box ignores (recorded all the same)
     unsigned int seed = 1;             // for garbage and chunk sizes
     // Windows of faults in the clock's time (not since Start), consulted for every frame sent,
@@ -231,6 +245,7 @@ class BoxEmulator {
     void Answer(const ReceivedFrame& req, BoxOptions& o, std::vector<ByteVec>& out);
     ByteVec Encode(uint16_t code, const ByteVec& payload, uint8_t seq, const BoxOptions& o);
     void Transmit(const ByteVec& frame, const BoxOptions& o);
+    void TransmitOnce(const ByteVec& frame, const BoxOptions& o);  // under m_writeMutex
     void WriteAll(const uint8_t* data, size_t n);
     void Log(const std::string& line);
     BoxOptions Snapshot() const;
@@ -241,6 +256,10 @@ class BoxEmulator {
     void AnswerUpgrade(const ReceivedFrame& req, BoxOptions& o, std::vector<ByteVec>& out);
     // The flash time an upgrade chunk asked for, spent before its answer (box thread).
     void PauseBeforeAnswer();
+    // A restart window's start not seen before: the box forgets its stream and configuration.
+    void Restart(const FaultState& s);
+    // Sends the held answers that are due at `nowMs` (box thread).
+    void SendLateAnswers(double nowMs, const BoxOptions& o);
     // Line pacing (BoxEmulatorPacing.cpp): PaceTransmit under m_writeMutex before bytes are
     // written; TakeIn hands bytes read to OnBytes at the line's pace (box thread).
     void PaceTransmit(size_t n);
@@ -258,8 +277,9 @@ class BoxEmulator {
     std::map<uint16_t, uint64_t> m_rxCounts;
     const size_t m_rxKept;
     const BoxClock m_clock;
-    std::mutex m_writeMutex;  // one frame's bytes are never interleaved with another's
-    std::mt19937 m_rng;       // under m_writeMutex
+    std::mutex m_writeMutex;    // one frame's bytes are never interleaved with another's
+    std::mt19937 m_rng;         // under m_writeMutex
+    uint64_t m_framesSent = 0;  // under m_writeMutex
     const std::function<void(bool, const uint8_t*, size_t)> m_wireTap;
 
     ByteVec m_inBuf;  // box thread only
@@ -273,6 +293,17 @@ class BoxEmulator {
     std::atomic<uint8_t> m_boxSeq{0};
     uint64_t m_answers = 0;  // box thread only
     double m_t0 = 0;
+
+    // Late answers (box thread only): each with the time it is due, in due order; `installs`:
+    // the answer to an accepted upgrade end.
+    struct LateAnswer {
+        double due;
+        ByteVec bytes;
+        bool installs;
+    };
+    std::deque<LateAnswer> m_late;
+    double m_restartSeenMs = -1;  // box thread only
+    const BoxOptions m_factory;   // the configuration a restart goes back to
 
     BoxUpgrade m_upgrade;                        // guarded by m_optMutex
     int m_answerDelayUs = 0;                     // box thread only

@@ -16,7 +16,8 @@ namespace {
 // the samples as the plug-in reads them), or that end the seconds altogether.
 bool LeavesTheLine(FaultKind k) {
     return k == FaultKind::BadValues || k == FaultKind::BusMessages ||
-           k == FaultKind::DropAnswers || k == FaultKind::PowerDown;
+           k == FaultKind::DropAnswers || k == FaultKind::PowerDown ||
+           k == FaultKind::InertialGap || k == FaultKind::Release;
 }
 
 }  // namespace

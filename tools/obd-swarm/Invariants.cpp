@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "ObdBusRecords.h"
 #include "ObdTypes.h"
@@ -41,7 +42,67 @@ Checker::Checker(std::vector<Fault> faults, Bounds bounds)
         if (f.kind == FaultKind::PowerDown && (m_powerDownMs < 0 || f.startMs < m_powerDownMs)) {
             m_powerDownMs = f.startMs;
         }
+        if (f.kind == FaultKind::Restart) m_restartEnds.push_back(f.endMs);
     }
+    std::sort(m_restartEnds.begin(), m_restartEnds.end());
+}
+
+bool Checker::Open(FaultKind kind, long long tMs) const {
+    for (const Fault& f : m_faults) {
+        if (f.kind == kind && tMs >= f.startMs && tMs < f.endMs) return true;
+    }
+    return false;
+}
+
+// With a wrong checksum the plug-in cannot choose between an escaped frame's two readings.
+bool Checker::Unreadable(long long tMs) const {
+    return Open(FaultKind::Escaped, tMs) && Open(FaultKind::BadChecksum, tMs);
+}
+
+// The upgrade's bound runs from its start, or from the end of a window of late answers that
+// slowed it down.
+long long Checker::UpgradeDeadline(long long nowMs) const {
+    long long from = m_upgradeFromMs;
+    for (const Fault& f : m_faults) {
+        if (f.kind == FaultKind::LateAnswers && f.startMs <= nowMs && f.endMs > from) {
+            from = std::max(from, std::min(f.endMs, nowMs));
+        }
+    }
+    return from + m_b.upgradeMs;
+}
+
+// When the stream must be back after a restart that ended at `fromMs`: the bound counts again
+// from the end of every window that holds the plug-in's commands back while it runs.
+long long Checker::StreamBackDeadline(long long fromMs) const {
+    long long deadline = fromMs + m_b.streamBackMs;
+    for (bool moved = true; moved;) {
+        moved = false;
+        const auto push = [&](long long start, long long end) {
+            if (start < deadline && end > fromMs && end + m_b.streamBackMs > deadline) {
+                deadline = end + m_b.streamBackMs;
+                moved = true;
+            }
+        };
+        for (const Fault& f : m_faults) {
+            switch (f.kind) {
+                case FaultKind::Silent:
+                case FaultKind::StreamHeld:
+                case FaultKind::DropAnswers:
+                case FaultKind::BadChecksum:
+                case FaultKind::BusMessages:
+                case FaultKind::LateAnswers:
+                case FaultKind::Refusals:
+                case FaultKind::Restart:
+                    push(f.startMs, f.endMs);
+                    break;
+                default:
+                    break;
+            }
+        }
+        for (const auto& u : m_upgrades) push(u.first, u.second);
+        if (m_upgradeFromMs >= 0) push(m_upgradeFromMs, std::numeric_limits<long long>::max() / 2);
+    }
+    return deadline;
 }
 
 void Checker::Fail(const char* name, long long tMs, const std::string& message) {
@@ -92,11 +153,23 @@ void Checker::Gap(int id, long long& last, long long nowMs) {
 
 void Checker::OnFrame(long long tMs, const obdbox::DataItems& items) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    // A wrong checksum does not spoil a frame: the plug-in's receiver does not verify it.
-    if (tMs > m_lastCleanMs) m_prevCleanMs = m_lastCleanMs;
-    m_lastCleanMs = tMs;
-    if (m_link != 1 && m_backSinceMs < 0) m_backSinceMs = tMs;
-    m_frames.push_back({tMs, items});
+    m_lastFrameMs = tMs;
+    const bool unreadable = Unreadable(tMs);
+    bool owed = !unreadable;
+    const obdbox::FaultState box = BoxFaults(m_faults, static_cast<double>(tMs));
+    if (box.escape) {
+        // The first frame that counts its pairs after one that did not (or after the start).
+        if (box.escapeCountsInLength && !m_countsPairs) owed = false;
+        m_countsPairs = box.escapeCountsInLength;
+    }
+    // A wrong checksum alone does not spoil a frame: the plug-in's receiver does not verify it.
+    // A frame not owed reaches the plug-in late or not at all: the link checks wait for the next.
+    if (owed) {
+        if (tMs > m_lastCleanMs) m_prevCleanMs = m_lastCleanMs;
+        m_lastCleanMs = tMs;
+        if (m_link != 1 && m_backSinceMs < 0) m_backSinceMs = tMs;
+    }
+    m_frames.push_back({tMs, items, owed});
     // A plug-in that broadcasts nothing more is caught by the period check; the list stays short.
     while (m_frames.size() > 64) m_frames.pop_front();
 }
@@ -131,7 +204,7 @@ void Checker::CheckTable(const hostsim::BusMessage& m) {
         }
         follows = same;
     }
-    const bool excused = BusWindow(due.tMs) || Excused(due.tMs, m.tMs);
+    const bool excused = !due.owed || BusWindow(due.tMs) || Excused(due.tMs, m.tMs);
     if (!follows && !excused) {
         Fail("data-to-table", m.tMs,
              "the frame sent at " + Clock(due.tMs) + " is not in the broadcast at " + Clock(m.tMs) +
@@ -232,7 +305,7 @@ void Checker::Step(long long nowMs) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Gap(MSG_OBD_ORIGINAL_DATA, m_lastObdMs, nowMs);
     Gap(MSG_GDS_ALARM, m_lastAlarmMs, nowMs);
-    if (m_upgradeFromMs >= 0 && nowMs - m_upgradeFromMs > m_b.upgradeMs) {
+    if (m_upgradeFromMs >= 0 && nowMs > UpgradeDeadline(nowMs)) {
         Fail("upgrade-ends", nowMs,
              "the upgrade accepted at " + Clock(m_upgradeFromMs) + " has not ended");
     }
@@ -241,9 +314,20 @@ void Checker::Step(long long nowMs) {
              "the calibration requested at " + Clock(m_calibrationMs) + " has no answer");
     }
     if (PoweredDown(nowMs)) return;
-    if (m_link == 1 && m_lastCleanMs >= 0 && nowMs - m_lastCleanMs > m_b.linkDownMs) {
+    // A restart is answered by a frame after its end; the next restart's own check takes over.
+    while (!m_restartEnds.empty() && (m_lastFrameMs >= m_restartEnds.front() ||
+                                      (m_restartEnds.size() > 1 && nowMs >= m_restartEnds[1]))) {
+        m_restartEnds.erase(m_restartEnds.begin());
+    }
+    if (!m_restartEnds.empty() && nowMs >= m_restartEnds.front() &&
+        nowMs > StreamBackDeadline(m_restartEnds.front())) {
+        Fail(
+            "stream-back", nowMs,
+            "no data frame since the box restarted (back at " + Clock(m_restartEnds.front()) + ")");
+    }
+    if (m_link == 1 && m_lastFrameMs >= 0 && nowMs - m_lastFrameMs > m_b.linkDownMs) {
         Fail("link-down", nowMs,
-             "no data frame since " + Clock(m_lastCleanMs) + " and the link still reported up");
+             "no data frame since " + Clock(m_lastFrameMs) + " and the link still reported up");
     }
     if (m_link != 1 && m_backSinceMs >= 0 && nowMs - m_backSinceMs > m_b.linkUpMs) {
         Fail("link-up", nowMs,

@@ -25,8 +25,28 @@
 //                    or failure) within calibrationMs; a later request takes over the answer;
 //  memory            the resident set grows by at most rssGrowthKb after the warm-up;
 //  release           the plug-in's release returns within releaseMs of host time;
-//  run-ends          the run reaches the end of its host time.
+//  run-ends          the run reaches the end of its host time;
+//  stream-back       after a box restart (its window's end) data frames come again within
+//                    streamBackMs: the plug-in starts the stream anew. The bound counts again
+//                    from the end of any window that holds the plug-in's commands back (the box
+//                    silent, dropping, holding or refusing answers, restarting, its stream held,
+//                    its frames unreadable, bus messages queueing tasks) and of an upgrade; none
+//                    after a power-down.
 // The alarms against a second copy of the analyser are Agreement.h's.
+//
+// The line and box faults excuse only this:
+//  duplicate, late-answers, refusals, restart: nothing but the above (the link checks measure
+//                    from the frames the box really sent, so a stream that a restart or slow
+//                    answers stop is judged like any silence: down after 6..12 s, up within 3 s);
+//                    late answers restart the upgrade-ends bound at their window's end;
+//  escaped           escaped frames, under either length convention, are read whole, with two
+//                    exceptions, each frame owed to no broadcast and not counted as a frame for
+//                    link-down-early and link-up (link-down measures from the last frame of any
+//                    kind). The plug-in learns the box's convention from its frames (L unescaped
+//                    to begin with): the first frame that counts its pairs in L after one that
+//                    did not may wait for the next bytes. And a frame sent while an escaped
+//                    window and a bad-checksum window are both open cannot be told from a cut
+//                    one (the checksum decides between the readings).
 // A crash and a hang are caught around the run (the process, a real-time watchdog).
 //
 // Every call may come from any thread (the box's, the bus's, the stepping one).
@@ -62,6 +82,9 @@ struct Bounds {
     long long releaseMs = 1000;
     long long rssWarmupMs = 600000;
     long long rssGrowthKb = 64 * 1024;
+    // The 10 s restart of the stream, behind a link task that holds the send thread for 11
+    // unanswered tries of 2 s, then the stop and start commands.
+    long long streamBackMs = 45000;
 };
 
 // What a run's upgrades and calibrations came to, for its report and for checking the bounds.
@@ -108,11 +131,16 @@ class Checker {
     struct Frame {
         long long tMs;
         obdbox::DataItems items;
+        bool owed;  // to the next broadcast
     };
     void Fail(const char* name, long long tMs, const std::string& message);
     bool PoweredDown(long long tMs) const;
     bool Excused(long long fromMs, long long toMs) const;
     bool BusWindow(long long tMs) const;
+    bool Open(FaultKind kind, long long tMs) const;
+    bool Unreadable(long long tMs) const;
+    long long UpgradeDeadline(long long nowMs) const;
+    long long StreamBackDeadline(long long fromMs) const;
     void Gap(int id, long long& last, long long nowMs);
     void CheckTable(const hostsim::BusMessage& m);
 
@@ -136,6 +164,10 @@ class Checker {
     long long m_fileWrittenMs = -1, m_successMs = -1;  // a success since the write, when
     long long m_calibrationMs = -1;                    // a calibration unanswered since then
     UpgradeTally m_tally;
+    // line and box faults
+    long long m_lastFrameMs = -1;          // any data frame, readable or not
+    std::vector<long long> m_restartEnds;  // the restarts still to be checked, by time
+    bool m_countsPairs = false;            // the last escaped frame's length convention
 };
 
 // Host time as H:MM:SS.

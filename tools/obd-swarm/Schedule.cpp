@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <nlohmann/json.hpp>
 
@@ -27,6 +28,8 @@ namespace {
 
 const char* const kFaultNames[] = {"silent", "stream-held", "garbage", "split", "drop-answers",
                                    "bad-checksum", "bad-values", "bus", "power-down",
+                                   // line and box
+                                   "duplicate", "escaped", "late-answers", "refusals", "restart",
                                    // upgrades and calibrations
                                    "upgrade", "upgrade-box", "calibration",
                                    // the host's own
@@ -51,13 +54,19 @@ struct FaultDraw {
 };
 const FaultDraw kFaultDraws[] = {
     {FaultKind::Silent, 3, 1, 40},
-    {FaultKind::StreamHeld, 2, 1, 40},
+    {FaultKind::StreamHeld, 2, 1, 120},
     {FaultKind::Garbage, 2, 5, 120},
     {FaultKind::Split, 3, 5, 300},
     {FaultKind::DropAnswers, 2, 5, 60},
     {FaultKind::BadChecksum, 2, 1, 30},
     {FaultKind::BadValues, 2, 2, 60},
     {FaultKind::BusMessages, 3, 1, 60},
+    // Line and box faults. A restart's window is the time the box takes to boot.
+    {FaultKind::Duplicate, 2, 5, 120},
+    {FaultKind::Escaped, 3, 5, 300},
+    {FaultKind::LateAnswers, 2, 5, 120},
+    {FaultKind::Refusals, 1, 5, 120},
+    {FaultKind::Restart, 2, 0.3, 8},
     // upgrades and calibrations
     {FaultKind::UpgradeTrigger, 3, 5, 60},
     {FaultKind::UpgradeBox, 3, 10, 120},
@@ -397,6 +406,17 @@ Schedule Draw(uint64_t seed, double hours) {
             case FaultKind::Calibration:
                 f.a = static_cast<int>(r.Int(0, 2));
                 break;
+            case FaultKind::Duplicate:
+                f.a = static_cast<int>(r.Int(1, 4));
+                break;
+            case FaultKind::Escaped:
+                f.a = static_cast<int>(r.Int(0, 1));
+                break;
+            case FaultKind::LateAnswers:
+                // Half within the command's 2 s timeout (and its 50 ms poll), half past it, up
+                // to a few of its repetitions.
+                f.a = static_cast<int>(r.Chance(0.5) ? r.Int(20, 2000) : r.Int(2001, 7000));
+                break;
             default:
                 break;
         }
@@ -589,6 +609,23 @@ obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms) {
                 s.engineRefused = s.engineRefused || f.a == 1;
                 s.engineUnanswered = s.engineUnanswered || f.a == 2;
                 break;
+            case FaultKind::Duplicate:
+                s.duplicateEveryNth =
+                    s.duplicateEveryNth > 0 ? std::min(s.duplicateEveryNth, f.a) : f.a;
+                break;
+            case FaultKind::Escaped:
+                s.escape = true;
+                s.escapeCountsInLength = f.a != 0;
+                break;
+            case FaultKind::LateAnswers:
+                s.answerDelayMs = std::max(s.answerDelayMs, static_cast<double>(f.a));
+                break;
+            case FaultKind::Refusals:
+                s.refuse = true;
+                break;
+            case FaultKind::Restart:
+                if (s.restartMs < 0 || start < s.restartMs) s.restartMs = start;
+                break;
             default:
                 break;
         }
@@ -597,8 +634,36 @@ obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms) {
     return s;
 }
 
+namespace {
+
+// Puts an escaped byte (7D, 7E or 7F) into the low byte of some finite values, at least one of
+// them, chosen by the fault's seed and the instant: every frame then holds escape pairs. The
+// value moves by a few units in its last place.
+void EscapeBytes(const Fault& f, long long ms, obdbox::DataItems& items) {
+    Rng r(f.seed ^ (static_cast<uint64_t>(ms) * 0x9E3779B97F4A7C15ull));
+    bool any = false;
+    for (size_t i = 0; i < items.size(); ++i) {
+        float& v = items[i].second;
+        if (!std::isfinite(v) || (any && r.Chance(0.4)) ||
+            (!any && i + 1 < items.size() && r.Chance(0.4))) {
+            continue;
+        }
+        uint32_t bits = 0;
+        std::memcpy(&bits, &v, sizeof(bits));
+        bits = (bits & ~0xFFu) | static_cast<uint32_t>(0x7D + r.Int(0, 2));
+        std::memcpy(&v, &bits, sizeof(v));
+        any = true;
+    }
+}
+
+}  // namespace
+
 void AlterValues(const std::vector<Fault>& faults, long long ms, obdbox::DataItems& items) {
     for (const Fault& f : faults) {
+        if (f.kind == FaultKind::Escaped && ms >= f.startMs && ms < f.endMs) {
+            EscapeBytes(f, ms, items);
+            continue;
+        }
         if (f.kind != FaultKind::BadValues || ms < f.startMs || ms >= f.endMs) continue;
         for (auto& item : items) {
             if (f.b >= 0 && item.first != f.b + 1) continue;

@@ -63,6 +63,13 @@ enum class FaultKind {
     BadValues,    // item `b` (-1: all) reads NaN, infinite, negative or out of range (`a`)
     BusMessages,  // `a` inbound messages of the handled ids, random payload sizes (`seed`)
     PowerDown,    // the power-down message at the start; lasts to the end of the run
+    // Line and box faults.
+    Duplicate,    // every `a`th frame the box sends goes out twice
+    Escaped,      // the box escapes its frames, counting the pairs in L when `a` is 1; the
+                  // values of its data frames hold escaped bytes (`seed`)
+    LateAnswers,  // answers leave `a` ms of host time after their request
+    Refusals,     // upgrade steps and the engine configuration are refused
+    Restart,      // the box restarts at the start and is back at the end, without its stream
     // Upgrades and calibrations (UpgradeFiles, Messages): what the recorder's services ask for.
     UpgradeTrigger,  // the upgrade file as `a` (UpgradeFile) just before a trigger at the start;
                      // `b` > 0: a second trigger `b` ms later, during the first's transfer;
@@ -148,7 +155,8 @@ struct FileAction {
 std::vector<FileAction> UpgradeFiles(const Fault& f);
 // What the box's faults hold at host time `ms`.
 obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms);
-// Applies the BadValues faults open at `ms` to a frame's items (box ids 1..59).
+// Applies the BadValues faults open at `ms` to a frame's items (box ids 1..59), and gives the
+// items of an Escaped window bytes that the box escapes (7D, 7E, 7F).
 void AlterValues(const std::vector<Fault>& faults, long long ms, obdbox::DataItems& items);
 
 // Whether an inertial gap holds the host's samples back at host time `ms`.

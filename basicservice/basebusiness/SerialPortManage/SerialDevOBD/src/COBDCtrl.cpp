@@ -26,6 +26,7 @@ COBDCtrl::COBDCtrl(CSerialDevOBD* owner)
       m_recvLen(0),
       m_recvBuf(new unsigned char[OBD_RECV_BUF_SIZE]()),
       m_recvMutex(),
+      m_escapeCountsPairs(0),
       m_bReceiving(false),
       m_bCanBoxMode(0),
       m_productType(PRODUCT_TYPE_UNKNOWN),

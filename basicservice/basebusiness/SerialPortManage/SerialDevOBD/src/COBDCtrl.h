@@ -180,6 +180,10 @@ class COBDCtrl : public COBDParser {
     int m_recvLen;
     std::unique_ptr<unsigned char[]> m_recvBuf;
     std::mutex m_recvMutex;
+    // The box's length convention as its escaped frames showed it: 1 when L counts the escape
+    // pairs, 0 when it counts the unescaped bytes (as the frame format defines L, so the start).
+    // Guarded by m_recvMutex.
+    int m_escapeCountsPairs;
     // Set while ReceiveData handles a read; the command wait holds on until it is done.
     std::atomic<bool> m_bReceiving;
     unsigned char m_bCanBoxMode;  // set once by the constructor

@@ -85,7 +85,14 @@ bool HeadMayStartAt(const unsigned char* p, int n) {
 // 0 when neither matches; -1 when that takes bytes not received yet which still fit the buffer.
 // A checksum matches by chance once in 256 frames: when both match, the reading followed by a head
 // (or by nothing yet) stands, the shorter one if both or neither are.
-int MatchEscapedFrame(const unsigned char* f, int avail, char* plain, int* plainLen) {
+//
+// `countsPairs` is the box's convention as its frames showed it so far (1: L counts the pairs);
+// a reading that settles it updates it. A shorter reading that matches with nothing (or only a
+// head's start) after it is taken at once from a box that counts its pairs; from one that does
+// not, it matched by chance as often as not, so the next bytes decide: reads may end anywhere,
+// and one byte at a time they end right there.
+int MatchEscapedFrame(const unsigned char* f, int avail, char* plain, int* plainLen,
+                      int* countsPairsSeen) {
     int at = kLenOffset;
     int l = 0;
     for (int k = 0; k < 2; ++k) {
@@ -102,7 +109,12 @@ int MatchEscapedFrame(const unsigned char* f, int avail, char* plain, int* plain
         if (countsPairs > avail) {
             shorter = -1;
         } else if (ChecksumMatches(f, countsPairs, plain, plainLen)) {
-            if (HeadMayStartAt(f + countsPairs, avail - countsPairs)) return countsPairs;
+            const int after = avail - countsPairs;
+            if (HeadMayStartAt(f + countsPairs, after) &&
+                (*countsPairsSeen == 1 || after >= 4 || !canWait)) {
+                if (after >= 4) *countsPairsSeen = 1;  // a whole head right after it
+                return countsPairs;
+            }
             shorter = countsPairs;
         }
     }
@@ -119,10 +131,14 @@ int MatchEscapedFrame(const unsigned char* f, int avail, char* plain, int* plain
     }
     if (at >= avail) return canWait ? -1 : shorterOnly();
     const int unescaped = at + 1;
-    if (unescaped != countsPairs && ChecksumMatches(f, unescaped, plain, plainLen) &&
-        (shorter <= 0 || HeadMayStartAt(f + unescaped, avail - unescaped))) {
+    const bool longerMatches =
+        unescaped != countsPairs && ChecksumMatches(f, unescaped, plain, plainLen);
+    if (longerMatches && (shorter <= 0 || HeadMayStartAt(f + unescaped, avail - unescaped))) {
+        *countsPairsSeen = 0;
         return unescaped;
     }
+    // Only the shorter reading matches, the longer one being whole: the box counts its pairs.
+    if (!longerMatches && shorter > 0 && unescaped != countsPairs) *countsPairsSeen = 1;
     return shorterOnly();
 }
 
@@ -245,7 +261,8 @@ void COBDCtrl::CutFrames(bool endOfRead) {
                                   &plainLen);
         if (plainLen < frameLen) {
             // Whether the box counts its escape pairs in L is its own choice: the checksum tells.
-            const int matched = MatchEscapedFrame(buf + head, m_recvLen - head, plain, &plainLen);
+            const int matched = MatchEscapedFrame(buf + head, m_recvLen - head, plain, &plainLen,
+                                                  &m_escapeCountsPairs);
             if (matched < 0) {
                 keepTail(m_recvLen - head);  // the longer reading is not complete yet
                 return;
