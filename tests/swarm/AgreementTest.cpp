@@ -96,7 +96,8 @@ TEST(Agreement, OneBitOffFiresUnlessTheLineWasTouched) {
             // three-axis kind the analyser ignores, and a car that speeds up hard.
             for (int k = 0; k < 10; ++k) {
                 const int16_t z = static_cast<int16_t>(k % 2 == 0 ? 8192 : -8192);
-                check.OnInject(MSG_INERTIA_SENSOR_DATA, Inertial(z, s % 2 == 0 ? 1 : 0));
+                check.OnInject(t - 950 + 50 * k, MSG_INERTIA_SENSOR_DATA,
+                               Inertial(z, s % 2 == 0 ? 1 : 0));
                 if (s % 2 == 0) oracle.SixAxis(Sample(z));
             }
             const hostsim::BusMessage table = Table(t, static_cast<float>(s * 4), 3000);
@@ -132,12 +133,13 @@ TEST(Agreement, InertialPayloadsThePlugInRefusesFeedNothing) {
     ASSERT_TRUE(oracle.Load(OBD_PLUGIN, error)) << error;
     for (int s = 1; s <= 20; ++s) {
         for (int k = 0; k < 10; ++k) {
+            const long long t = s * 1000LL - 950 + 50 * k;
             std::vector<unsigned char> p = Inertial(k % 2 == 0 ? 8192 : -8192, 1);
-            accepted.OnInject(MSG_INERTIA_SENSOR_DATA, p);
-            refused.OnInject(MSG_INERTIA_SENSOR_DATA, {p.begin(), p.begin() + 31});
-            refused.OnInject(MSG_GDS_PARAM_UPDATE, p);
+            accepted.OnInject(t, MSG_INERTIA_SENSOR_DATA, p);
+            refused.OnInject(t, MSG_INERTIA_SENSOR_DATA, {p.begin(), p.begin() + 31});
+            refused.OnInject(t, MSG_GDS_PARAM_UPDATE, p);
             p[24] = 7;
-            refused.OnInject(MSG_INERTIA_SENSOR_DATA, p);
+            refused.OnInject(t, MSG_INERTIA_SENSOR_DATA, p);
         }
         // Turbulence counts only while the vehicle moves.
         const hostsim::BusMessage table = Table(s * 1000LL, 40, 2000);
@@ -155,6 +157,26 @@ TEST(Agreement, InertialPayloadsThePlugInRefusesFeedNothing) {
     EXPECT_FALSE(refused.Failed()) << refused.First().message;
     EXPECT_EQ(refused.Compared(), 20);
     EXPECT_TRUE(accepted.Failed());
+}
+
+// A sample handed in the very instant of the 1 s work may have come before or after it in the
+// plug-in: from such a tie on the check stands down; samples later than a broadcast wait for the
+// next one.
+TEST(Agreement, ASampleInTheInstantOfTheBroadcastStandsTheCheckDown) {
+    for (const bool tie : {false, true}) {
+        SCOPED_TRACE(tie ? "tie" : "no tie");
+        Agreement check({});
+        std::string error;
+        ASSERT_TRUE(check.Load(OBD_PLUGIN, error)) << error;
+        const uint64_t none[4] = {0, 0, 0, 0};
+        const uint64_t off[4] = {1, 0, 0, 0};
+        check.OnSixAxis(tie ? 2000 : 2050, Sample(8192));
+        check.OnBus(Alarm(1000, none));
+        check.OnBus(Alarm(2000, none));
+        check.OnBus(Alarm(3000, off));
+        EXPECT_EQ(check.Compared(), tie ? 1 : 3);
+        EXPECT_EQ(check.Failed(), !tie);
+    }
 }
 
 }  // namespace

@@ -116,14 +116,14 @@ void Feeder::Run() {
         // Every tick that is due is played, so a thread that fell behind the host clock (a busy
         // machine at a high time scale) catches up instead of losing vehicle time.
         const long long now = hostsim::ClockNowMs();
-        while (!m_stop && next * kInertialPeriodMs <= now) Tick(next++);
+        while (!m_stop && At(next) <= now) Tick(next++);
         // Without motion only the reference's seconds are left to play: waking ten times a second
         // for nothing costs a run at max speed a turn each time.
         constexpr long long kPerSecond = 1000 / kInertialPeriodMs;
         if (m_drive == nullptr || !m_drive->HasMotion()) {
             while (!m_stop && next % kPerSecond != 0) Tick(next++);
         }
-        const long long wait = next * kInertialPeriodMs - hostsim::ClockNowMs();
+        const long long wait = At(next) - hostsim::ClockNowMs();
         // On virtual time leaving the clock ends the sleep (Stop); on the others short steps, so
         // that a stop is noticed soon.
         const long long step = hostsim::ClockGetMode() == hostsim::ClockMode::Virtual ? wait : 50;
@@ -133,12 +133,11 @@ void Feeder::Run() {
 }
 
 void Feeder::Tick(long long tick) {
-    if (m_drive != nullptr && m_drive->HasMotion() &&
-        !(m_sixAxisHeld && m_sixAxisHeld(tick * kInertialPeriodMs))) {
-        const Motion m = m_drive->MotionAt(static_cast<double>(tick * kInertialPeriodMs) / 1000.0);
+    if (m_drive != nullptr && m_drive->HasMotion() && !(m_sixAxisHeld && m_sixAxisHeld(At(tick)))) {
+        const Motion m = m_drive->MotionAt(static_cast<double>(At(tick)) / 1000.0);
         hostsim::BusInject(1071, InertialPayload(m));
         if (m_reference != nullptr) m_reference->SixAxis(SixAxisSample(m));
-        if (m_sixAxisTap) m_sixAxisTap(tick * kInertialPeriodMs, SixAxisSample(m));
+        if (m_sixAxisTap) m_sixAxisTap(At(tick), SixAxisSample(m));
     }
     if (m_reference != nullptr && tick > 0 && tick % (1000 / kInertialPeriodMs) == 0) {
         m_reference->Second();

@@ -53,6 +53,10 @@ class Feeder {
     // Before Start.
     void SetSixAxisTap(SixAxisTap tap) { m_sixAxisTap = std::move(tap); }
     void SetSixAxisHeld(SixAxisHeld held) { m_sixAxisHeld = std::move(held); }
+    // Samples at this many ms past each period instead of on it (0..kInertialPeriodMs-1): off
+    // the plug-in's 100 ms cycle, a sample is never handled in the same instant as the 1 s work,
+    // so which of the two came first is never a matter of the order of turns.
+    void SetSixAxisPhaseMs(long long ms) { m_phaseMs = ms; }
     // The emulator's value source: the drive at the current host time.
     obdbox::DataItems Frame();
     // The thread of inertial samples and reference seconds.
@@ -62,12 +66,14 @@ class Feeder {
   private:
     void Run();
     void Tick(long long tick);
+    long long At(long long tick) const { return tick * kInertialPeriodMs + m_phaseMs; }
 
     const Drive* m_drive;
     ReferenceAnalyser* m_reference;
     FrameTap m_tap;
     SixAxisTap m_sixAxisTap;
     SixAxisHeld m_sixAxisHeld;
+    long long m_phaseMs = 0;
     std::atomic<bool> m_stop{false};
     // Takes its turns on virtual time like the plug-in's threads, so a run at max speed repeats.
     std::unique_ptr<hostsim::Participant> m_part;

@@ -26,6 +26,7 @@ bool Session::Start(std::string& error) {
     m_feeder = std::make_unique<Feeder>(m_opt.drive, m_opt.reference, m_opt.frameTap);
     m_feeder->SetSixAxisTap(m_opt.sixAxisTap);
     m_feeder->SetSixAxisHeld(m_opt.sixAxisHeld);
+    m_feeder->SetSixAxisPhaseMs(m_opt.sixAxisPhaseMs);
 
     obdbox::BoxOptions o;
     o.streamPeriodMs = 1000;

@@ -32,6 +32,7 @@ struct SessionOptions {
     Feeder::FrameTap frameTap;               // the drive's sample for every data frame
     Feeder::SixAxisTap sixAxisTap;           // every inertial sample the plug-in was handed
     Feeder::SixAxisHeld sixAxisHeld;         // samples the host holds back
+    long long sixAxisPhaseMs = 0;            // Feeder::SetSixAxisPhaseMs
     // The items of each data-stream frame as the box is about to send them, at host time tMs:
     // may change them (a box that reports nonsense) and sees what goes out.
     std::function<void(long long tMs, obdbox::DataItems& items)> alterValues;

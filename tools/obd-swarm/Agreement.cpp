@@ -33,12 +33,14 @@ bool Agreement::Load(const std::string& plugin, std::string& error) {
     return m_reference.Load(plugin, error);
 }
 
-void Agreement::OnSixAxis(const tagSixAxisOrgData& sample) {
+void Agreement::OnSixAxis(long long tMs, const tagSixAxisOrgData& sample) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_reference.SixAxis(sample);
+    auto at = m_samples.end();
+    while (at != m_samples.begin() && std::prev(at)->first > tMs) --at;
+    m_samples.insert(at, {tMs, sample});
 }
 
-void Agreement::OnInject(int id, const std::vector<unsigned char>& payload) {
+void Agreement::OnInject(long long tMs, int id, const std::vector<unsigned char>& payload) {
     // The plug-in refuses a payload under 32 bytes, hands a six-axis sample (kind 1) on with its
     // six 16-bit little-endian values high byte first, and nothing else to the alarms.
     constexpr size_t kKind = 24;
@@ -49,7 +51,7 @@ void Agreement::OnInject(int id, const std::vector<unsigned char>& payload) {
         sample.data[2 * i] = payload[kAt[i] + 1];
         sample.data[2 * i + 1] = payload[kAt[i]];
     }
-    OnSixAxis(sample);
+    OnSixAxis(tMs, sample);
 }
 
 void Agreement::OnBus(const hostsim::BusMessage& m) {
@@ -63,7 +65,15 @@ void Agreement::OnBus(const hostsim::BusMessage& m) {
     }
     uint64_t got[4];
     if (m.id != MSG_GDS_ALARM || !obdsim::AlarmWords(m.payload, got)) return;
-    // The plug-in's second: its analyser ran on the table it then broadcast.
+    // The plug-in's second: its analyser ran on the samples handed before this instant and on the
+    // table it then broadcast.
+    bool tie = false;
+    while (!m_samples.empty() && m_samples.front().first <= m.tMs) {
+        tie = tie || m_samples.front().first == m.tMs;
+        m_reference.SixAxis(m_samples.front().second);
+        m_samples.pop_front();
+    }
+    if (tie && (m_touchedMs < 0 || m.tMs < m_touchedMs)) m_touchedMs = m.tMs;
     if (m_haveTable) m_reference.Table(m_table);
     m_reference.Second();
     if (!m_first.name.empty() || (m_touchedMs >= 0 && m.tMs >= m_touchedMs)) return;

@@ -18,6 +18,7 @@
 // stepping thread; one mutex orders them.
 #pragma once
 
+#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -34,11 +35,12 @@ class Agreement {
     explicit Agreement(std::vector<Fault> faults);
     // False with `error` when the analyser copy cannot be loaded from `plugin`.
     bool Load(const std::string& plugin, std::string& error);
-    void OnSixAxis(const tagSixAxisOrgData& sample);
+    // An inertial sample the plug-in is handed at host time tMs.
+    void OnSixAxis(long long tMs, const tagSixAxisOrgData& sample);
     void OnBus(const hostsim::BusMessage& m);
     // An inbound message the swarm delivered (not the feeder's own samples): its payload, after
     // the host's head.
-    void OnInject(int id, const std::vector<unsigned char>& payload);
+    void OnInject(long long tMs, int id, const std::vector<unsigned char>& payload);
 
     bool Failed() const;
     Violation First() const;
@@ -49,6 +51,10 @@ class Agreement {
     const std::vector<Fault> m_faults;
     obdsim::ReferenceAnalyser m_reference;
     mutable std::mutex m_mutex;  // everything below, and the copy's calls
+    // Samples not yet fed, in host time order: the plug-in handles a sample delivered in the
+    // same instant as its 1 s work before or after it as its turns fall, so the copy takes
+    // those before the broadcast's instant and stands down at a tie.
+    std::deque<std::pair<long long, tagSixAxisOrgData>> m_samples;
     _OBD_DataTable_t m_table{};
     bool m_haveTable = false;
     long long m_compared = 0;

@@ -258,8 +258,10 @@ int main(int argc, char** argv) {
     o.sixAxisHeld = [&schedule](long long tMs) {
         return obdswarm::InertialHeld(schedule.faults, tMs);
     };
-    o.sixAxisTap = [&agreement](long long, const tagSixAxisOrgData& sample) {
-        agreement.OnSixAxis(sample);
+    // Samples between the plug-in's cycles, so that the alarms' copy knows their order.
+    o.sixAxisPhaseMs = 50;
+    o.sixAxisTap = [&agreement](long long tMs, const tagSixAxisOrgData& sample) {
+        agreement.OnSixAxis(tMs, sample);
     };
     o.onBus = [&checker, &agreement, trace](const hostsim::BusMessage& m) {
         checker.OnBus(m);
@@ -331,7 +333,7 @@ int main(int argc, char** argv) {
                                      inbound[next].id, inbound[next].payload.size());
                     }
                     checker.OnInject(now, inbound[next].id, inbound[next].payload.size());
-                    agreement.OnInject(inbound[next].id, inbound[next].payload);
+                    agreement.OnInject(now, inbound[next].id, inbound[next].payload);
                     hostsim::BusInject(inbound[next].id, inbound[next].payload);
                     ++next;
                 }
