@@ -33,11 +33,25 @@ bool Agreement::Load(const std::string& plugin, std::string& error) {
     return m_reference.Load(plugin, error);
 }
 
-void Agreement::OnSixAxis(long long tMs, const tagSixAxisOrgData& sample) {
+void Agreement::Queue(Input in) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    auto at = m_samples.end();
-    while (at != m_samples.begin() && std::prev(at)->first > tMs) --at;
-    m_samples.insert(at, {tMs, sample});
+    auto at = m_inputs.end();
+    while (at != m_inputs.begin() && std::prev(at)->tMs > in.tMs) --at;
+    m_inputs.insert(at, std::move(in));
+}
+
+void Agreement::OnFrame(long long tMs, const obdbox::DataItems& items) {
+    Input in{tMs, true, {}, {}};
+    for (const auto& [id, value] : items) {
+        if (id < 1 || id > obdsim::kItemCount) continue;
+        in.items.present.set(id - 1u);
+        in.items.value[id - 1u] = value;
+    }
+    Queue(std::move(in));
+}
+
+void Agreement::OnSixAxis(long long tMs, const tagSixAxisOrgData& sample) {
+    Queue({tMs, false, {}, sample});
 }
 
 void Agreement::OnInject(long long tMs, int id, const std::vector<unsigned char>& payload) {
@@ -65,15 +79,25 @@ void Agreement::OnBus(const hostsim::BusMessage& m) {
     }
     uint64_t got[4];
     if (m.id != MSG_GDS_ALARM || !obdsim::AlarmWords(m.payload, got)) return;
-    // The plug-in's second: its analyser ran on the samples handed before this instant and on the
-    // table it then broadcast.
-    bool tie = false;
-    while (!m_samples.empty() && m_samples.front().first <= m.tMs) {
-        tie = tie || m_samples.front().first == m.tMs;
-        m_reference.SixAxis(m_samples.front().second);
-        m_samples.pop_front();
+    // The plug-in's second: its analyser ran on what came before this instant and on the table
+    // it then broadcast. A frame of this very instant may have come before or after: the table
+    // settles it, and the frame is fed after the evaluation all the same (again, if it came
+    // before: a table the same as the last changes no alarm).
+    for (const Input& in : m_inputs) {
+        if (in.tMs > m.tMs) break;
+        if (in.tMs == m.tMs && !in.frame && (m_touchedMs < 0 || m.tMs < m_touchedMs)) {
+            m_touchedMs = m.tMs;
+        }
     }
-    if (tie && (m_touchedMs < 0 || m.tMs < m_touchedMs)) m_touchedMs = m.tMs;
+    while (!m_inputs.empty() && m_inputs.front().tMs < m.tMs) {
+        const Input& in = m_inputs.front();
+        if (in.frame) {
+            m_reference.Frame(in.items);
+        } else {
+            m_reference.SixAxis(in.sample);
+        }
+        m_inputs.pop_front();
+    }
     if (m_haveTable) m_reference.Table(m_table);
     m_reference.Second();
     if (!m_first.name.empty() || (m_touchedMs >= 0 && m.tMs >= m_touchedMs)) return;

@@ -245,6 +245,7 @@ int main(int argc, char** argv) {
     o.alterValues = [&](long long tMs, obdbox::DataItems& items) {
         obdswarm::AlterValues(schedule.faults, tMs, items);
         checker.OnFrame(tMs, items);
+        agreement.OnFrame(tMs, items);
         if (trace) std::fprintf(stderr, "[%lld ms] frame, %zu items\n", tMs, items.size());
     };
     o.box = [&](obdbox::BoxOptions& b) {
