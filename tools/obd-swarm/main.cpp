@@ -27,6 +27,7 @@
 #include "Invariants.h"
 #include "Schedule.h"
 #include "Session.h"
+#include "Shrink.h"
 
 namespace {
 
@@ -105,6 +106,11 @@ int main(int argc, char** argv) {
     int hangS = 300;
     int logLevel = -1;
     bool trace = false;
+    std::vector<std::string> boundSets;
+    bool shrink = false;
+    std::string shrinkOut;
+    int shrinkRuns = 300;
+    int shrinkMarginS = 2;
     CLI::Option* seedOption = app.add_option("--seed", seed, "the seed that draws the run");
     app.add_option("--hours", hours, "vehicle hours to drive (default 1)")
         ->check(CLI::Range(0.001, 10000.0));
@@ -121,6 +127,20 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0, 3));
     app.add_flag("--trace", trace,
                  "print every bus message, injected message and data frame on stderr");
+    app.add_option("--bound", boundSets,
+                   "NAME=MS: the bound of an invariant (link-down, link-up, upgrade-ends, ...)")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_flag(
+        "--shrink", shrink,
+        "cut a violating run down to the smallest schedule that breaks the same invariant");
+    app.add_option("--shrink-out", shrinkOut,
+                   "where --shrink writes its schedule (default swarm-SEED.shrunk.json)");
+    app.add_option("--shrink-runs", shrinkRuns, "at most this many candidate runs (default 300)")
+        ->check(CLI::Range(1, 100000));
+    app.add_option("--shrink-margin", shrinkMarginS,
+                   "seconds of drive --shrink keeps after the violation (default 2)")
+        ->check(CLI::Range(0, 86400));
     seedOption->excludes(replayOption);
     try {
         app.parse(argc, argv);
@@ -131,6 +151,17 @@ int main(int argc, char** argv) {
     }
     if (seedOption->count() == 0 && replayOption->count() == 0) {
         return Fail("--seed S or --replay FILE is needed", 2);
+    }
+    obdswarm::Bounds base;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // A sanitizer keeps freed memory and history of its own that fill over the first hours (the
+    // address sanitizer's quarantine alone holds 256 MB): that is the tool's, not the plug-in's.
+    base.rssGrowthKb += 256 * 1024;
+#endif
+    obdswarm::Bounds bounds = base;
+    for (const std::string& set : boundSets) {
+        std::string error;
+        if (!obdswarm::SetBound(set, bounds, error)) return Fail(error, 2);
     }
     obdswarm::Schedule schedule;
     std::string reproduce;
@@ -147,10 +178,24 @@ int main(int argc, char** argv) {
         schedule = obdswarm::Draw(seed, hours);
         reproduce = "obd-swarm --seed " + std::to_string(seed) + " --hours " + Hours(hours);
     }
+    reproduce += obdswarm::BoundArgs(bounds, base);
     if (!scheduleOut.empty()) {
         std::ofstream file(scheduleOut);
         file << obdswarm::ToJson(schedule);
         if (!file) return Fail("cannot write " + scheduleOut, 1);
+    }
+    if (shrink) {
+        obdswarm::ShrinkRequest q;
+        q.plugin = plugin;
+        q.hangS = hangS;
+        q.bounds = bounds;
+        q.base = base;
+        q.reproduce = reproduce;
+        q.outFile = shrinkOut.empty() ? "swarm-" + std::to_string(schedule.seed) + ".shrunk.json"
+                                      : shrinkOut;
+        q.maxRuns = shrinkRuns;
+        q.marginMs = shrinkMarginS * 1000LL;
+        return obdswarm::ShrinkCommand(schedule, q);
     }
     const obdsim::Drive drive = obdswarm::BuildDrive(schedule);
     const long long endMs = static_cast<long long>(schedule.DriveSeconds() * 1000.0) + 1000;
@@ -197,12 +242,6 @@ int main(int argc, char** argv) {
         hostsim::SetLogLevel(logLevel);
     }
 
-    obdswarm::Bounds bounds;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    // A sanitizer keeps freed memory and history of its own that fill over the first hours (the
-    // address sanitizer's quarantine alone holds 256 MB): that is the tool's, not the plug-in's.
-    bounds.rssGrowthKb += 256 * 1024;
-#endif
     obdswarm::Checker checker(schedule.faults, bounds);
     obdsim::SessionOptions o;
     o.plugin = plugin;
@@ -301,6 +340,7 @@ int main(int argc, char** argv) {
             j["t_ms"] = v.tMs;
             j["message"] = v.message;
         }
+        j["bounds"] = obdswarm::BoundValues(bounds);
         j["reproduce"] = reproduce;
         std::fprintf(out, "%s\n", j.dump().c_str());
     } else if (v.name.empty()) {
