@@ -12,11 +12,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -268,12 +270,15 @@ int main(int argc, char** argv) {
     };
 
     // The last resort for a hang: host time that stands for minutes of real time.
-    std::atomic<bool> done{false};
+    // It wakes at once when the run ends: a short run (a shrinker's candidate) waits for nothing.
+    std::mutex doneMutex;
+    std::condition_variable doneCv;
+    bool done = false;
     std::thread watchdog([&] {
         long long seen = -1;
         auto since = std::chrono::steady_clock::now();
-        while (!done.load()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::unique_lock<std::mutex> lock(doneMutex);
+        while (!doneCv.wait_for(lock, std::chrono::milliseconds(200), [&] { return done; })) {
             const long long now = hostsim::ClockNowMs();
             if (now != seen) {
                 seen = now;
@@ -322,7 +327,11 @@ int main(int argc, char** argv) {
         }
         session.Stop();
     }
-    done = true;
+    {
+        std::lock_guard<std::mutex> lock(doneMutex);
+        done = true;
+    }
+    doneCv.notify_one();
     watchdog.join();
     if (status != 0) return status;
 
