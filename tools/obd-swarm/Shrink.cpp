@@ -372,6 +372,7 @@ Judge ChildJudge(std::string program, std::vector<std::string> args, std::string
         words.insert(words.end(), args.begin(), args.end());
         for (const char* w : {"--replay", file.c_str(), "--json"}) words.emplace_back(w);
         std::vector<char*> argv;
+        argv.reserve(words.size() + 1);
         for (std::string& w : words) argv.push_back(&w[0]);
         argv.push_back(nullptr);
 
