@@ -152,7 +152,11 @@ TEST_F(SwarmRun, BadArgumentsAndFilesSayWhy) {
                 {"--seed 1 --hours 0", 2, "--hours"},
                 {"--replay " + dir + "/none.json", 1, "cannot read schedule"},
                 {"--replay " + dir + "/bad.json", 1, "cannot read schedule"},
-                {"--seed 1 --plugin " + dir + "/none.so", 1, "cannot load plug-in"}};
+                {"--seed 1 --plugin " + dir + "/none.so", 1, "cannot load plug-in"},
+                {"--seed 1 --bound linkdown=5", 2, "unknown bound 'linkdown'"},
+                {"--seed 1 --bound link-down=5s", 2, "'5s' is no number"},
+                {"--seed 1 --bound link-down", 2, "'' is no number"},
+                {"--seed 1 --shrink --plugin " + dir + "/none.so", 1, "gave no result"}};
     for (const auto& r : rows) {
         SCOPED_TRACE(r.args);
         EXPECT_EQ(Run(r.args), r.code);
@@ -160,6 +164,87 @@ TEST_F(SwarmRun, BadArgumentsAndFilesSayWhy) {
         EXPECT_EQ(out, "");
     }
 }
+
+// A nine-minute drive of seed 17 with three faults of which only the silence can break a tight
+// link-down bound: bad values first, the silence, an inertial gap after it.
+std::string SilenceAmongOthers(const std::string& dir) {
+    obdswarm::Schedule s = obdswarm::Draw(17, 0.15);
+    s.faults = {{obdswarm::FaultKind::BadValues, 60000, 90000, 0, -1, 1},
+                {obdswarm::FaultKind::Silent, 200000, 215000, 0, 0, 2},
+                {obdswarm::FaultKind::InertialGap, 300000, 320000, 0, 0, 3}};
+    const std::string file = dir + "/orig.json";
+    std::ofstream(file) << obdswarm::ToJson(s);
+    return file;
+}
+
+// A bound given on the command line is part of the run: in its JSON and in the command that
+// repeats it (only where it differs from the default).
+TEST_F(SwarmRun, ABoundIsPartOfTheRunAndItsCommand) {
+    const std::string orig = SilenceAmongOthers(dir);
+    EXPECT_EQ(Run("--replay " + orig + " --bound link-down=1500 --bound release=1000 --json"), 6);
+    nlohmann::json j = nlohmann::json::parse(out, nullptr, false);
+    ASSERT_TRUE(j.is_object()) << out << err;
+    EXPECT_EQ(j["invariant"], "link-down");
+    EXPECT_EQ(j["bounds"]["link-down"], 1500);
+    EXPECT_EQ(j["bounds"]["link-up"], 3000);
+    EXPECT_EQ(j["reproduce"], "obd-swarm --replay " + orig + " --bound link-down=1500");
+    EXPECT_EQ(Run("--replay " + orig + " --json"), 0) << out;
+    j = nlohmann::json::parse(out, nullptr, false);
+    EXPECT_EQ(j["bounds"]["link-down"], 12000);
+}
+
+// The shrinker judges each candidate in a child of /proc/self/exe, which under a user-mode
+// emulator is the emulator itself: these run natively only.
+#ifndef OBD_TEST_EMULATED
+// The shrinker on the real plug-in: the silence among three faults of a nine-minute drive comes
+// down to a shorter silence alone in a drive of seconds, which breaks the same invariant again
+// under the same bound, and nothing under the normal ones.
+TEST_F(SwarmRun, ShrinksAViolationToAScheduleThatRepeatsIt) {
+    const std::string orig = SilenceAmongOthers(dir), file = dir + "/s.json";
+    ASSERT_EQ(Run("--replay " + orig + " --bound link-down=1500 --shrink --shrink-out " + file), 6)
+        << out << err;
+    EXPECT_EQ(
+        out.rfind("seed 17: link-down shrunk from 3 faults, 0:09:00 of drive to 1 fault, ", 0), 0u)
+        << out;
+    EXPECT_NE(out.find(" candidate runs; reproduce: obd-swarm --replay " + file +
+                       " --bound link-down=1500\n"),
+              std::string::npos)
+        << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1);
+    EXPECT_NE(err.find("obd-swarm: shrink: dropped "), std::string::npos) << err;
+    const std::string shrunk = Slurp("/s.json");
+    obdswarm::Schedule original, s;
+    std::string error;
+    ASSERT_TRUE(obdswarm::FromJson(Slurp("/orig.json"), original, error)) << error;
+    ASSERT_TRUE(obdswarm::FromJson(shrunk, s, error)) << error << shrunk;
+    ASSERT_EQ(s.faults.size(), 1u);
+    EXPECT_EQ(s.faults[0].kind, obdswarm::FaultKind::Silent);
+    EXPECT_LT(s.DriveSeconds(), original.DriveSeconds() / 10);
+    EXPECT_LT(s.faults[0].endMs - s.faults[0].startMs, 15000);
+    const nlohmann::json j = nlohmann::json::parse(shrunk);
+    EXPECT_EQ(j["violates"], "link-down");
+    EXPECT_EQ(j["bounds"], nlohmann::json({{"link-down", 1500}}));
+
+    ASSERT_EQ(Run("--replay " + file + " --bound link-down=1500 --json"), 6) << out << err;
+    const nlohmann::json again = nlohmann::json::parse(out, nullptr, false);
+    ASSERT_TRUE(again.is_object()) << out;
+    EXPECT_EQ(again["invariant"], "link-down");
+    EXPECT_EQ(again["t_ms"], j["violates_at_ms"]);
+    EXPECT_EQ(Run("--replay " + file), 0) << out << err;
+    // Same input, same shrunk file.
+    ASSERT_EQ(Run("--replay " + orig + " --bound link-down=1500 --shrink --shrink-out " + file), 6);
+    EXPECT_EQ(Slurp("/s.json"), shrunk);
+}
+
+TEST_F(SwarmRun, ARunWithoutViolationIsNotShrunk) {
+    EXPECT_EQ(Run("--seed 17 --hours 0.15 --shrink --shrink-out " + dir + "/s.json"), 0) << err;
+    EXPECT_EQ(out,
+              "seed 17: no violation, nothing to shrink; reproduce: obd-swarm --seed 17 --hours "
+              "0.15\n");
+    EXPECT_EQ(Slurp("/s.json"), "");
+}
+
+#endif
 
 #ifdef HOST_TEST_PLUGIN
 // A plug-in that broadcasts nothing violates the first invariant it meets: one line, status 6.

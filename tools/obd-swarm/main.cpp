@@ -14,11 +14,13 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -31,6 +33,7 @@
 #include "PrivateFile.h"
 #include "Schedule.h"
 #include "Session.h"
+#include "Shrink.h"
 #include "Table.h"
 
 namespace {
@@ -110,6 +113,11 @@ int main(int argc, char** argv) {
     int hangS = 300;
     int logLevel = -1;
     bool trace = false;
+    std::vector<std::string> boundSets;
+    bool shrink = false;
+    std::string shrinkOut;
+    int shrinkRuns = 300;
+    int shrinkMarginS = 2;
     CLI::Option* seedOption = app.add_option("--seed", seed, "the seed that draws the run");
     app.add_option("--hours", hours, "vehicle hours to drive (default 1)")
         ->check(CLI::Range(0.001, 10000.0));
@@ -126,6 +134,20 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0, 3));
     app.add_flag("--trace", trace,
                  "print every bus message, injected message and data frame on stderr");
+    app.add_option("--bound", boundSets,
+                   "NAME=MS: the bound of an invariant (link-down, link-up, upgrade-ends, ...)")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_flag(
+        "--shrink", shrink,
+        "cut a violating run down to the smallest schedule that breaks the same invariant");
+    app.add_option("--shrink-out", shrinkOut,
+                   "where --shrink writes its schedule (default swarm-SEED.shrunk.json)");
+    app.add_option("--shrink-runs", shrinkRuns, "at most this many candidate runs (default 300)")
+        ->check(CLI::Range(1, 100000));
+    app.add_option("--shrink-margin", shrinkMarginS,
+                   "seconds of drive --shrink keeps after the violation (default 2)")
+        ->check(CLI::Range(0, 86400));
     seedOption->excludes(replayOption);
     std::vector<std::string> table;
     bool tableJson = false;
@@ -158,6 +180,17 @@ int main(int argc, char** argv) {
         }
         ::unlink(upgradeFile.c_str());  // a run's file is the one its schedule writes
     }
+    obdswarm::Bounds base;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // A sanitizer keeps freed memory and history of its own that fill over the first hours (the
+    // address sanitizer's quarantine alone holds 256 MB): that is the tool's, not the plug-in's.
+    base.rssGrowthKb += 256 * 1024;
+#endif
+    obdswarm::Bounds bounds = base;
+    for (const std::string& set : boundSets) {
+        std::string error;
+        if (!obdswarm::SetBound(set, bounds, error)) return Fail(error, 2);
+    }
     obdswarm::Schedule schedule;
     std::string reproduce;
     if (!replay.empty()) {
@@ -173,10 +206,24 @@ int main(int argc, char** argv) {
         schedule = obdswarm::Draw(seed, hours);
         reproduce = "obd-swarm --seed " + std::to_string(seed) + " --hours " + Hours(hours);
     }
+    reproduce += obdswarm::BoundArgs(bounds, base);
     if (!scheduleOut.empty()) {
         std::ofstream file(scheduleOut);
         file << obdswarm::ToJson(schedule);
         if (!file) return Fail("cannot write " + scheduleOut, 1);
+    }
+    if (shrink) {
+        obdswarm::ShrinkRequest q;
+        q.plugin = plugin;
+        q.hangS = hangS;
+        q.bounds = bounds;
+        q.base = base;
+        q.reproduce = reproduce;
+        q.outFile = shrinkOut.empty() ? "swarm-" + std::to_string(schedule.seed) + ".shrunk.json"
+                                      : shrinkOut;
+        q.maxRuns = shrinkRuns;
+        q.marginMs = shrinkMarginS * 1000LL;
+        return obdswarm::ShrinkCommand(schedule, q);
     }
     const obdsim::Drive drive = obdswarm::BuildDrive(schedule);
     const long long endMs = obdswarm::EndMs(schedule);
@@ -230,12 +277,6 @@ int main(int argc, char** argv) {
         hostsim::SetLogLevel(logLevel);
     }
 
-    obdswarm::Bounds bounds;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    // A sanitizer keeps freed memory and history of its own that fill over the first hours (the
-    // address sanitizer's quarantine alone holds 256 MB): that is the tool's, not the plug-in's.
-    bounds.rssGrowthKb += 256 * 1024;
-#endif
     obdswarm::Checker checker(schedule.faults, bounds);
     obdswarm::Agreement agreement(schedule.faults);
     obdsim::SessionOptions o;
@@ -274,12 +315,15 @@ int main(int argc, char** argv) {
     };
 
     // The last resort for a hang: host time that stands for minutes of real time.
-    std::atomic<bool> done{false};
+    // It wakes at once when the run ends: a short run (a shrinker's candidate) waits for nothing.
+    std::mutex doneMutex;
+    std::condition_variable doneCv;
+    bool done = false;
     std::thread watchdog([&] {
         long long seen = -1;
         auto since = std::chrono::steady_clock::now();
-        while (!done.load()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::unique_lock<std::mutex> lock(doneMutex);
+        while (!doneCv.wait_for(lock, std::chrono::milliseconds(200), [&] { return done; })) {
             const long long now = hostsim::ClockNowMs();
             if (now != seen) {
                 seen = now;
@@ -352,7 +396,11 @@ int main(int argc, char** argv) {
         }
         session.Stop();
     }
-    done = true;
+    {
+        std::lock_guard<std::mutex> lock(doneMutex);
+        done = true;
+    }
+    doneCv.notify_one();
     watchdog.join();
     if (status != 0) return status;
 
@@ -378,6 +426,7 @@ int main(int argc, char** argv) {
             j["t_ms"] = v.tMs;
             j["message"] = v.message;
         }
+        j["bounds"] = obdswarm::BoundValues(bounds);
         j["reproduce"] = reproduce;
         std::fprintf(out, "%s\n", j.dump().c_str());
     } else if (v.name.empty()) {
