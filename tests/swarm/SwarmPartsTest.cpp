@@ -867,6 +867,19 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          },
          "data-to-table",
          5100},
+        {"counting the pairs after a frame with a wrong checksum: the next may still wait",
+         {{FaultKind::Escaped, 3500, 9000, 1, 0, 0}, {FaultKind::BadChecksum, 3500, 4100, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 3);
+             c.OnFrame(4000, {{7, 1.0f}});
+             c.OnBus(Table(4100, kFrame));
+             c.OnFrame(5000, {{7, 2.0f}});
+             c.OnBus(Table(5100, kFrame));
+             c.OnFrame(6000, {{7, 3.0f}});
+             c.OnBus(Table(6100, {{7, 3.0f}}));
+         },
+         "",
+         -1},
         {"escaped with a wrong checksum: not in the table, the link down while frames come",
          {{FaultKind::Escaped, 5500, 40000, 0, 0, 0},
           {FaultKind::BadChecksum, 5500, 30000, 0, 0, 0}},

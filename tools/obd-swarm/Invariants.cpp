@@ -160,7 +160,9 @@ void Checker::OnFrame(long long tMs, const obdbox::DataItems& items) {
     if (box.escape) {
         // The first frame that counts its pairs after one that did not (or after the start).
         if (box.escapeCountsInLength && !m_countsPairs) owed = false;
-        m_countsPairs = box.escapeCountsInLength;
+        // The plug-in learns the convention from a frame whose checksum settles between its
+        // readings: a spoilt one teaches it nothing.
+        if (!box.badChecksum) m_countsPairs = box.escapeCountsInLength;
     }
     // A wrong checksum alone does not spoil a frame: the plug-in's receiver does not verify it.
     // A frame not owed reaches the plug-in late or not at all: the link checks wait for the next.
