@@ -12,17 +12,23 @@
 namespace obdswarm {
 namespace {
 
+// A broadcast of the plug-in's carrying `record` byte for byte.
+template <typename Record>
+hostsim::BusMessage Broadcast(long long tMs, int id, const Record& record) {
+    hostsim::BusMessage m;
+    m.tMs = tMs;
+    m.id = id;
+    m.payload.resize(sizeof(record));
+    std::memcpy(m.payload.data(), &record, sizeof(record));
+    return m;
+}
+
 hostsim::BusMessage Table(long long tMs, float speed, float rpm) {
     ObdOriginalDataMsg_t msg{};
     for (int i = 0; i < OBD_ITEM_COUNT; ++i) msg.table.item[i].id = i;
     msg.table.item[OBD_IDX_SPEED].value = speed;
     msg.table.item[OBD_IDX_ENGINE_SPEED].value = rpm;
-    hostsim::BusMessage m;
-    m.tMs = tMs;
-    m.id = MSG_OBD_ORIGINAL_DATA;
-    m.payload.resize(sizeof(msg));
-    std::memcpy(m.payload.data(), &msg, sizeof(msg));
-    return m;
+    return Broadcast(tMs, MSG_OBD_ORIGINAL_DATA, msg);
 }
 
 hostsim::BusMessage Alarm(long long tMs, const uint64_t words[4]) {
@@ -31,12 +37,7 @@ hostsim::BusMessage Alarm(long long tMs, const uint64_t words[4]) {
     msg.eventType2Alarms = words[1];
     msg.eventType3Alarms = words[2];
     msg.eventType4Alarms = words[3];
-    hostsim::BusMessage m;
-    m.tMs = tMs;
-    m.id = MSG_GDS_ALARM;
-    m.payload.resize(sizeof(msg));
-    std::memcpy(m.payload.data(), &msg, sizeof(msg));
-    return m;
+    return Broadcast(tMs, MSG_GDS_ALARM, msg);
 }
 
 // A cabin shaken along X and Z (turbulence takes two rough axes), the other axes still: as the
