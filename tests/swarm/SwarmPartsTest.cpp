@@ -46,6 +46,13 @@ TEST(Schedule, DrawsFromTheStandardEngineAndTheSeedAlone) {
     }
 }
 
+// Result lines give host time to the second, past ten hours too.
+TEST(Schedule, HostTimeToTheSecond) {
+    EXPECT_EQ(ClockSeconds(3599999), "0:59:59");
+    EXPECT_EQ(ClockSeconds(36000000), "10:00:00");
+    EXPECT_EQ(Clock(36000250), "10:00:00.250");
+}
+
 TEST(Schedule, BadFilesAreRefusedWithAReason) {
     const char* rows[] = {
         "",

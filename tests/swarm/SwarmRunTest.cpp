@@ -46,8 +46,7 @@ TEST_F(SwarmRun, OneSeedIsOneRunByteForByteAndReplays) {
     EXPECT_EQ(j["reproduce"], "obd-swarm --replay " + dir + "/s.json");
     EXPECT_EQ(
         first.substr(0, first.find(": ok;")),
-        "seed 12: " +
-            obdswarm::Clock(std::llround(j["vehicle_s"].get<double>() * 1000)).substr(0, 7) +
+        "seed 12: " + obdswarm::ClockSeconds(std::llround(j["vehicle_s"].get<double>() * 1000)) +
             " of vehicle time, can-box, faults " + [&] {
                 std::string kinds;
                 for (const auto& [k, n] : j["faults"].items()) {

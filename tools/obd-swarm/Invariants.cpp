@@ -20,6 +20,11 @@ std::string Clock(long long ms) {
     return text;
 }
 
+std::string ClockSeconds(long long ms) {
+    const std::string c = Clock(ms);
+    return c.substr(0, c.find('.'));
+}
+
 namespace {
 
 // The plug-in stores what the box said: NaN is NaN, every other value bit for bit.

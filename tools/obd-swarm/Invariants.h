@@ -170,7 +170,8 @@ class Checker {
     bool m_countsPairs = false;            // the last escaped frame's length convention
 };
 
-// Host time as H:MM:SS.
+// Host time as H:MM:SS.mmm, and as H:MM:SS (whole seconds, any number of hours).
 std::string Clock(long long ms);
+std::string ClockSeconds(long long ms);
 
 }  // namespace obdswarm

@@ -97,7 +97,7 @@ void ClipFaults(Schedule& s) {
 }
 
 std::string Drive(const Schedule& s) {
-    return Clock(DriveMs(s)).substr(0, 7);
+    return ClockSeconds(DriveMs(s));
 }
 
 std::string Count(size_t n, const char* what) {

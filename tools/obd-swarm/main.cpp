@@ -254,7 +254,7 @@ int main(int argc, char** argv) {
     if (faults.empty()) faults = "none";
     const std::string mode = schedule.productType == 72 ? "can-box" : "serial";
     const std::string head = "seed " + std::to_string(schedule.seed) + ": " +
-                             obdswarm::Clock(std::llround(drivenS * 1000)).substr(0, 7) +
+                             obdswarm::ClockSeconds(std::llround(drivenS * 1000)) +
                              " of vehicle time, " + mode + ", faults " + faults + ": ";
 
     // stdout carries the result line alone: the plug-in's own prints go to stderr.
