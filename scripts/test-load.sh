@@ -71,7 +71,11 @@ status=0
 for ((run = 1; run <= runs; ++run)); do
     t0=$SECONDS
     # In the background, so that a signal to this script is handled at once, not after the suite.
-    (cd "$BUILD_DIR" && exec ctest --output-on-failure -j"$JOBS" --no-tests=error --timeout 120 "$@") &
+    # The swarm's seed ranges run on virtual time: load changes only how long they take (a block
+    # of ten one-hour seeds, 4 s on the idle machine, took 35 s here), and the native stage runs
+    # them as they are.
+    (cd "$BUILD_DIR" && exec ctest --output-on-failure -j"$JOBS" --no-tests=error --timeout 120 \
+        -E '^swarm_seeds[.]' "$@") &
     suite_pid=$!
     if wait "$suite_pid"; then
         echo "test-load: run $run of $runs passed in $((SECONDS - t0)) s (load average $(cut -d' ' -f1-3 /proc/loadavg))"
