@@ -165,21 +165,6 @@ int main(int argc, char** argv) {
     if (seedOption->count() == 0 && replayOption->count() == 0) {
         return Fail("--seed S or --replay FILE is needed", 2);
     }
-    // Before any thread: the namespace is granted to a single-threaded process only.
-    const std::string upgradeFile = OBD_UPGRADE_FILE_PATH;
-    {
-        std::string note;
-        const obdswarm::FileIsolation how = obdswarm::IsolateUpgradeFile(upgradeFile, note);
-        if (how == obdswarm::FileIsolation::Failed) {
-            return Fail("cannot make " + upgradeFile + " this run's own: " + note, 1);
-        }
-        if (how == obdswarm::FileIsolation::Lock) {
-            std::fprintf(stderr,
-                         "obd-swarm: no private upgrade file (%s): runs that share %s take turns\n",
-                         note.c_str(), upgradeFile.c_str());
-        }
-        ::unlink(upgradeFile.c_str());  // a run's file is the one its schedule writes
-    }
     obdswarm::Bounds base;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     // A sanitizer keeps freed memory and history of its own that fill over the first hours (the
@@ -224,6 +209,22 @@ int main(int argc, char** argv) {
         q.maxRuns = shrinkRuns;
         q.marginMs = shrinkMarginS * 1000LL;
         return obdswarm::ShrinkCommand(schedule, q);
+    }
+    // Before any thread: the namespace is granted to a single-threaded process only. Not before
+    // a shrink, whose runs each make the file their own: a lock held here would block them.
+    const std::string upgradeFile = OBD_UPGRADE_FILE_PATH;
+    {
+        std::string note;
+        const obdswarm::FileIsolation how = obdswarm::IsolateUpgradeFile(upgradeFile, note);
+        if (how == obdswarm::FileIsolation::Failed) {
+            return Fail("cannot make " + upgradeFile + " this run's own: " + note, 1);
+        }
+        if (how == obdswarm::FileIsolation::Lock) {
+            std::fprintf(stderr,
+                         "obd-swarm: no private upgrade file (%s): runs that share %s take turns\n",
+                         note.c_str(), upgradeFile.c_str());
+        }
+        ::unlink(upgradeFile.c_str());  // a run's file is the one its schedule writes
     }
     const obdsim::Drive drive = obdswarm::BuildDrive(schedule);
     const long long endMs = obdswarm::EndMs(schedule);
