@@ -40,6 +40,16 @@ hostsim::BusMessage Alarm(long long tMs, const uint64_t words[4]) {
     return Broadcast(tMs, MSG_GDS_ALARM, msg);
 }
 
+// The oracle's second on the table a broadcast carries: the words a sound plug-in sends.
+void OracleSecond(obdsim::ReferenceAnalyser& oracle, const hostsim::BusMessage& table,
+                  uint64_t words[4]) {
+    _OBD_DataTable_t copy;
+    std::memcpy(&copy, table.payload.data(), sizeof(copy));
+    oracle.Table(copy);
+    oracle.Second();
+    oracle.AlarmWords(words);
+}
+
 // A cabin shaken along X and Z (turbulence takes two rough axes), the other axes still: as the
 // host sends it (values little-endian at 6..10 and 18..22, kind at 24), and as the plug-in hands
 // it to its analyser (high byte first).
@@ -102,12 +112,8 @@ TEST(Agreement, OneBitOffFiresUnlessTheLineWasTouched) {
                 if (s % 2 == 0) oracle.SixAxis(Sample(z));
             }
             const hostsim::BusMessage table = Table(t, static_cast<float>(s * 4), 3000);
-            _OBD_DataTable_t copy;
-            std::memcpy(&copy, table.payload.data(), sizeof(copy));
-            oracle.Table(copy);
-            oracle.Second();
             uint64_t words[4];
-            oracle.AlarmWords(words);
+            OracleSecond(oracle, table, words);
             anyAlarm = anyAlarm || (words[0] | words[1] | words[2] | words[3]) != 0;
             if (row.flipAtS >= 0 && s >= row.flipAtS) words[0] ^= 1u << 2;
             check.OnBus(table);
@@ -144,12 +150,8 @@ TEST(Agreement, InertialPayloadsThePlugInRefusesFeedNothing) {
         }
         // Turbulence counts only while the vehicle moves.
         const hostsim::BusMessage table = Table(s * 1000LL, 40, 2000);
-        _OBD_DataTable_t copy;
-        std::memcpy(&copy, table.payload.data(), sizeof(copy));
-        oracle.Table(copy);
-        oracle.Second();
         uint64_t words[4];
-        oracle.AlarmWords(words);
+        OracleSecond(oracle, table, words);
         for (Agreement* a : {&refused, &accepted}) {
             a->OnBus(table);
             a->OnBus(Alarm(s * 1000LL, words));
