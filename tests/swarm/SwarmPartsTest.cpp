@@ -1,5 +1,6 @@
 // obd-swarm's parts on synthetic input: the schedule drawn from a seed, and the invariant checker
 // fed events by hand, rows that must fire and rows that must not.
+#include <array>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -100,6 +101,42 @@ TEST(Schedule, BoxFaultsHoldInsideTheirWindowsOnly) {
         EXPECT_EQ(s.dropEveryNth, r.drop);
         EXPECT_EQ(s.nextChangeMs, r.next);
     }
+}
+
+// The host's clocks: the date runs with host time, jumps either way and stays within the years
+// a black-box record holds; stalls that overlap stood still once; both kinds are drawn.
+TEST(Schedule, DateJumpsAndStalls) {
+    const std::vector<Fault> f = {{FaultKind::DateJump, 1000, 1100, 0, -3600, 0},
+                                  {FaultKind::DateJump, 2000, 2100, 0, -2000000000, 0},
+                                  {FaultKind::DateJump, 3000, 3100, 0, 86400, 0},
+                                  {FaultKind::Stall, 10000, 20000, 0, 0, 0},
+                                  {FaultKind::Stall, 15000, 30000, 0, 0, 0},
+                                  {FaultKind::Silent, 0, 90000, 0, 0, 0}};
+    EXPECT_EQ(DateMs(f, 0), kDateStartMs);
+    EXPECT_EQ(DateMs(f, 999), kDateStartMs + 999);
+    EXPECT_EQ(DateMs(f, 1000), kDateStartMs + 1000 - 3600000);
+    EXPECT_EQ(DateMs(f, 2000), 946684800000);  // 2000-01-01, no earlier
+    EXPECT_EQ(DateMs(f, 2500), 946684800500);
+    EXPECT_EQ(DateMs(f, 3000), 946684801000 + 86400000);
+    EXPECT_EQ(Stalled(f, 0, 90000), 20000);
+    EXPECT_EQ(Stalled(f, 12000, 16000), 4000);
+    EXPECT_EQ(Stalled(f, 30000, 90000), 0);
+    int stalls = 0, jumps = 0;
+    for (uint64_t seed = 1; seed <= 100; ++seed) {
+        for (const Fault& x : Draw(seed, 1).faults) {
+            if (x.kind == FaultKind::Stall) {
+                ++stalls;
+                EXPECT_GE(x.endMs - x.startMs, 100);
+                EXPECT_LE(x.endMs - x.startMs, 100000);
+            }
+            if (x.kind == FaultKind::DateJump) {
+                ++jumps;
+                EXPECT_NE(x.b, 0);
+            }
+        }
+    }
+    EXPECT_GT(stalls, 50);
+    EXPECT_GT(jumps, 50);
 }
 
 // The host's own faults: a release ends the run at the first one, a gap holds samples in its
@@ -513,6 +550,33 @@ hostsim::BusMessage Upgrade(int id, long long tMs, int state, bool response) {
 
 const obdbox::DataItems kFrame = {{7, 900.0f}, {8, 30.0f}};
 
+// A black-box message of one-item records dated (years since 2000, month, day, h, min, s).
+hostsim::BusMessage Blackbox(long long tMs, const std::vector<std::array<uint8_t, 6>>& dates) {
+    std::vector<unsigned char> p(sizeof(BlackboxMsgHead_t), 0);
+    p[0] = static_cast<unsigned char>(dates.size());
+    for (const auto& d : dates) {
+        BlackboxRecordHead_t head{};
+        std::copy(d.begin(), d.end(), head.time);
+        head.count = 1;
+        const size_t at = p.size();
+        p.resize(at + BlackboxRecordSize(1), 0);
+        std::memcpy(p.data() + at, &head, sizeof(head));
+    }
+    p.resize(p.size() + 12, 0);
+    return Message(MSG_BLACKBOX_OBD_DATA, tMs, p);
+}
+
+// A status record with the link up and the box's software version `dl`.
+hostsim::BusMessage VersionStatus(long long tMs, const char* dl) {
+    hostsim::BusMessage m = Status(tMs, true);
+    GdsConfigInfo_t info;
+    std::memcpy(&info, m.payload.data(), sizeof(info));
+    info.mask |= CFG_MASK_VERSION;
+    std::snprintf(info.version.DLVer, sizeof(info.version.DLVer), "%s", dl);
+    std::memcpy(m.payload.data(), &info, sizeof(info));
+    return m;
+}
+
 // A healthy plug-in from `fromS` to `toS`: a frame each second, the broadcasts that show it,
 // a step after each, the link up at the first.
 void Healthy(Checker& c, int fromS, int toS, obdbox::DataItems frame = kFrame) {
@@ -900,6 +964,132 @@ TEST(Checker, EachInvariantFiresOnItsFaultAndOnlyThere) {
          },
          "",
          -1},
+        // The host's clocks. Seconds since 2000 of 2026-01-01 00:00:10 and 10 s of host time on.
+        {"a stall of 30 s: no broadcast, no frame, the link stays up, nothing is late",
+         {{FaultKind::Stall, 5300, 35300, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             Healthy(c, 36, 40);
+         },
+         "",
+         -1},
+        {"the same 30 s without a stall",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             Healthy(c, 36, 40);
+         },
+         "broadcast-period",
+         36100},
+        {"the seconds a stall missed, made up in a burst",
+         {{FaultKind::Stall, 5300, 35300, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Table(35300, kFrame));
+             c.OnBus(Table(35400, kFrame));
+         },
+         "broadcast-period",
+         35400},
+        {"a frame of the stall's first instant is owed to the broadcast after it",
+         {{FaultKind::Stall, 5000, 6000, 0, 0, 0}},
+         [](Checker& c) {
+             Healthy(c, 1, 4);
+             c.OnFrame(5000, {{7, 1.0f}});
+             c.OnBus(Table(6000, kFrame));
+             c.OnBus(Table(7000, kFrame));
+         },
+         "data-to-table",
+         7000},
+        {"records dated as the host's date ran",
+         {},
+         [](Checker& c) {
+             c.OnBus(Blackbox(1000, {{26, 1, 1, 0, 0, 0}, {26, 1, 1, 0, 0, 1}}));
+             c.OnBus(Blackbox(12000, {{26, 1, 1, 0, 0, 1}, {26, 1, 1, 0, 0, 12}}));
+         },
+         "",
+         -1},
+        {"a record dated a second after its message",
+         {},
+         [](Checker& c) {
+             c.OnBus(Blackbox(12000, {{26, 1, 1, 0, 0, 13}}));
+         },
+         "blackbox-date",
+         12000},
+        {"a record dated before the date jumped back a day, and after",
+         {{FaultKind::DateJump, 5000, 5100, 0, -86400, 0}},
+         [](Checker& c) {
+             c.OnBus(Blackbox(6000, {{26, 1, 1, 0, 0, 5}, {25, 12, 31, 0, 0, 5}}));
+         },
+         "",
+         -1},
+        {"a record dated the old day after the jump",
+         {{FaultKind::DateJump, 5000, 5100, 0, -86400, 0}},
+         [](Checker& c) {
+             c.OnBus(Blackbox(6000, {{26, 1, 1, 0, 0, 5}}));
+             c.OnBus(Blackbox(7000, {{26, 1, 1, 0, 0, 7}}));
+         },
+         "blackbox-date",
+         7000},
+        {"a black-box message shorter than its records",
+         {},
+         [](Checker& c) {
+             hostsim::BusMessage m = Blackbox(1000, {{26, 1, 1, 0, 0, 0}});
+             m.payload[0] = 3;
+             c.OnBus(m);
+         },
+         "blackbox-date",
+         1000},
+        // The status record.
+        {"the same status record again with nothing changed",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             c.OnBus(Status(6100, true));
+         },
+         "status-quiet",
+         6100},
+        {"the same status record after a pause of the frames, or a calibration",
+         {},
+         [](Checker& c) {
+             Healthy(c, 1, 5);
+             BroadcastsOnly(c, 6, 7);
+             Healthy(c, 8, 10);  // sends it again at 8.1 s
+             c.OnInject(11000, MSG_TRIGGER_OBD_DEMACATE, 52);
+             c.OnBus(Status(12100, true));
+         },
+         "",
+         -1},
+        {"the new version after an install, and none after the next",
+         {},
+         [](Checker& c) {
+             c.SetInstalledVersion("DL2.0");
+             c.OnBus(VersionStatus(1000, "DL1.0"));
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 2000, 0, true));
+             c.OnBoxInstalled(8000);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 8000, 10, false));
+             c.OnBus(VersionStatus(14000, "DL2.0"));
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 20000, 0, true));
+             c.OnBoxInstalled(28000);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 28000, 10, false));
+             c.OnInject(28100, MSG_POWER_DOWN);  // no broadcasts owed
+             c.Step(200000);
+         },
+         "",
+         -1},
+        {"installed and the old version stays",
+         {},
+         [](Checker& c) {
+             c.SetInstalledVersion("DL2.0");
+             c.OnBus(VersionStatus(1000, "DL1.0"));
+             c.OnBus(Upgrade(MSG_TRIGGER_PERIPHERAL_UPGRADE, 2000, 0, true));
+             c.OnBoxInstalled(8000);
+             c.OnBus(Upgrade(MSG_PERIPHERAL_UPGRADE_STATE, 8000, 10, false));
+             c.OnInject(8100, MSG_POWER_DOWN);
+             c.Step(53000);
+             c.Step(53100);
+         },
+         "status-version",
+         53100},
         {"an upgrade of 90 s in a window of late answers",
          {{FaultKind::LateAnswers, 5000, 60000, 4000, 0, 0}},
          [](Checker& c) {

@@ -17,7 +17,7 @@ namespace {
 bool LeavesTheLine(FaultKind k) {
     return k == FaultKind::BadValues || k == FaultKind::BusMessages ||
            k == FaultKind::DropAnswers || k == FaultKind::PowerDown ||
-           k == FaultKind::InertialGap || k == FaultKind::Release;
+           k == FaultKind::InertialGap || k == FaultKind::Release || k == FaultKind::DateJump;
 }
 
 }  // namespace

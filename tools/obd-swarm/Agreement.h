@@ -10,9 +10,10 @@
 // Two things the copy cannot know, so the check stands down for the rest of the run from them on
 // (the analyser's counters keep a difference for minutes):
 //  - a fault that can delay, lose, split or bunch frames on the line, or hold the box's stream
-//    (every kind but bad values, bus messages, dropped answers, the power-down, inertial gaps and
-//    the release, whose data both sides see alike): which frames the plug-in took, and when,
-//    would be the plug-in's receiver's word against the checker's;
+//    (every kind but bad values, bus messages, dropped answers, the power-down, inertial gaps,
+//    the release and date jumps, whose data both sides see alike; a stall wakes the box, the
+//    samples and the 1 s work in one instant): which frames the plug-in took, and when, would be
+//    the plug-in's receiver's word against the checker's;
 //  - an injected sample in the very instant of the 1 s work, which the plug-in handles before or
 //    after it as its turns fall (the feeder's samples come between the 100 ms cycles; a frame in
 //    that instant is settled by the table broadcast).

@@ -39,6 +39,17 @@ std::string Value(float v) {
     return text;
 }
 
+// Seconds since 1970 of a UTC date (days from the civil calendar, proleptic Gregorian).
+long long EpochSeconds(int year, int month, int day, int hour, int minute, int second) {
+    const int y = year - (month <= 2 ? 1 : 0);
+    const int era = (y >= 0 ? y : y - 399) / 400;
+    const int yoe = y - era * 400;
+    const int doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+    const int doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    const long long days = era * 146097LL + doe - 719468;
+    return days * 86400 + hour * 3600 + minute * 60 + second;
+}
+
 }  // namespace
 
 Checker::Checker(std::vector<Fault> faults, Bounds bounds)
@@ -73,7 +84,7 @@ long long Checker::UpgradeDeadline(long long nowMs) const {
             from = std::max(from, std::min(f.endMs, nowMs));
         }
     }
-    return from + m_b.upgradeMs;
+    return from + m_b.upgradeMs + Stalled(m_faults, from, nowMs);
 }
 
 // When the stream must be back after a restart that ended at `fromMs`: the bound counts again
@@ -117,6 +128,10 @@ void Checker::Fail(const char* name, long long tMs, const std::string& message) 
     m_first.message = message;
 }
 
+long long Checker::Elapsed(long long fromMs, long long toMs) const {
+    return toMs - fromMs - Stalled(m_faults, fromMs, toMs);
+}
+
 bool Checker::PoweredDown(long long tMs) const {
     return m_powerDownMs >= 0 && tMs >= m_powerDownMs;
 }
@@ -150,14 +165,30 @@ void Checker::Gap(int id, long long& last, long long nowMs) {
         }
         return;
     }
-    if (nowMs - last > limit && !Excused(last, nowMs)) {
+    if (Elapsed(last, nowMs) > limit && !Excused(last, nowMs)) {
         Fail("broadcast-period", nowMs,
              "no " + std::to_string(id) + " broadcast from " + Clock(last) + " to " + Clock(nowMs));
     }
 }
 
+// Once a second means not more often either: a host that stood still gets one second's work
+// when it wakes, not a burst of the seconds it missed.
+void Checker::Soon(int id, long long last, long long nowMs) {
+    if (last >= 0 && nowMs - last < m_b.periodMs - m_b.slackMs && !Excused(last, nowMs)) {
+        Fail("broadcast-period", nowMs,
+             "two " + std::to_string(id) + " broadcasts " + std::to_string(nowMs - last) +
+                 " ms apart (" + Clock(last) + ", " + Clock(nowMs) + ")");
+    }
+}
+
 void Checker::OnFrame(long long tMs, const obdbox::DataItems& items) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    // A frame of the instant a stall began waits in the line until the host wakes.
+    for (const Fault& f : m_faults) {
+        if (f.kind == FaultKind::Stall && f.startMs == tMs) tMs = std::max(tMs, f.endMs);
+    }
+    // Two of the plug-in's 2 s ticks without a frame make the next one news (data resumed).
+    if (m_lastFrameMs < 0 || tMs - m_lastFrameMs > kPauseMs) m_pauseMs = tMs;
     m_lastFrameMs = tMs;
     const bool unreadable = Unreadable(tMs);
     bool owed = !unreadable;
@@ -220,6 +251,117 @@ void Checker::CheckTable(const hostsim::BusMessage& m) {
     m_frames.erase(m_frames.begin(), m_frames.begin() + static_cast<long>(last) + 1);
 }
 
+// Whether the date the host reported at some moment from `fromMs` to `toMs` reads `seconds`. A
+// jump's own instant reads both dates: the plug-in's work of that instant may come before it.
+bool Checker::DateBetween(long long seconds, long long fromMs, long long toMs) const {
+    std::vector<long long> jumps;
+    for (const Fault& f : m_faults) {
+        if (f.kind == FaultKind::DateJump && f.startMs > fromMs && f.startMs <= toMs) {
+            jumps.push_back(f.startMs);
+        }
+    }
+    std::sort(jumps.begin(), jumps.end());
+    long long from = fromMs;
+    for (size_t i = 0; i <= jumps.size(); ++i) {
+        const long long to = i < jumps.size() ? jumps[i] : toMs;
+        // Before a jump its instant still reads the old date, carried on.
+        const long long last =
+            i < jumps.size() ? DateMs(m_faults, to - 1) + 1 : DateMs(m_faults, to);
+        const long long first = DateMs(m_faults, from);
+        if (seconds >= first / 1000 && seconds <= last / 1000) return true;
+        from = to;
+    }
+    return false;
+}
+
+// Every black-box record carries the date its data came at: from the previous black-box message
+// to this one, whichever way the date jumped meanwhile.
+void Checker::CheckBlackbox(const hostsim::BusMessage& m) {
+    const long long from = m_lastBlackboxMs;
+    m_lastBlackboxMs = m.tMs;
+    const size_t n = m.payload.size();
+    const uint8_t* p = m.payload.data();
+    if (n < sizeof(BlackboxMsgHead_t) + 12) {
+        Fail("blackbox-date", m.tMs, "a 6714 broadcast of " + std::to_string(n) + " bytes");
+        return;
+    }
+    const unsigned records = p[0] | (p[1] << 8);
+    size_t at = sizeof(BlackboxMsgHead_t);
+    for (unsigned r = 0; r < records; ++r) {
+        BlackboxRecordHead_t head;
+        if (at + sizeof(head) > n - 12) {
+            Fail("blackbox-date", m.tMs, "a 6714 broadcast shorter than its records");
+            return;
+        }
+        std::memcpy(&head, p + at, sizeof(head));
+        const long long seconds = EpochSeconds(2000 + head.time[0], head.time[1], head.time[2],
+                                               head.time[3], head.time[4], head.time[5]);
+        if (!DateBetween(seconds, from, m.tMs)) {
+            char date[40];
+            std::snprintf(date, sizeof(date), "20%02u-%02u-%02u %02u:%02u:%02u", head.time[0],
+                          head.time[1], head.time[2], head.time[3], head.time[4], head.time[5]);
+            Fail("blackbox-date", m.tMs,
+                 "a black-box record dated " + std::string(date) + ", a date the host did not " +
+                     "report from " + Clock(from) + " to " + Clock(m.tMs));
+            return;
+        }
+        at += BlackboxRecordSize(std::min<uint32_t>(head.count, OBD_ITEM_COUNT));
+    }
+}
+
+// Faults that may change what the status record says without the checker seeing it: frames the
+// plug-in lost or got late (a pause it saw and the checker did not), an engine calibrated, a
+// version read again.
+bool Checker::StatusNews(long long fromMs, long long toMs) const {
+    if (m_pauseMs > fromMs || m_calibratedMs > fromMs) return true;
+    if (Excused(fromMs, toMs) && !PoweredDown(fromMs)) return true;  // an upgrade
+    for (const Fault& f : m_faults) {
+        if (f.startMs > toMs || f.endMs + m_b.linkUpMs < fromMs) continue;
+        switch (f.kind) {
+            case FaultKind::Silent:
+            case FaultKind::StreamHeld:
+            case FaultKind::Garbage:
+            case FaultKind::Split:
+            case FaultKind::BadChecksum:
+            case FaultKind::BusMessages:
+            case FaultKind::Escaped:
+            case FaultKind::Restart:
+            case FaultKind::UpgradeTrigger:
+            case FaultKind::UpgradeBox:
+            case FaultKind::Calibration:
+            case FaultKind::Stall:
+                return true;
+            default:
+                break;
+        }
+    }
+    return false;
+}
+
+void Checker::CheckStatus(const hostsim::BusMessage& m) {
+    GdsConfigInfo_t info;
+    std::memcpy(&info, m.payload.data(), sizeof(info));
+    if ((info.mask & CFG_MASK_VERSION) != 0) {
+        m_reportedVersion.assign(info.version.DLVer,
+                                 strnlen(info.version.DLVer, sizeof(info.version.DLVer)));
+    }
+    if (m_versionDueMs >= 0 && m_reportedVersion == m_installedVersion) m_versionDueMs = -1;
+    const long long from = m_lastStatusMs;
+    const bool same = from >= 0 && m_lastStatus == m.payload;
+    m_lastStatus = m.payload;
+    m_lastStatusMs = m.tMs;
+    if (same && !StatusNews(from, m.tMs)) {
+        Fail("status-quiet", m.tMs,
+             "a status record the same as the one at " + Clock(from) +
+                 ", and nothing changed in between");
+    }
+}
+
+void Checker::SetInstalledVersion(const std::string& dlVersion) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_installedVersion = dlVersion;
+}
+
 void Checker::OnBus(const hostsim::BusMessage& m) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m.response) {
@@ -235,7 +377,7 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
             ++m_tally.calibrationAnswers;
             if (m_calibrationMs >= 0) {
                 m_tally.longestCalibrationMs =
-                    std::max(m_tally.longestCalibrationMs, m.tMs - m_calibrationMs);
+                    std::max(m_tally.longestCalibrationMs, Elapsed(m_calibrationMs, m.tMs));
             }
             m_calibrationMs = -1;
         }
@@ -248,11 +390,16 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
                      "a 6702 broadcast of " + std::to_string(m.payload.size()) + " bytes");
                 break;
             }
+            Soon(m.id, m_lastObdMs, m.tMs);
             Gap(m.id, m_lastObdMs, m.tMs);
             m_lastObdMs = m.tMs;
             CheckTable(m);
             break;
+        case MSG_BLACKBOX_OBD_DATA:
+            CheckBlackbox(m);
+            break;
         case MSG_GDS_ALARM:
+            Soon(m.id, m_lastAlarmMs, m.tMs);
             Gap(m.id, m_lastAlarmMs, m.tMs);
             m_lastAlarmMs = m.tMs;
             break;
@@ -261,8 +408,10 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
             const int up = (m.payload[offsetof(GdsConfigInfo_t, obd_state)] & 1u) != 0 ? 1 : 0;
             // A frame of the report's own instant may be read just before or just after it.
             const long long before = m_lastCleanMs < m.tMs ? m_lastCleanMs : m_prevCleanMs;
+            // A stall gives the plug-in one cycle for all the time it stood, and with it maybe a
+            // tick of the data's age that no time paid for.
             if (up == 0 && m_link == 1 && !PoweredDown(m.tMs) && before >= 0 &&
-                m.tMs - before < m_b.linkDownEarlyMs) {
+                m.tMs - before < m_b.linkDownEarlyMs && Stalled(m_faults, before, m.tMs) == 0) {
                 Fail("link-down-early", m.tMs,
                      "link reported down " + std::to_string(m.tMs - before) +
                          " ms after the last data frame (" + Clock(before) + ")");
@@ -270,6 +419,7 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
             if (up == 1) m_backSinceMs = -1;
             if (up == 0 && m_link != 0) m_backSinceMs = m_lastCleanMs >= m.tMs ? m_lastCleanMs : -1;
             m_link = up;
+            CheckStatus(m);
             break;
         }
         case MSG_PERIPHERAL_UPGRADE_STATE: {
@@ -286,12 +436,18 @@ void Checker::OnBus(const hostsim::BusMessage& m) {
                      "the upgrade accepted at " + Clock(m_acceptedMs) +
                          " was reported installed, and the box installed nothing since");
             }
-            if (state == PERIP_UPG_STATE_SUCCESS) m_successMs = m.tMs;
+            if (state == PERIP_UPG_STATE_SUCCESS) {
+                m_successMs = m.tMs;
+                // Serial mode only: behind the CAN box no version is read again.
+                if (!m_installedVersion.empty() && m_reportedVersion != m_installedVersion) {
+                    m_versionDueMs = m.tMs;
+                }
+            }
             m_tally.succeeded += state == PERIP_UPG_STATE_SUCCESS;
             m_tally.failed += state == PERIP_UPG_STATE_FAILED;
             if (state != PERIP_UPG_STATE_PROGRESS && m_upgradeFromMs >= 0) {
                 m_tally.longestUpgradeMs =
-                    std::max(m_tally.longestUpgradeMs, m.tMs - m_upgradeFromMs);
+                    std::max(m_tally.longestUpgradeMs, Elapsed(m_upgradeFromMs, m.tMs));
             }
             if (m.payload[offsetof(UpgradeResult_t, state)] != PERIP_UPG_STATE_PROGRESS &&
                 m_upgradeFromMs >= 0) {
@@ -316,9 +472,15 @@ void Checker::Step(long long nowMs) {
         Fail("upgrade-ends", nowMs,
              "the upgrade accepted at " + Clock(m_upgradeFromMs) + " has not ended");
     }
-    if (m_calibrationMs >= 0 && nowMs - m_calibrationMs > m_b.calibrationMs) {
+    if (m_calibrationMs >= 0 && Elapsed(m_calibrationMs, nowMs) > m_b.calibrationMs) {
         Fail("calibration-answered", nowMs,
              "the calibration requested at " + Clock(m_calibrationMs) + " has no answer");
+    }
+    if (m_versionDueMs >= 0 &&
+        nowMs - Stalled(m_faults, m_versionDueMs, nowMs) > StreamBackDeadline(m_versionDueMs)) {
+        Fail("status-version", nowMs,
+             "no status record with the version " + m_installedVersion +
+                 " the box runs since the upgrade reported installed at " + Clock(m_versionDueMs));
     }
     if (PoweredDown(nowMs)) return;
     // A restart is answered by a frame after its end; the next restart's own check takes over.
@@ -327,16 +489,17 @@ void Checker::Step(long long nowMs) {
         m_restartEnds.erase(m_restartEnds.begin());
     }
     if (!m_restartEnds.empty() && nowMs >= m_restartEnds.front() &&
-        nowMs > StreamBackDeadline(m_restartEnds.front())) {
+        nowMs - Stalled(m_faults, m_restartEnds.front(), nowMs) >
+            StreamBackDeadline(m_restartEnds.front())) {
         Fail(
             "stream-back", nowMs,
             "no data frame since the box restarted (back at " + Clock(m_restartEnds.front()) + ")");
     }
-    if (m_link == 1 && m_lastFrameMs >= 0 && nowMs - m_lastFrameMs > m_b.linkDownMs) {
+    if (m_link == 1 && m_lastFrameMs >= 0 && Elapsed(m_lastFrameMs, nowMs) > m_b.linkDownMs) {
         Fail("link-down", nowMs,
              "no data frame since " + Clock(m_lastFrameMs) + " and the link still reported up");
     }
-    if (m_link != 1 && m_backSinceMs >= 0 && nowMs - m_backSinceMs > m_b.linkUpMs) {
+    if (m_link != 1 && m_backSinceMs >= 0 && Elapsed(m_backSinceMs, nowMs) > m_b.linkUpMs) {
         Fail("link-up", nowMs,
              "data frames again since " + Clock(m_backSinceMs) + " and the link not reported up");
     }
@@ -346,8 +509,9 @@ void Checker::OnInject(long long tMs, int id, size_t bytes) {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (id == MSG_POWER_DOWN && (m_powerDownMs < 0 || tMs < m_powerDownMs)) m_powerDownMs = tMs;
     // Shorter ones are refused by the plug-in unread, and rightly never answered.
-    if (id == MSG_TRIGGER_OBD_DEMACATE && bytes >= sizeof(_OBD_Engine_t) && m_calibrationMs < 0) {
-        m_calibrationMs = tMs;
+    if (id == MSG_TRIGGER_OBD_DEMACATE && bytes >= sizeof(_OBD_Engine_t)) {
+        if (m_calibrationMs < 0) m_calibrationMs = tMs;
+        m_calibratedMs = tMs;
     }
 }
 
@@ -373,7 +537,7 @@ void Checker::OnFileSeen(long long tMs, bool present) {
                      " is gone without a reported success");
         }
         m_fileWritten = false;
-    } else if (success && tMs - m_successMs > m_b.fileSlackMs) {
+    } else if (success && Elapsed(m_successMs, tMs) > m_b.fileSlackMs) {
         Fail("upgrade-file", tMs,
              "the upgrade file is still there after the success reported at " + Clock(m_successMs));
     }

@@ -2,9 +2,10 @@
 // checked from what a recorder sees (the plug-in's bus messages) against what the box sent. Each
 // has a name and gives a one-line message; the first violation is kept, with its host time.
 //
-//  broadcast-period  the OBD data (6702) and alarm (6720) broadcasts each come every second
-//                    (the first within kFirstBroadcastMs), except while an upgrade runs (from
-//                    the accepted trigger to its final state) and after a power-down message;
+//  broadcast-period  the OBD data (6702) and alarm (6720) broadcasts each come every second,
+//                    and not more often (the first within kFirstBroadcastMs), except while an
+//                    upgrade runs (from the accepted trigger to its final state) and after a
+//                    power-down message;
 //  data-to-table     every data frame the box sent is in the next OBD data broadcast (or a
 //                    later frame replaced it), except for frames of a bus-message window, of an
 //                    upgrade, or after a power-down;
@@ -26,6 +27,15 @@
 //  memory            the resident set grows by at most rssGrowthKb after the warm-up;
 //  release           the plug-in's release returns within releaseMs of host time;
 //  run-ends          the run reaches the end of its host time;
+//  status-quiet      the status record (6699) comes when something changed: one the same as
+//                    the one before only after a pause of the data frames (two 2 s ticks
+//                    without one), a calibration, or a fault or upgrade that can change it
+//                    unseen;
+//  status-version    after an upgrade reported installed, the status record carries the
+//                    version the box now reports within streamBackMs (counted again after the
+//                    windows that hold the plug-in's commands back);
+//  blackbox-date     every black-box record (6714) is dated with a date the host reported
+//                    between the previous black-box message and this one (the date jumps);
 //  stream-back       after a box restart (its window's end) data frames come again within
 //                    streamBackMs: the plug-in starts the stream anew. The bound counts again
 //                    from the end of any window that holds the plug-in's commands back (the box
@@ -33,6 +43,9 @@
 //                    its frames unreadable, bus messages queueing tasks) and of an upgrade; none
 //                    after a power-down.
 // The alarms against a second copy of the analyser are Agreement.h's.
+//
+// Every bound counts host time less the stalls in it: a host that stood still gave the plug-in
+// one cycle for all of it, and the box's emulation stood still too, so to the link no time passed.
 //
 // The line and box faults excuse only this:
 //  duplicate, late-answers, refusals, restart: nothing but the above (the link checks measure
@@ -122,6 +135,9 @@ class Checker {
     void OnMemory(long long tMs, long long rssKb);
     void OnRelease(long long tMs, long long tookMs);
     void OnEnd(long long endMs, long long reachedMs);
+    // The software version (DL) the box reports once it installed an upgrade; empty: no
+    // status-version check.
+    void SetInstalledVersion(const std::string& dlVersion);
 
     bool Failed() const;
     Violation First() const;
@@ -134,6 +150,8 @@ class Checker {
         bool owed;  // to the next broadcast
     };
     void Fail(const char* name, long long tMs, const std::string& message);
+    // Host time between two instants less the stalls in it: what the bounds measure.
+    long long Elapsed(long long fromMs, long long toMs) const;
     bool PoweredDown(long long tMs) const;
     bool Excused(long long fromMs, long long toMs) const;
     bool BusWindow(long long tMs) const;
@@ -142,7 +160,12 @@ class Checker {
     long long UpgradeDeadline(long long nowMs) const;
     long long StreamBackDeadline(long long fromMs) const;
     void Gap(int id, long long& last, long long nowMs);
+    void Soon(int id, long long last, long long nowMs);
     void CheckTable(const hostsim::BusMessage& m);
+    bool DateBetween(long long seconds, long long fromMs, long long toMs) const;
+    void CheckBlackbox(const hostsim::BusMessage& m);
+    bool StatusNews(long long fromMs, long long toMs) const;
+    void CheckStatus(const hostsim::BusMessage& m);
 
     const std::vector<Fault> m_faults;
     const Bounds m_b;
@@ -151,6 +174,7 @@ class Checker {
     long long m_powerDownMs = -1;
     Violation m_first;
     long long m_lastObdMs = -1, m_lastAlarmMs = -1;
+    long long m_lastBlackboxMs = 0;
     long long m_upgradeFromMs = -1;                           // an upgrade running since then
     std::vector<std::pair<long long, long long>> m_upgrades;  // the ones that ended
     std::deque<Frame> m_frames;  // frames not yet checked against a broadcast
@@ -168,6 +192,14 @@ class Checker {
     long long m_lastFrameMs = -1;          // any data frame, readable or not
     std::vector<long long> m_restartEnds;  // the restarts still to be checked, by time
     bool m_countsPairs = false;            // the last escaped frame's length convention
+    // the status record
+    static constexpr long long kPauseMs = 1900;  // a gap in the frames that spans two 2 s ticks
+    std::vector<uint8_t> m_lastStatus;
+    long long m_lastStatusMs = -1;
+    long long m_pauseMs = -1;       // the last frame after a pause
+    long long m_calibratedMs = -1;  // the last calibration request
+    std::string m_installedVersion, m_reportedVersion;
+    long long m_versionDueMs = -1;  // a success not yet followed by the new version
 };
 
 // Host time as H:MM:SS.mmm, and as H:MM:SS (whole seconds, any number of hours).

@@ -33,7 +33,9 @@ const char* const kFaultNames[] = {"silent", "stream-held", "garbage", "split", 
                                    // upgrades and calibrations
                                    "upgrade", "upgrade-box", "calibration",
                                    // the host's own
-                                   "inertial-gap", "release"};
+                                   "inertial-gap", "release",
+                                   // the host's clocks
+                                   "stall", "date-jump"};
 static_assert(sizeof(kFaultNames) / sizeof(kFaultNames[0]) == static_cast<size_t>(FaultKind::Count),
               "a name for every fault kind");
 
@@ -129,6 +131,36 @@ std::vector<Inbound> UpgradeMessages(const Fault& f) {
         out.push_back({f.startMs + f.b, 6729, TriggerPayload(r)});
     }
     return out;
+}
+
+// Stalls of the host and jumps of its date, about two of each an hour. Most stalls are a
+// starved moment within the box's 2 s command timeout, some outlast it and the link's 10 s, a few
+// are a suspended recorder. Dates jump by seconds to a day (a time sync, a time zone taken for
+// UTC) and now and then by years (a clock battery gone flat, a GPS week rollover).
+void DrawClocks(uint64_t seed, long long totalMs, double hours, std::vector<Fault>& faults) {
+    Rng r(seed ^ 0xC10C4D47E5ull);
+    if (totalMs <= 10000) return;
+    const long long count = std::llround(r.Range(0, 4) * hours);
+    for (long long i = 0; i < count; ++i) {
+        Fault f;
+        f.startMs = Grain(r.Int(5000, totalMs - 5000));
+        f.seed = r.Next();
+        if (r.Chance(0.5)) {
+            f.kind = FaultKind::Stall;
+            const long long pick = r.Int(0, 19);
+            f.endMs = f.startMs + kGrainMs * (pick < 14   ? r.Int(1, 20)
+                                              : pick < 19 ? r.Int(21, 150)
+                                                          : r.Int(151, 1000));
+        } else {
+            f.kind = FaultKind::DateJump;
+            const long long magnitude = r.Chance(0.8)   ? r.Int(1, 86400)
+                                        : r.Chance(0.5) ? 86400 * r.Int(2, 400)
+                                                        : 31536000 * r.Int(2, 12);
+            f.b = static_cast<int>(r.Chance(0.5) ? magnitude : -magnitude);
+            f.endMs = f.startMs + kGrainMs;
+        }
+        faults.push_back(f);
+    }
 }
 
 Phase DrawPhase(Rng& r, bool engineOn, double speed) {
@@ -462,6 +494,7 @@ Schedule Draw(uint64_t seed, double hours) {
         c.startMs = std::min(totalMs - 100, Grain(u.startMs + r.Int(100, 5000)));
         c.endMs = std::min(totalMs, c.startMs + length);
     }
+    DrawClocks(seed, totalMs, hours, s.faults);
     std::stable_sort(s.faults.begin(), s.faults.end(),
                      [](const Fault& x, const Fault& y) { return x.startMs < y.startMs; });
     return s;
@@ -559,7 +592,8 @@ obdbox::FaultState BoxFaults(const std::vector<Fault>& faults, double ms) {
         // Only the box's own faults wake it; the others act elsewhere.
         if (f.kind == FaultKind::BadValues || f.kind == FaultKind::BusMessages ||
             f.kind == FaultKind::PowerDown || f.kind == FaultKind::InertialGap ||
-            f.kind == FaultKind::Release) {
+            f.kind == FaultKind::Release || f.kind == FaultKind::Stall ||
+            f.kind == FaultKind::DateJump) {
             continue;
         }
         const auto start = static_cast<double>(f.startMs), end = static_cast<double>(f.endMs);
@@ -694,6 +728,34 @@ bool InertialHeld(const std::vector<Fault>& faults, long long ms) {
         if (f.kind == FaultKind::InertialGap && ms >= f.startMs && ms < f.endMs) return true;
     }
     return false;
+}
+
+long long DateMs(const std::vector<Fault>& faults, long long ms) {
+    constexpr long long kFirst = 946684800000;  // 2000-01-01 00:00:00
+    constexpr long long kLast = 4102444799000;  // 2099-12-31 23:59:59
+    long long offset = 0;                       // the date's lead over kDateStartMs + host time
+    for (const Fault& f : faults) {
+        if (f.kind != FaultKind::DateJump || f.startMs > ms) continue;
+        const long long at = kDateStartMs + f.startMs;
+        offset = std::clamp(at + offset + 1000LL * f.b, kFirst, kLast) - at;
+    }
+    return kDateStartMs + ms + offset;
+}
+
+long long Stalled(const std::vector<Fault>& faults, long long fromMs, long long toMs) {
+    // Stalls may overlap: the host stood still once for the time two of them share.
+    std::vector<std::pair<long long, long long>> spans;
+    for (const Fault& f : faults) {
+        const long long a = std::max(fromMs, f.startMs), b = std::min(toMs, f.endMs);
+        if (f.kind == FaultKind::Stall && b > a) spans.emplace_back(a, b);
+    }
+    std::sort(spans.begin(), spans.end());
+    long long stood = 0, covered = fromMs;
+    for (const auto& [a, b] : spans) {
+        if (b > covered) stood += b - std::max(a, covered);
+        covered = std::max(covered, b);
+    }
+    return stood;
 }
 
 long long EndMs(const Schedule& s) {

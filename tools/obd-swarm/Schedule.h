@@ -82,6 +82,10 @@ enum class FaultKind {
     InertialGap,  // the host sends no inertial samples in the window
     Release,      // the host releases the plug-in at the start, whatever is in flight: the run
                   // ends there
+    // The host's clocks, drawn from a stream of their own (every other draw of a seed stays).
+    Stall,     // the recorder stands still over the window (suspended, starved): host time
+               // jumps to its end at its start, and every thread, the box's too, wakes at once
+    DateJump,  // the date the host reports moves by `b` seconds, forward or back (a time sync)
     Count
 };
 const char* FaultName(FaultKind k);
@@ -161,6 +165,14 @@ void AlterValues(const std::vector<Fault>& faults, long long ms, obdbox::DataIte
 
 // Whether an inertial gap holds the host's samples back at host time `ms`.
 bool InertialHeld(const std::vector<Fault>& faults, long long ms);
+// The date the host reports at host time `ms`, in ms since 1970 (UTC): kDateStartMs at host time
+// 0, running with host time, moved by the date jumps up to `ms` and kept within the years a
+// black-box record holds (2000-2099). At a jump's own instant it is the date after the jump.
+constexpr long long kDateStartMs = 1767225600000;  // 2026-01-01 00:00:00
+long long DateMs(const std::vector<Fault>& faults, long long ms);
+// How much of the host time from `fromMs` to `toMs` the host stood still for (its stalls).
+long long Stalled(const std::vector<Fault>& faults, long long fromMs, long long toMs);
+
 // The host time at which the run releases the plug-in: the drive's end and a second more, or the
 // first release fault.
 long long EndMs(const Schedule& s);

@@ -245,6 +245,15 @@ int main(int argc, char** argv) {
     std::stable_sort(
         inbound.begin(), inbound.end(),
         [](const obdswarm::Inbound& a, const obdswarm::Inbound& b) { return a.tMs < b.tMs; });
+    std::vector<const obdswarm::Fault*> clocks;  // stalls and date jumps, by time
+    for (const obdswarm::Fault& f : schedule.faults) {
+        if (f.kind == obdswarm::FaultKind::Stall || f.kind == obdswarm::FaultKind::DateJump) {
+            clocks.push_back(&f);
+        }
+    }
+    std::stable_sort(
+        clocks.begin(), clocks.end(),
+        [](const obdswarm::Fault* a, const obdswarm::Fault* b) { return a->startMs < b->startMs; });
     std::stable_sort(
         files.begin(), files.end(),
         [](const obdswarm::FileAction& a, const obdswarm::FileAction& b) { return a.tMs < b.tMs; });
@@ -279,6 +288,7 @@ int main(int argc, char** argv) {
     }
 
     obdswarm::Checker checker(schedule.faults, bounds);
+    checker.SetInstalledVersion(obdbox::BoxOptions{}.upgradedSwTexts.at(1));
     obdswarm::Agreement agreement(schedule.faults);
     obdsim::SessionOptions o;
     o.plugin = plugin;
@@ -354,8 +364,27 @@ int main(int argc, char** argv) {
             }
             size_t next = 0, nextFile = 0;
             long long nextMemoryMs = 0;
+            // The date runs from a fixed day, so that a run does not depend on when it ran.
+            hostsim::ClockSetWallStart(obdswarm::DateMs(schedule.faults, hostsim::ClockNowMs()));
+            size_t nextClock = 0;
             const long long reached = session.RunUntil(endMs, kStepMs, [&](long long now) {
                 g_hostMs = now;
+                std::vector<const obdswarm::Fault*> stalls;
+                for (; nextClock < clocks.size() && clocks[nextClock]->startMs <= now;
+                     ++nextClock) {
+                    const obdswarm::Fault& f = *clocks[nextClock];
+                    if (f.kind == obdswarm::FaultKind::Stall) {
+                        stalls.push_back(&f);
+                    } else {
+                        hostsim::ClockSetWallStart(obdswarm::DateMs(schedule.faults, now));
+                    }
+                    if (trace) {
+                        std::fprintf(stderr, "[%lld ms] %s %s\n", now, obdswarm::FaultName(f.kind),
+                                     f.kind == obdswarm::FaultKind::Stall
+                                         ? ("to " + std::to_string(f.endMs) + " ms").c_str()
+                                         : (std::to_string(f.b) + " s").c_str());
+                    }
+                }
                 checker.OnFileSeen(now, ::access(upgradeFile.c_str(), F_OK) == 0);
                 // The file is written just before the trigger of the same instant.
                 while (nextFile < files.size() && files[nextFile].tMs <= now) {
@@ -387,6 +416,12 @@ int main(int argc, char** argv) {
                 if (now >= nextMemoryMs) {
                     checker.OnMemory(now, RssKb());
                     nextMemoryMs = now + kMemoryEveryMs;
+                }
+                // Last, so that everything above happened at `now`: the host stands still until
+                // the stall's end and then every thread finds its time long past.
+                for (const obdswarm::Fault* f : stalls) {
+                    const long long at = hostsim::ClockNowMs();
+                    if (f->endMs > at) hostsim::ClockAdvance(f->endMs - at);
                 }
                 return !checker.Failed() && !agreement.Failed();
             });
