@@ -26,9 +26,12 @@ class QueueTest : public CoreTest {
     }
 };
 
-// A twin is the same command of the same type: it goes, and the newer task with its payload
-// joins the back. The logged size is counted before the removal and before the new task is added.
-TEST_F(QueueTest, RepeatedTaskReplacesItsOlderTwinWithItsPayloadAtTheBack) {
+// A twin is the same command of the same type: the newer task takes its place with its payload
+// (a repeated request does not lose its turn). The logged size is counted before the
+// replacement. Each timer's repeated requests keep their order: a version read asked for every
+// 5 s stays ahead of the 10 s start and link tasks queued after it, whatever the order of the
+// ticks.
+TEST_F(QueueTest, RepeatedTaskTakesItsWaitingTwinsPlaceWithItsPayload) {
     _OBD_Engine_t first{}, second{};
     first.engine_id = 0x1111;
     second.engine_id = 0x2222;
@@ -38,14 +41,24 @@ TEST_F(QueueTest, RepeatedTaskReplacesItsOlderTwinWithItsPayloadAtTheBack) {
     ASSERT_EQ(m_obj->Request(GDS_GET_ENGINE), 0);
     ASSERT_EQ(m_obj->ConfigObd(GDS_CFG_ENGINE, &second), 0);
     ASSERT_EQ(m_obj->Request(GDS_GET_ENGINE), 0);
-    EXPECT_EQ(QueueKeys(m_obj), (Keys{Get(1), Cfg(1), Get(GDS_GET_ENGINE)}));
+    EXPECT_EQ(QueueKeys(m_obj), (Keys{Cfg(1), Get(1), Get(GDS_GET_ENGINE)}));
     EXPECT_EQ(fakehost::CountLogs("S38_OBD: Same cmd, delete the old, type = 131072, cmd = 4, "
                                   "size = 3\n",
                                   1),
               1);
     _OBD_Engine_t queued;
-    std::memcpy(&queued, m_obj->QueuedTasks()[1].data, sizeof(queued));
+    std::memcpy(&queued, m_obj->QueuedTasks()[0].data, sizeof(queued));
     EXPECT_EQ(queued.engine_id, 0x2222);
+
+    CSerialDevOBDTestPeer(m_obj).ClearQueue();
+    for (int s = 0; s <= 15; s += 5) {
+        m_obj->Request(GDS_GET_VERSION);
+        if (s % 10 != 0) continue;
+        m_obj->ConfigObd(GDS_CFG_START_TS, nullptr);
+        m_obj->ConfigObd(GDS_CFG_LINK, nullptr);
+    }
+    EXPECT_EQ(QueueKeys(m_obj),
+              (Keys{Get(GDS_GET_VERSION), Cfg(GDS_CFG_START_TS), Cfg(GDS_CFG_LINK)}));
 }
 
 TEST_F(QueueTest, InsertionBeyondOneHundredTasksEmptiesTheQueue) {

@@ -87,15 +87,15 @@ long long Checker::UpgradeDeadline(long long nowMs) const {
     return from + m_b.upgradeMs + Stalled(m_faults, from, nowMs);
 }
 
-// When the stream must be back after a restart that ended at `fromMs`: the bound counts again
-// from the end of every window that holds the plug-in's commands back while it runs.
-long long Checker::StreamBackDeadline(long long fromMs) const {
-    long long deadline = fromMs + m_b.streamBackMs;
+// When something the plug-in's commands bring about must have happened, `boundMs` after `fromMs`:
+// the bound counts again from the end of every window that holds the commands back meanwhile.
+long long Checker::CommandDeadline(long long fromMs, long long boundMs) const {
+    long long deadline = fromMs + boundMs;
     for (bool moved = true; moved;) {
         moved = false;
         const auto push = [&](long long start, long long end) {
-            if (start < deadline && end > fromMs && end + m_b.streamBackMs > deadline) {
-                deadline = end + m_b.streamBackMs;
+            if (start < deadline && end > fromMs && end + boundMs > deadline) {
+                deadline = end + boundMs;
                 moved = true;
             }
         };
@@ -345,7 +345,11 @@ void Checker::CheckStatus(const hostsim::BusMessage& m) {
         m_reportedVersion.assign(info.version.DLVer,
                                  strnlen(info.version.DLVer, sizeof(info.version.DLVer)));
     }
-    if (m_versionDueMs >= 0 && m_reportedVersion == m_installedVersion) m_versionDueMs = -1;
+    if (m_versionDueMs >= 0 && m_reportedVersion == m_installedVersion) {
+        m_tally.longestVersionMs =
+            std::max(m_tally.longestVersionMs, Elapsed(m_versionDueMs, m.tMs));
+        m_versionDueMs = -1;
+    }
     const long long from = m_lastStatusMs;
     const bool same = from >= 0 && m_lastStatus == m.payload;
     m_lastStatus = m.payload;
@@ -357,9 +361,10 @@ void Checker::CheckStatus(const hostsim::BusMessage& m) {
     }
 }
 
-void Checker::SetInstalledVersion(const std::string& dlVersion) {
+void Checker::SetInstalledVersion(const std::string& dlVersion, bool linkFrames) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_installedVersion = dlVersion;
+    m_linkFrames = linkFrames;
 }
 
 void Checker::OnBus(const hostsim::BusMessage& m) {
@@ -477,7 +482,8 @@ void Checker::Step(long long nowMs) {
              "the calibration requested at " + Clock(m_calibrationMs) + " has no answer");
     }
     if (m_versionDueMs >= 0 &&
-        nowMs - Stalled(m_faults, m_versionDueMs, nowMs) > StreamBackDeadline(m_versionDueMs)) {
+        nowMs - Stalled(m_faults, m_versionDueMs, nowMs) >
+            CommandDeadline(m_versionDueMs, m_linkFrames ? m_b.versionLinkMs : m_b.versionMs)) {
         Fail("status-version", nowMs,
              "no status record with the version " + m_installedVersion +
                  " the box runs since the upgrade reported installed at " + Clock(m_versionDueMs));
@@ -490,7 +496,7 @@ void Checker::Step(long long nowMs) {
     }
     if (!m_restartEnds.empty() && nowMs >= m_restartEnds.front() &&
         nowMs - Stalled(m_faults, m_restartEnds.front(), nowMs) >
-            StreamBackDeadline(m_restartEnds.front())) {
+            CommandDeadline(m_restartEnds.front(), m_b.streamBackMs)) {
         Fail(
             "stream-back", nowMs,
             "no data frame since the box restarted (back at " + Clock(m_restartEnds.front()) + ")");

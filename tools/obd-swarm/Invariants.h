@@ -32,7 +32,7 @@
 //                    without one), a calibration, or a fault or upgrade that can change it
 //                    unseen;
 //  status-version    after an upgrade reported installed, the status record carries the
-//                    version the box now reports within streamBackMs (counted again after the
+//                    version the box now reports within versionMs (counted again after the
 //                    windows that hold the plug-in's commands back);
 //  blackbox-date     every black-box record (6714) is dated with a date the host reported
 //                    between the previous black-box message and this one (the date jumps);
@@ -98,6 +98,11 @@ struct Bounds {
     // The 10 s restart of the stream, behind a link task that holds the send thread for 11
     // unanswered tries of 2 s, then the stop and start commands.
     long long streamBackMs = 45000;
+    // The version read after an install: the next 5 s request, behind the same.
+    long long versionMs = 45000;
+    // ... from a box that sends link frames: behind one more task, the link task the 10 s timer
+    // queues, which no answer ends (11 tries of 2.05 s).
+    long long versionLinkMs = 70000;
 };
 
 // What a run's upgrades and calibrations came to, for its report and for checking the bounds.
@@ -105,6 +110,7 @@ struct UpgradeTally {
     int succeeded = 0, failed = 0;  // final upgrade states broadcast
     int calibrationAnswers = 0;
     long long longestUpgradeMs = 0, longestCalibrationMs = 0;  // accepted/requested to the end
+    long long longestVersionMs = 0;  // a success to the status record with the new version
 };
 
 struct Violation {
@@ -135,9 +141,9 @@ class Checker {
     void OnMemory(long long tMs, long long rssKb);
     void OnRelease(long long tMs, long long tookMs);
     void OnEnd(long long endMs, long long reachedMs);
-    // The software version (DL) the box reports once it installed an upgrade; empty: no
-    // status-version check.
-    void SetInstalledVersion(const std::string& dlVersion);
+    // The software version (DL) the box reports once it installed an upgrade (empty: no
+    // status-version check), and whether the box sends link frames.
+    void SetInstalledVersion(const std::string& dlVersion, bool linkFrames = false);
 
     bool Failed() const;
     Violation First() const;
@@ -158,7 +164,7 @@ class Checker {
     bool Open(FaultKind kind, long long tMs) const;
     bool Unreadable(long long tMs) const;
     long long UpgradeDeadline(long long nowMs) const;
-    long long StreamBackDeadline(long long fromMs) const;
+    long long CommandDeadline(long long fromMs, long long boundMs) const;
     void Gap(int id, long long& last, long long nowMs);
     void Soon(int id, long long last, long long nowMs);
     void CheckTable(const hostsim::BusMessage& m);
@@ -200,6 +206,7 @@ class Checker {
     long long m_calibratedMs = -1;  // the last calibration request
     std::string m_installedVersion, m_reportedVersion;
     long long m_versionDueMs = -1;  // a success not yet followed by the new version
+    bool m_linkFrames = false;
 };
 
 // Host time as H:MM:SS.mmm, and as H:MM:SS (whole seconds, any number of hours).

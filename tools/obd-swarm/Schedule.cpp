@@ -495,6 +495,9 @@ Schedule Draw(uint64_t seed, double hours) {
         c.endMs = std::min(totalMs, c.startMs + length);
     }
     DrawClocks(seed, totalMs, hours, s.faults);
+    // From a stream of its own too: a third of the boxes keep their link alive.
+    Rng link(seed ^ 0x11E4F2A3B5ull);
+    if (link.Chance(0.3)) s.boxLinkMs = static_cast<int>(1000 * link.Int(1, 30));
     std::stable_sort(s.faults.begin(), s.faults.end(),
                      [](const Fault& x, const Fault& y) { return x.startMs < y.startMs; });
     return s;
@@ -772,6 +775,7 @@ std::string ToJson(const Schedule& s) {
     j["hours"] = s.hours;
     j["product_type"] = s.productType;
     j["motion"] = s.motion;
+    j["box_link_ms"] = s.boxLinkMs;
     j["phases"] = nlohmann::ordered_json::array();
     for (const Phase& p : s.phases) {
         j["phases"].push_back({{"kind", kPhaseNames[static_cast<size_t>(p.kind)]},
@@ -805,6 +809,10 @@ bool FromJson(const std::string& text, Schedule& s, std::string& error) {
         out.hours = j.at("hours").get<double>();
         out.productType = j.at("product_type").get<int>();
         out.motion = j.at("motion").get<bool>();
+        out.boxLinkMs = j.value("box_link_ms", 0);  // absent from the older files: none
+        if (out.boxLinkMs < 0 || out.boxLinkMs > 600000) {
+            throw std::runtime_error("box_link_ms out of range");
+        }
         if (!(out.hours > 0 && out.hours <= 10000)) throw std::runtime_error("hours out of range");
         for (const auto& p : j.at("phases")) {
             Phase ph;

@@ -124,6 +124,9 @@ struct Schedule {
     double hours = 1;
     int productType = 0;  // 72: CAN-box mode
     bool motion = true;   // inertial samples at all
+    // The box's own link frames, one every this many ms (0: none). With them the plug-in's 10 s
+    // timer queues its link task, which no answer releases: it holds the commands 22.5 s a time.
+    int boxLinkMs = 0;
     std::vector<Phase> phases;
     std::vector<Fault> faults;  // by start time
 

@@ -27,6 +27,11 @@ const std::vector<std::pair<const char*, long long Bounds::*>>& BoundFields() {
         {"link-down-early", &Bounds::linkDownEarlyMs},
         {"link-up", &Bounds::linkUpMs},
         {"upgrade-ends", &Bounds::upgradeMs},
+        {"upgrade-file", &Bounds::fileSlackMs},
+        {"calibration-answered", &Bounds::calibrationMs},
+        {"stream-back", &Bounds::streamBackMs},
+        {"status-version", &Bounds::versionMs},
+        {"status-version-link", &Bounds::versionLinkMs},
         {"release", &Bounds::releaseMs},
         {"memory-warmup", &Bounds::rssWarmupMs},
         {"memory", &Bounds::rssGrowthKb},  // kB, not ms

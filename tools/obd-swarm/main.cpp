@@ -288,7 +288,7 @@ int main(int argc, char** argv) {
     }
 
     obdswarm::Checker checker(schedule.faults, bounds);
-    checker.SetInstalledVersion(obdbox::BoxOptions{}.upgradedSwTexts.at(1));
+    checker.SetInstalledVersion(obdbox::BoxOptions{}.upgradedSwTexts.at(1), schedule.boxLinkMs > 0);
     obdswarm::Agreement agreement(schedule.faults);
     obdsim::SessionOptions o;
     o.plugin = plugin;
@@ -303,6 +303,7 @@ int main(int argc, char** argv) {
     o.box = [&](obdbox::BoxOptions& b) {
         b.seed = static_cast<unsigned int>(schedule.seed);
         b.splitGapUs = 0;  // on virtual time every chunk written is a read of its own
+        b.linkPeriodMs = schedule.boxLinkMs;
         b.faultSchedule = [&schedule](double ms) {
             return obdswarm::BoxFaults(schedule.faults, ms);
         };
@@ -449,11 +450,14 @@ int main(int argc, char** argv) {
         j["hours"] = schedule.hours;
         j["vehicle_s"] = drivenS;
         j["mode"] = mode;
+        j["box_link_ms"] = schedule.boxLinkMs;
         j["faults"] = byKind;
         j["alarms_compared"] = agreement.Compared();
         const obdswarm::UpgradeTally t = checker.Tally();
-        j["upgrades"] = {
-            {"succeeded", t.succeeded}, {"failed", t.failed}, {"longest_ms", t.longestUpgradeMs}};
+        j["upgrades"] = {{"succeeded", t.succeeded},
+                         {"failed", t.failed},
+                         {"longest_ms", t.longestUpgradeMs},
+                         {"new_version_longest_ms", t.longestVersionMs}};
         j["calibrations"] = {{"answers", t.calibrationAnswers},
                              {"longest_ms", t.longestCalibrationMs}};
         j["result"] = v.name.empty() ? "ok" : "violation";

@@ -30,18 +30,29 @@ bool CSerialDevOBD::DiscardUnrunTasks(std::deque<TaskBody_t>::iterator first,
 int CSerialDevOBD::InsertSendTask(TaskBody_t task) {
     bool upgradeLost = false;
     pthread_mutex_lock(&m_taskMutex);
+    bool replaced = false;
     for (auto it = m_sendTaskQueue.begin(); it != m_sendTaskQueue.end(); ++it) {
         if (it->taskType == task.taskType && it->cmd == task.cmd) {
             OBD_DEV_LOG(1, "S38_OBD: Same cmd, delete the old, type = %d, cmd = %d, size = %d\n",
                         static_cast<int>(it->taskType), static_cast<int>(it->cmd),
                         static_cast<int>(m_sendTaskQueue.size()));
-            if (it == m_sendTaskQueue.begin()) m_bFrontRunning = false;
-            // Not lost: the twin appended below takes its place.
-            m_sendTaskQueue.erase(it);
+            const bool running = it == m_sendTaskQueue.begin() && m_bFrontRunning;
+            if (!running) {
+                // A waiting twin keeps its place and takes the new payload. Sent to the back, a
+                // request made every 5 s (the version read after an install) went behind the
+                // link task the 10 s timer queues, which no answer ends (22.5 s), time and again:
+                // minutes late behind a box that keeps its link alive.
+                *it = task;
+                replaced = true;
+            } else {
+                // The task in hand runs on and leaves unpopped; the new request queues anew.
+                m_bFrontRunning = false;
+                m_sendTaskQueue.erase(it);
+            }
             break;
         }
     }
-    m_sendTaskQueue.push_back(task);
+    if (!replaced) m_sendTaskQueue.push_back(task);
     if (m_sendTaskQueue.size() > TASK_QUEUE_LIMIT) {
         OBD_DEV_LOG(0, "S38_OBD: &&&&&&&& WARNING &&&&&&&&&&&&, send buffer is to large\n\n");
         // The task in hand goes too, but it runs on and reports its own end.
