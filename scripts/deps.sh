@@ -3,7 +3,8 @@
 # everything present it reads the package database and touches neither apt nor the network.
 #
 #   bash scripts/deps.sh [native]   compiler, CMake, GoogleTest, CLI11, nlohmann-json, libssl,
-#                                   GNU parallel: the simulator, the native, ASan and TSan suites
+#                                   libpcap, GNU parallel: the simulator, the native, ASan and
+#                                   TSan suites
 #   bash scripts/deps.sh test       native + chromium and libpng: the report page's browser test
 #   bash scripts/deps.sh armhf      native + the armhf cross compiler and qemu-user
 #   bash scripts/deps.sh fuzz       native + clang and its libFuzzer runtime
@@ -25,6 +26,7 @@ NATIVE=(
     libfccp-dev        # header-only CSV reader, the simulator's --scenario files
     libssl-dev         # libcrypto: an independent reference for the MD5 tests (host only)
     libjs-chart.js     # Chart.js, inlined into obd-sim's report page at build time
+    libpcap-dev        # libpcap: obd-sim --capture and obd-frame's pcap captures (host only)
     parallel           # GNU parallel: scripts/swarm.sh runs seed ranges on every core with it
 )
 BROWSER=(
