@@ -523,6 +523,20 @@ int Run(int argc, char** argv) {
     app.add_option("--box-link-ms", boxLinkMs,
                    "built-in box: period of its own link frames in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
+    // Line faults of the built-in box, so that a run (and its capture) shows what a poor line
+    // does to the frames: garbage between them, frames in pieces, escaped bytes.
+    obdbox::BoxOptions boxLine;
+    app.add_option("--box-garbage", boxLine.garbageBytes,
+                   "built-in box: random bytes before each frame it sends")
+        ->check(CLI::Range(0, 64));
+    app.add_option("--box-split", boxLine.splitMaxChunk,
+                   "built-in box: write each frame in random pieces of 1..N bytes")
+        ->check(CLI::Range(0, 1024));
+    app.add_flag("--box-escape", boxLine.escape, "built-in box: escape 7D/7E/7F in its frames");
+    app.add_flag("--box-escape-in-length", boxLine.escapeCountsInLength,
+                 "built-in box: escape, and count the escape pairs in the length")
+        ->excludes("--box-escape");
+    app.add_option("--box-seed", boxLine.seed, "built-in box: seed of garbage and piece sizes");
     app.add_option("--baud", baud, "serial speed")
         ->check(CLI::IsMember(
             std::set<int>{9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600}));
@@ -765,6 +779,11 @@ int Run(int argc, char** argv) {
         obdbox::BoxOptions o;
         o.streamPeriodMs = boxStreamMs;
         o.linkPeriodMs = boxLinkMs;
+        o.garbageBytes = boxLine.garbageBytes;
+        o.splitMaxChunk = boxLine.splitMaxChunk;
+        o.escape = boxLine.escape || boxLine.escapeCountsInLength;
+        o.escapeCountsInLength = boxLine.escapeCountsInLength;
+        o.seed = boxLine.seed;
         o.values = [&feeder] { return feeder.Frame(); };
         if (!canBox) {
             o.wireTap = [&printer](bool toBox, const uint8_t* data, size_t n) {
