@@ -951,6 +951,13 @@ B[1071] = function(rd)
   end
   rd:add(F.in_kind, 24, 1)
 end
+-- Messages whose payload the plug-in does not read: the power-down notice, the threshold
+-- updates and the configuration query.
+local function not_read(rd)
+  rd.tree:add(F.name, rd.tvb(rd.base, 0), "payload not read by the plug-in"):set_generated()
+  if rd.n > 0 then rd:add(F.unread, 0, rd.n) end
+end
+B[1194], B[348], B[33115], B[6698] = not_read, not_read, not_read, not_read
 -- Box bytes relayed in CAN-box mode: an int32 count, then the bytes.
 local function relayed(rd, pinfo, root, one_frame)
   if rd.n < 4 then
