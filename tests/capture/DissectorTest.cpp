@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -111,14 +112,23 @@ const std::vector<std::string> kMarks = {"_ws.malformed",    "obdcap.malformed",
 // marked on it too), one row per packet.
 std::vector<Row> Tshark(const std::string& path, const std::vector<std::string>& columns,
                         const std::string& filter = "") {
-    std::string cmd = std::string(OBD_TSHARK) + " -n -2 -X lua_script:" + OBD_DISSECTOR + " -r '" +
-                      path + "' -T fields -E occurrence=a -E aggregator='|'" + " -e frame.number";
+    // A home of its own: a copy installed in the user's plugins folder would be loaded first and
+    // make this one fail to register, so the test would read the installed copy.
+    const std::string home = TempPath("home");
+    const std::string errors = TempPath("tshark.err");
+    std::string cmd = "mkdir -p '" + home + "' && HOME='" + home + "' " + OBD_TSHARK +
+                      " -n -2 -X lua_script:" + OBD_DISSECTOR + " -r '" + path +
+                      "' -T fields -E occurrence=a -E aggregator='|' -e frame.number";
     for (const std::string& c : columns) cmd += " -e " + c;
     if (!filter.empty()) cmd += " -Y '" + filter + "'";
-    cmd += " 2>/dev/null";
+    cmd += " 2>'" + errors + "'";
     int status = 0;
     const std::string out = Shell(cmd, status);
     EXPECT_EQ(status, 0) << cmd;
+    std::ifstream err(errors);
+    const std::string errorText{std::istreambuf_iterator<char>(err),
+                                std::istreambuf_iterator<char>()};
+    EXPECT_EQ(errorText.find("Lua"), std::string::npos) << errorText;
     std::vector<Row> rows;
     for (const std::string& line : Split(out, '\n')) {
         if (line.empty()) continue;
