@@ -1,5 +1,9 @@
 // capture_bench write FILE N: N line frames of 50 bytes through the writer;
-// capture_bench read FILE: reads them back. Peak memory stays flat whatever N (README).
+// capture_bench read FILE: reads them back. Peak memory stays flat whatever N:
+//   cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DOBD_BENCH=ON
+//   cmake --build build-bench -j2 --target capture_bench
+//   /usr/bin/time -v build-bench/bin/capture_bench write /tmp/m.pcap 1000000
+//   /usr/bin/time -v build-bench/bin/capture_bench read /tmp/m.pcap
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
