@@ -278,7 +278,7 @@ Compared Compare(const std::string& path) {
         const Row& got = rows[i];
         const std::string where = path + " packet " + std::to_string(i + 1);
         for (const std::string& m : kMarks) {
-            if (got.count(m) != 0) c.mismatches.push_back(where + ": marked " + m);
+            if (got.count(m) != 0) c.mismatches.push_back(where + ": marked " + m.c_str());
         }
         if (p.channel == Channel::Bus) {
             ++c.bus;
@@ -292,8 +292,8 @@ Compared Compare(const std::string& path) {
             if (p.busId == 6702 && p.payload.size() == 504) {
                 int32_t present = 0;
                 float speed = 0;
-                std::memcpy(&present, &p.payload[7 * 8], 4);
-                std::memcpy(&speed, &p.payload[7 * 8 + 4], 4);
+                std::memcpy(&present, &p.payload[size_t{7} * 8], 4);
+                std::memcpy(&speed, &p.payload[size_t{7} * 8 + 4], 4);
                 const auto s = got.find("obdbus.item.speed");
                 const bool shown = s != got.end();
                 if (shown != (present >= 0) ||
@@ -337,8 +337,8 @@ Compared Compare(const std::string& path) {
             bool same = wv.size() == gv.size();
             for (size_t k = 0; same && k < wv.size(); ++k) same = SameValue(col, wv[k], gv[k]);
             if (!same) {
-                std::string text =
-                    where + " (" + want.at("obd.cmd")[0] + "): " + col + " obd-frame [";
+                std::string text = where;
+                text += " (" + want.at("obd.cmd")[0] + "): " + col.c_str() + " obd-frame [";
                 for (const auto& v : wv) text += v + ";";
                 text += "] tshark [";
                 for (const auto& v : gv) text += v + ";";
@@ -357,7 +357,7 @@ std::string Join(const std::vector<std::string>& v, size_t limit = 20) {
 
 // obd-sim runs on virtual time: the same capture every time, whatever the machine's load.
 std::string MakeCapture(const std::string& name, const std::string& args) {
-    const std::string path = TempPath(name + ".pcap");
+    std::string path = TempPath(name + ".pcap");
     int status = 0;
     const std::string cmd =
         std::string(OBD_SIM) + " --speed max --capture '" + path + "' " + args + " >/dev/null 2>&1";
@@ -376,7 +376,7 @@ const std::string& DriveCapture() {
 // 1016 rpm are 0x427E0000 and 0x447E0000, 63.25 C is 0x427D0000.
 const std::string& EscapingDrive() {
     static const std::string path = [] {
-        const std::string p = TempPath("escaping.csv");
+        std::string p = TempPath("escaping.csv");
         std::ofstream(p) << "t,speed,engine_speed,coolant_temp,battery_volt\n"
                             "0,63.5,1016,63.25,14\n"
                             "60,63.5,1016,63.25,14\n";
@@ -458,8 +458,8 @@ TEST(Dissector, FiltersSelectWhatObdFrameSees) {
 
 // ---- Hand-made packets: the expert info at the boundaries --------------------------------
 
-std::vector<uint8_t> Frame(bool toBox, uint8_t seq, uint16_t code, std::vector<uint8_t> payload,
-                           uint8_t checksumFlip = 0) {
+std::vector<uint8_t> Frame(bool toBox, uint8_t seq, uint16_t code,
+                           const std::vector<uint8_t>& payload, uint8_t checksumFlip = 0) {
     const uint16_t l = static_cast<uint16_t>(payload.size() + 3);
     std::vector<uint8_t> f;
     f.reserve(payload.size() + 10);
@@ -491,7 +491,7 @@ Packet BusPacket(uint32_t id, std::vector<uint8_t> payload, bool out = true, uin
 }
 
 std::string WriteCapture(const std::string& name, std::vector<Packet> packets) {
-    const std::string path = TempPath(name + ".pcap");
+    std::string path = TempPath(name + ".pcap");
     obdcap::Writer w;
     std::string error;
     EXPECT_TRUE(w.Open(path, error)) << error;
