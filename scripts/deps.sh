@@ -3,8 +3,10 @@
 # everything present it reads the package database and touches neither apt nor the network.
 #
 #   bash scripts/deps.sh [native]   compiler, CMake, GoogleTest, CLI11, nlohmann-json, libssl,
-#                                   GNU parallel: the simulator, the native, ASan and TSan suites
-#   bash scripts/deps.sh test       native + chromium and libpng: the report page's browser test
+#                                   libpcap, GNU parallel: the simulator, the native, ASan and
+#                                   TSan suites
+#   bash scripts/deps.sh test       native + chromium and libpng: the report page's browser test;
+#                                   tshark: the Wireshark dissector's test
 #   bash scripts/deps.sh armhf      native + the armhf cross compiler and qemu-user
 #   bash scripts/deps.sh fuzz       native + clang and its libFuzzer runtime
 #   bash scripts/deps.sh ci         all of the above
@@ -25,11 +27,17 @@ NATIVE=(
     libfccp-dev        # header-only CSV reader, the simulator's --scenario files
     libssl-dev         # libcrypto: an independent reference for the MD5 tests (host only)
     libjs-chart.js     # Chart.js, inlined into obd-sim's report page at build time
+    libpcap-dev        # libpcap: obd-sim --capture and obd-frame's pcap captures (host only)
     parallel           # GNU parallel: scripts/swarm.sh runs seed ranges on every core with it
 )
 BROWSER=(
     chromium   # renders the report page headless in its end-to-end test
     libpng-dev # reads the screenshot back
+)
+# Its install asks whether non-root users may capture: DEBIAN_FRONTEND=noninteractive (below)
+# takes the default, no.
+TSHARK=(
+    tshark # runs tools/wireshark/obd.lua over obd-sim's captures in tests/capture
 )
 ARMHF=(
     g++-arm-linux-gnueabihf # brings the armhf libc/libstdc++ under /usr/arm-linux-gnueabihf
@@ -43,10 +51,10 @@ FUZZ=(
 profile=${1:-native}
 case $profile in
 native) packages=("${NATIVE[@]}") ;;
-test) packages=("${NATIVE[@]}" "${BROWSER[@]}") ;;
+test) packages=("${NATIVE[@]}" "${BROWSER[@]}" "${TSHARK[@]}") ;;
 armhf) packages=("${NATIVE[@]}" "${ARMHF[@]}") ;;
 fuzz) packages=("${NATIVE[@]}" "${FUZZ[@]}") ;;
-ci) packages=("${NATIVE[@]}" "${BROWSER[@]}" "${ARMHF[@]}" "${FUZZ[@]}") ;;
+ci) packages=("${NATIVE[@]}" "${BROWSER[@]}" "${TSHARK[@]}" "${ARMHF[@]}" "${FUZZ[@]}") ;;
 *)
     echo "deps: unknown profile '$profile' (native, test, armhf, fuzz or ci)" >&2
     exit 2

@@ -35,7 +35,8 @@ struct Placed {
     Record record;
     bool hasTime = false;
     double tMs = 0;
-    size_t line = 0;  // 1-based input line of its first byte; 0 for binary input
+    size_t line = 0;    // 1-based input line of its first byte; 0 for binary input
+    double tEndMs = 0;  // the time of the chunk holding its last byte (with hasTime)
 };
 
 struct PrintOptions {

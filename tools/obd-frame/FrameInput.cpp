@@ -428,9 +428,16 @@ void ChunkDecoder::Collect(Lane& lane) {
         auto it = std::upper_bound(lane.starts.begin(), lane.starts.end(), r.offset,
                                    [](size_t off, const Start& s) { return off < s.offset; });
         const Start& s = *std::prev(it);
+        // The chunks a record spans are all still held: none is let go before the decoder has
+        // handed on every record that begins in it.
+        const size_t last = r.offset + (r.raw.empty() ? 0 : r.raw.size() - 1);
+        const auto end =
+            std::upper_bound(lane.starts.begin(), lane.starts.end(), last,
+                             [](size_t off, const Start& st) { return off < st.offset; });
         Placed p;
         p.hasTime = s.hasTime;
         p.tMs = s.tMs;
+        p.tEndMs = std::prev(end)->tMs;
         p.line = s.line;
         m_held += r.raw.size();
         p.record = std::move(r);

@@ -167,13 +167,14 @@ void CanRelay::FromBox() {
         m_part->LineTook(static_cast<size_t>(n));
         for (auto& payload : Chunks(buf, static_cast<size_t>(n))) {
             const long long tMs = hostsim::ClockNowMs();
-            if (m_tap) m_tap(false, payload.data() + 4, payload.size() - 4, tMs);
             hostsim::BusMessage m;
             m.tMs = tMs;
             m.id = kBytesFromBoxId;
             m.payload = payload;
             m.seq = static_cast<unsigned int>(hostsim::BusInject(kBytesFromBoxId, payload));
             if (m_delivered) m_delivered(m);
+            // The link's view after the message: a frame this message completes is seen after it.
+            if (m_tap) m_tap(false, payload.data() + 4, payload.size() - 4, tMs);
         }
     }
 }

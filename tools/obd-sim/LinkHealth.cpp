@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace obdsim {
 
@@ -45,7 +46,14 @@ size_t Quantile(const std::vector<uint32_t>& h, double share) {
 
 }  // namespace
 
-LinkMonitor::LinkMonitor() : m_latency(kLatencyBuckets, 0), m_period(kPeriodBuckets, 0) {}
+LinkMonitor::LinkMonitor(RecordTap tap)
+    : m_tap(std::move(tap)), m_latency(kLatencyBuckets, 0), m_period(kPeriodBuckets, 0) {}
+
+void LinkMonitor::Finish() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Cut(m_to, true, true);
+    Cut(m_from, false, true);
+}
 
 void LinkMonitor::OnChunk(bool toBox, const unsigned char* data, size_t n, long long tMs) {
     if (n == 0) return;
@@ -77,6 +85,9 @@ void LinkMonitor::Cut(Direction& d, bool toBox, bool final) {
     size_t consumed = 0;
     for (size_t i = 0; i < keep; ++i) {
         Record(records[i], toBox, TimeAt(d, records[i].offset));
+        if (m_tap && !records[i].raw.empty()) {
+            m_tap(records[i], toBox, TimeAt(d, records[i].offset + records[i].raw.size() - 1));
+        }
         Count(d, records[i]);
         consumed = records[i].offset + records[i].raw.size();
     }

@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -27,9 +28,16 @@ namespace obdsim {
 
 class LinkMonitor {
   public:
-    LinkMonitor();
+    // Each record as it is cut (a frame, a garbage run, a frame cut off), with the host time of
+    // its last byte; called under the monitor's lock, in each direction's order.
+    using RecordTap =
+        std::function<void(const obdframe::Record& r, bool toBox, long long lastByteMs)>;
+    explicit LinkMonitor(RecordTap tap = {});
     // One chunk as read or written (any thread; chunks of one direction in order).
     void OnChunk(bool toBox, const unsigned char* data, size_t n, long long tMs);
+    // The line has gone quiet for good: what is still pending is cut as it stands (the tap hears
+    // of it now rather than at Figures).
+    void Finish();
     // The figures at the end of the run: what is still pending counts as it stands.
     Json Figures();
 
@@ -52,6 +60,7 @@ class LinkMonitor {
     static Json FiguresOf(const Direction& d);
     static long long TimeAt(const Direction& d, size_t offset);
 
+    RecordTap m_tap;
     mutable std::mutex m_mutex;  // everything below: the two directions come on two threads
     Direction m_to, m_from;
     Outstanding m_cmd;

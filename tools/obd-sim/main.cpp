@@ -40,6 +40,7 @@
 #include "BoxHostClock.h"
 #include "BoxSide.h"
 #include "CanRelay.h"
+#include "CaptureSink.h"
 #include "Decode.h"
 #include "Direct.h"
 #include "Drive.h"
@@ -180,7 +181,8 @@ class Printer {
 // Delivers the lines of an inject script, each at its host time or as soon as read.
 class Injector {
   public:
-    Injector(std::string source, std::function<void(int id)> onInject)
+    using OnInject = std::function<void(int id, const std::vector<unsigned char>& payload)>;
+    Injector(std::string source, OnInject onInject)
         : m_source(std::move(source)), m_onInject(std::move(onInject)) {}
     ~Injector() { Stop(); }
 
@@ -287,7 +289,7 @@ class Injector {
                 break;
         }
         if (line.timed && !WaitFor(line.tMs)) return;
-        if (m_onInject) m_onInject(line.id);
+        if (m_onInject) m_onInject(line.id, line.payload);
         hostsim::BusInject(line.id, line.payload);
     }
 
@@ -303,7 +305,7 @@ class Injector {
     }
 
     std::string m_source;
-    std::function<void(int id)> m_onInject;
+    OnInject m_onInject;
     int m_fd = -1;
     bool m_own = false;
     std::atomic<bool> m_stop{false};
@@ -523,6 +525,20 @@ int Run(int argc, char** argv) {
     app.add_option("--box-link-ms", boxLinkMs,
                    "built-in box: period of its own link frames in host ms (0: none)")
         ->check(CLI::Range(0, 60000));
+    // Line faults of the built-in box, so that a run (and its capture) shows what a poor line
+    // does to the frames: garbage between them, frames in pieces, escaped bytes.
+    obdbox::BoxOptions boxLine;
+    app.add_option("--box-garbage", boxLine.garbageBytes,
+                   "built-in box: random bytes before each frame it sends")
+        ->check(CLI::Range(0, 64));
+    app.add_option("--box-split", boxLine.splitMaxChunk,
+                   "built-in box: write each frame in random pieces of 1..N bytes")
+        ->check(CLI::Range(0, 1024));
+    app.add_flag("--box-escape", boxLine.escape, "built-in box: escape 7D/7E/7F in its frames");
+    app.add_flag("--box-escape-in-length", boxLine.escapeCountsInLength,
+                 "built-in box: escape, and count the escape pairs in the length")
+        ->excludes("--box-escape");
+    app.add_option("--box-seed", boxLine.seed, "built-in box: seed of garbage and piece sizes");
     app.add_option("--baud", baud, "serial speed")
         ->check(CLI::IsMember(
             std::set<int>{9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600}));
@@ -576,6 +592,16 @@ int Run(int argc, char** argv) {
         ->check(named);
     app.add_option("--inject", inject, "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin")
         ->check(named);
+    std::string capturePath;
+    bool captureChunks = false;
+    CLI::Option* captureOption =
+        app.add_option("--capture", capturePath,
+                       "write a pcap capture of the run: line frames, bus messages, inertial "
+                       "samples (link type USER0; see the README)")
+            ->check(named);
+    app.add_flag("--capture-chunks", captureChunks,
+                 "--capture: also every raw read and write on the line")
+        ->needs(captureOption);
     app.add_option("--plugin", plugin, "plug-in library (default: next to this program)")
         ->check(named);
     try {
@@ -611,7 +637,10 @@ int Run(int argc, char** argv) {
     if (!report.empty() && !obdsim::ReportAvailable()) {
         return Fail("--report: built without Chart.js (install libjs-chart.js and rebuild)", 2);
     }
-    for (const std::string* path : {&summaryJson, &report}) {
+    if (!capturePath.empty() && !obdcap::Available()) {
+        return Fail(std::string("--capture: ") + obdcap::kUnavailable, 2);
+    }
+    for (const std::string* path : {&summaryJson, &report, &capturePath}) {
         std::string error;
         if (!path->empty() && !CheckWritable(*path, error)) return Fail(error, 1);
     }
@@ -684,9 +713,19 @@ int Run(int argc, char** argv) {
     const double timeScale = speed == "max" ? 0.0 : std::strtod(speed.c_str(), nullptr);
     const long long slackMs = ClockSlackMs(timeScale);
     obdsim::TripLog trip(drive.get(), slackMs);
+    std::unique_ptr<obdsim::CaptureSink> capture;
+    if (!capturePath.empty()) {
+        capture = std::make_unique<obdsim::CaptureSink>();
+        std::string error;
+        if (!capture->Open(capturePath, captureChunks, error)) return Fail(error, 1);
+    }
     std::unique_ptr<Injector> injector;
     if (!inject.empty()) {
-        injector = std::make_unique<Injector>(inject, [&trip](int id) { trip.OnInject(id); });
+        injector = std::make_unique<Injector>(
+            inject, [&trip, &capture](int id, const std::vector<unsigned char>& payload) {
+                trip.OnInject(id);
+                if (capture) capture->Inbound(id, payload, hostsim::ClockNowMs());
+            });
         std::string error;
         if (!injector->Open(error)) return Fail("cannot read inject file " + error, 1);
     }
@@ -739,6 +778,24 @@ int Run(int argc, char** argv) {
     obdsim::Feeder feeder(
         drive.get(), &reference,
         [&trip](long long tMs, const obdsim::DriveSample& items) { trip.OnFrame(tMs, items); });
+    if (capture) {
+        feeder.SetSixAxisTap([&capture](long long tMs, const tagSixAxisOrgData& sample) {
+            capture->SixAxis(tMs, sample);
+        });
+    }
+    std::unique_ptr<obdsim::LinkMonitor> link;
+    // The line's frames go to the capture as the link monitor cuts them.
+    const obdsim::LinkMonitor::RecordTap recordTap =
+        capture ? obdsim::LinkMonitor::RecordTap(
+                      [&capture](const obdframe::Record& r, bool toBox, long long lastByteMs) {
+                          capture->Record(r, toBox, lastByteMs);
+                      })
+                : obdsim::LinkMonitor::RecordTap();
+    auto lineTap = [&link, &capture](bool toBox, const unsigned char* data, size_t n,
+                                     long long tMs) {
+        link->OnChunk(toBox, data, n, tMs);
+        if (capture) capture->Chunk(toBox, data, n, tMs);
+    };
     // Host time 0 is the start of the run. At max speed this thread takes part from here on: the
     // box, the plug-in, the bus and the feeder get their turns in the order it starts them, and
     // host time waits for it until it sleeps till the end of the run.
@@ -755,7 +812,6 @@ int Run(int argc, char** argv) {
     std::unique_ptr<obdsim::BoxSide> box;
     std::unique_ptr<obdbox::BoxEmulator> emulator;
     std::unique_ptr<obdsim::CanRelay> relay;
-    std::unique_ptr<obdsim::LinkMonitor> link;
     // In CAN-box mode the built-in box answers through the bus relay, and its line is the
     // relay's: the bytes the plug-in sees are those of the bus lines.
     const bool canBox = builtInBox && productType == 72;
@@ -765,6 +821,11 @@ int Run(int argc, char** argv) {
         obdbox::BoxOptions o;
         o.streamPeriodMs = boxStreamMs;
         o.linkPeriodMs = boxLinkMs;
+        o.garbageBytes = boxLine.garbageBytes;
+        o.splitMaxChunk = boxLine.splitMaxChunk;
+        o.escape = boxLine.escape || boxLine.escapeCountsInLength;
+        o.escapeCountsInLength = boxLine.escapeCountsInLength;
+        o.seed = boxLine.seed;
         o.values = [&feeder] { return feeder.Frame(); };
         if (!canBox) {
             o.wireTap = [&printer](bool toBox, const uint8_t* data, size_t n) {
@@ -783,13 +844,12 @@ int Run(int argc, char** argv) {
         serial = emulator->SlavePath();
         peer->ServeLine(serial);
         if (canBox) {
-            link = std::make_unique<obdsim::LinkMonitor>();
+            link = std::make_unique<obdsim::LinkMonitor>(recordTap);
             relay = std::make_unique<obdsim::CanRelay>(
-                serial,
-                [&link](bool toBox, const unsigned char* data, size_t n, long long tMs) {
-                    link->OnChunk(toBox, data, n, tMs);
-                },
-                [&printer](const hostsim::BusMessage& m) { printer.Bus(m, true); });
+                serial, lineTap, [&printer, &capture](const hostsim::BusMessage& m) {
+                    printer.Bus(m, true);
+                    if (capture) capture->Bus(m, true);
+                });
             std::string error;
             if (!relay->Start(error)) return Fail("CAN-box relay: " + error, 1);
             serial = relay->PluginLinePath();
@@ -819,12 +879,12 @@ int Run(int argc, char** argv) {
     if (!report.empty()) timeline = std::make_unique<obdsim::Timeline>(drive.get());
     // In CAN-box mode the box is not on the line: only the relay's bytes can be followed.
     if (productType != 72) {
-        link = std::make_unique<obdsim::LinkMonitor>();
-        hostsim::SetSerialTap([&link](bool toBox, const unsigned char* data, size_t n,
-                                      long long tMs) { link->OnChunk(toBox, data, n, tMs); });
+        link = std::make_unique<obdsim::LinkMonitor>(recordTap);
+        hostsim::SetSerialTap(lineTap);
     }
     const int token = hostsim::BusSubscribe([&](const hostsim::BusMessage& m) {
         printer.Bus(m);
+        if (capture) capture->Bus(m, false);
         trip.OnBus(m);
         if (timeline) timeline->OnBus(m);
         // Without the built-in box the plug-in's own table is the only sample the simulator has.
@@ -908,6 +968,13 @@ int Run(int argc, char** argv) {
     hostsim::BusUnsubscribe(token);
     if (box) box->Stop();
     if (relay) relay->Stop();
+    if (capture) {
+        // Every tap is quiet now: what the line left pending goes in, then the file is closed,
+        // whichever way the run ended.
+        if (link) link->Finish();
+        std::string error;
+        if (!capture->Close(error) && status == 0) status = Fail(error, 1);
+    }
     if (emulator) emulator->Stop();
     if (slaveFd >= 0) ::close(slaveFd);
     if (shownStatus) shownStatus->Clear();

@@ -1,0 +1,48 @@
+// obd-sim --capture: everything the run's taps see, written to a pcap capture as it happens (see
+// Capture.h for the format): the line's frames as the link monitor cuts them (at the time of
+// their last byte), garbage and cut-off frames, optionally the raw chunks, every bus message both
+// ways and every inertial sample. Times are host times, so a run on virtual time gives the same
+// file every time.
+//
+// The taps call in from several threads (the peripheral thread, the send thread, the bus, the
+// feeder, the CAN-box relay); one lock keeps the packets whole and in the order they were seen.
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Capture.h"
+#include "FrameDecoder.h"
+#include "GdsLogicAnalyser.h"
+#include "HostSim.h"
+
+namespace obdsim {
+
+class CaptureSink {
+  public:
+    // `chunks`: also the raw bytes of every read and write (channel 2).
+    bool Open(const std::string& path, bool chunks, std::string& error);
+    // A record the link monitor cut: line bytes from the plug-in (toBox) or to it.
+    void Record(const obdframe::Record& r, bool toBox, long long lastByteMs);
+    // One read or write of line bytes.
+    void Chunk(bool toBox, const unsigned char* data, size_t n, long long tMs);
+    // `inbound`: delivered to the plug-in; otherwise sent or answered by it.
+    void Bus(const hostsim::BusMessage& m, bool inbound);
+    void Inbound(int id, const std::vector<unsigned char>& payload, long long tMs);
+    void SixAxis(long long tMs, const tagSixAxisOrgData& sample);
+    // Closes the file; false with `error` when it could not be written whole. Later calls of the
+    // taps are dropped.
+    bool Close(std::string& error);
+
+  private:
+    void Put(long long tMs, obdcap::Channel c, obdcap::Direction d, uint8_t flags, uint32_t id,
+             const unsigned char* data, size_t n);
+
+    std::mutex m_mutex;
+    obdcap::Writer m_writer;
+    bool m_chunks = false;
+};
+
+}  // namespace obdsim
