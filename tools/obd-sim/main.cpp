@@ -55,6 +55,7 @@
 #include "StatusLine.h"
 #include "Summary.h"
 #include "Trip.h"
+#include "WhatIf.h"
 
 namespace {
 
@@ -576,6 +577,11 @@ int Run(int argc, char** argv) {
         ->check(named);
     app.add_option("--inject", inject, "inbound bus messages, '[@T_MS] ID [HEX]' a line; - = stdin")
         ->check(named);
+    std::vector<std::string> thresholds;
+    app.add_option("--thresholds", thresholds,
+                   "what-if: a JSON file of analyser threshold fields; its alarms on the same "
+                   "samples go beside the plug-in's (repeatable)")
+        ->check(named);
     app.add_option("--plugin", plugin, "plug-in library (default: next to this program)")
         ->check(named);
     try {
@@ -690,6 +696,11 @@ int Run(int argc, char** argv) {
         std::string error;
         if (!injector->Open(error)) return Fail("cannot read inject file " + error, 1);
     }
+    obdsim::WhatIf whatIf;
+    {
+        std::string error;
+        if (!whatIf.Load(plugin, thresholds, error)) return Fail("--thresholds " + error, 2);
+    }
     obdsim::ReferenceAnalyser reference;
     obdsim::RunFacts facts;
     facts.slackMs = slackMs;
@@ -736,9 +747,16 @@ int Run(int argc, char** argv) {
                     : trace ? Printer::Mode::Trace
                             : Printer::Mode::Quiet,
                     out);
-    obdsim::Feeder feeder(
-        drive.get(), &reference,
-        [&trip](long long tMs, const obdsim::DriveSample& items) { trip.OnFrame(tMs, items); });
+    obdsim::Feeder feeder(drive.get(), &reference,
+                          [&trip, &whatIf](long long tMs, const obdsim::DriveSample& items) {
+                              trip.OnFrame(tMs, items);
+                              whatIf.Frame(items);
+                          });
+    if (!whatIf.Empty()) {
+        feeder.SetSixAxisTap(
+            [&whatIf](long long, const tagSixAxisOrgData& sample) { whatIf.SixAxis(sample); });
+        feeder.SetSecondTap([&whatIf](long long tMs) { whatIf.Second(tMs); });
+    }
     // Host time 0 is the start of the run. At max speed this thread takes part from here on: the
     // box, the plug-in, the bus and the feeder get their turns in the order it starts them, and
     // host time waits for it until it sleeps till the end of the run.
@@ -918,7 +936,9 @@ int Run(int argc, char** argv) {
         // On virtual time the wall time is the one thing that differs between two runs; the
         // outputs leave it out, so that they stay byte for byte the same.
         if (self) summary.erase("real_s");
-        const std::string text = obdsim::SummaryText(summary);
+        if (!whatIf.Empty()) summary["what_if"] = whatIf.ToJson();
+        const std::string text = obdsim::SummaryText(summary) +
+                                 obdsim::WhatIfText(summary.value("what_if", obdsim::Json()));
         const std::string line =
             summary.dump(-1, ' ', false, obdsim::Json::error_handler_t::replace);
         // With --json stdout stays one message per line; the summary goes where a person reads.
