@@ -128,14 +128,27 @@ args=(--speed max)
 for t in ${thresholds[@]+"${thresholds[@]}"}; do args+=(--thresholds "$t"); done
 args+=(${extra[@]+"${extra[@]}"})
 d="$(printf %q "$out")/trips/{1}"
-cmd="mkdir -p $d && rm -f $d/summary.json $d/report.html $d/status; $(printf '%q ' "$sim" "${args[@]}")"
-cmd+="--scenario $(printf %q "$fleet")/{2} --summary-json $d/summary.json"
+f="$(printf %q "$fleet")/{2}"
+# A logger ends every row with a line end: a file whose last byte is none was cut off while
+# written or copied, and its last row may hold a number cut short, which no reader can tell.
+cmd="mkdir -p $d && rm -f $d/summary.json $d/report.html $d/status; "
+cmd+="if [ -s $f ] && [ -n \"\$(tail -c 1 $f)\" ]; then "
+cmd+="echo 'fleet: the file is cut off (its last line has no line end)' >&2; s=1; else "
+cmd+="$(printf '%q ' "$sim" "${args[@]}")--scenario $f --summary-json $d/summary.json"
 ((report == 0)) || cmd+=" --report $d/report.html"
-cmd+="; s=\$?; echo \$s >$d/status; exit \$s"
+cmd+="; s=\$?; fi; echo \$s >$d/status; exit \$s"
 opts=(--colsep '\t' --joblog "$out/joblog" --resume --results "$out/trips/{1}/sim")
 [[ -z $jobs ]] || opts+=(-j "$jobs")
 [[ -z $sshloginfile ]] || opts+=(--sshloginfile "$sshloginfile")
 
+# A trip cut short (Ctrl-C, a machine lost) left its files but no joblog row: with --results,
+# parallel would take the files for a finished run, so they go and the trip runs again.
+{ cat "$out/joblog" 2>/dev/null || true; } |
+    awk -F'\t' -v trips="$out/trips" '
+        FILENAME == "-" { if (FNR > 1 && match($9, /\/trips\/[^\/ ]+\//)) done[substr($9, RSTART + 7, RLENGTH - 8)] = 1; next }
+        !($1 in done) { d = trips "/" $1 "/sim"; print d; print d ".err"; print d ".seq" }' \
+        - "$out/trips.tsv" |
+    xargs -r -d '\n' rm -f
 logged() { if [[ -f $out/joblog ]]; then echo $(($(wc -l <"$out/joblog") - 1)); else echo 0; fi; }
 before=$(logged)
 start=$SECONDS

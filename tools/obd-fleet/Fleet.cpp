@@ -31,15 +31,16 @@ double Number(const Json& j, const char* key) {
     return j.is_object() && j.contains(key) && j[key].is_number() ? j[key].get<double>() : 0.0;
 }
 
-// The last line obd-sim wrote to stderr that says what went wrong, without its "obd-sim: ".
+// The last line of the job's stderr (obd-sim's, or the script's own), without its tag.
 std::string Reason(const std::string& err) {
     std::istringstream in(err);
     std::string line, last;
     while (std::getline(in, line)) {
         if (line.find_first_not_of(" \t\r") != std::string::npos) last = line;
     }
-    const std::string prefix = "obd-sim: ";
-    if (last.compare(0, prefix.size(), prefix) == 0) last.erase(0, prefix.size());
+    for (const std::string prefix : {"obd-sim: ", "fleet: "}) {
+        if (last.compare(0, prefix.size(), prefix) == 0) last.erase(0, prefix.size());
+    }
     return last;
 }
 

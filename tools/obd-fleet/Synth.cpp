@@ -30,7 +30,7 @@ bool MakeDirs(const std::string& path, std::string& error) {
 
 void Value(std::ostream& out, float v) {
     char t[32];
-    std::snprintf(t, sizeof(t), "%.6g", static_cast<double>(v));
+    std::snprintf(t, sizeof(t), "%.9g", static_cast<double>(v));
     out << t;
 }
 
