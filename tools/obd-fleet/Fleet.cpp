@@ -76,7 +76,7 @@ bool IsDate(const std::string& d) {
 std::string Cell(const Json& v) {
     if (v.is_null()) return "";
     if (v.is_string()) {
-        const std::string s = v.get<std::string>();
+        std::string s = v.get<std::string>();
         if (s.find_first_of(",\"\n\r") == std::string::npos) return s;
         std::string q = "\"";
         for (char c : s) q += c == '"' ? std::string("\"\"") : std::string(1, c);

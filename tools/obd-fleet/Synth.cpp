@@ -84,7 +84,7 @@ std::string WriteVehicle(const std::string& folder, uint64_t seed, int vehicle, 
                   vehicle / 28 % 12 + 1, vehicle % 28 + 1);
     const std::string dir = folder + sub;
     if (!MakeDirs(dir, error)) return {};
-    const std::string path = dir + "/trip.csv";
+    std::string path = dir + "/trip.csv";
     std::ofstream out(path, std::ios::binary);
     WriteTrip(drive, motion, out);
     out.flush();

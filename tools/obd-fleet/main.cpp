@@ -48,7 +48,7 @@ int Table(const std::string& folder) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
     CLI::App app{"The fleet table and page of a fleet run; synthetic fleets."};
     app.require_subcommand(1);
     std::string folder;
@@ -74,16 +74,23 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return Fail(e.what(), 2);
     }
+    if (*table) return Table(folder);
+    for (int v = 0; v < vehicles; ++v) {
+        std::string error;
+        if (obdfleet::WriteVehicle(out, seed, v, hours, motion, error).empty())
+            return Fail(error, 1);
+    }
+    std::printf("fleet: %d vehicles of %g h under %s\n", vehicles, hours, out.c_str());
+    return 0;
+}
+
+int main(int argc, char** argv) {
+    // Whatever escapes (a summary that is not what it says, memory) still ends in one line.
     try {
-        if (*table) return Table(folder);
-        for (int v = 0; v < vehicles; ++v) {
-            std::string error;
-            if (obdfleet::WriteVehicle(out, seed, v, hours, motion, error).empty())
-                return Fail(error, 1);
-        }
-        std::printf("fleet: %d vehicles of %g h under %s\n", vehicles, hours, out.c_str());
-        return 0;
+        return Run(argc, argv);
     } catch (const std::exception& e) {
         return Fail(e.what(), 1);
+    } catch (...) {
+        return Fail("unexpected error", 1);
     }
 }

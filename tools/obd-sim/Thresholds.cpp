@@ -162,11 +162,14 @@ std::vector<ThresholdField> BuildFields() {
 #undef OBD_ALARM_ARRAY
 #undef OBD_STAT_ARRAY
 
+// Every field is one or two bytes (Add's static_assert).
 long long Lowest(const ThresholdField& f) {
-    return f.isSigned ? -(1LL << (8 * f.size - 1)) : 0;
+    if (!f.isSigned) return 0;
+    return f.size == 1 ? -128 : -32768;
 }
 long long Highest(const ThresholdField& f) {
-    return f.isSigned ? (1LL << (8 * f.size - 1)) - 1 : (1LL << (8 * f.size)) - 1;
+    if (f.isSigned) return f.size == 1 ? 127 : 32767;
+    return f.size == 1 ? 255 : 65535;
 }
 
 // Nested objects and arrays become the code's own paths: a.b, a[i].
@@ -287,7 +290,7 @@ long long ThresholdValue(const ThresholdField& field, const uint8_t* record) {
         u |= static_cast<uint64_t>(record[field.offset + i]) << (8 * i);
     }
     const auto v = static_cast<long long>(u);
-    return field.isSigned && v > Highest(field) ? v - (1LL << (8 * field.size)) : v;
+    return field.isSigned && v > Highest(field) ? v - (Highest(field) + 1) * 2 : v;
 }
 
 Json ThresholdsJson(const std::vector<ThresholdEdit>& edits) {

@@ -44,7 +44,8 @@ bool WhatIf::Load(const std::string& libraryPath, const std::vector<std::string>
         if (!LoadThresholds(file, run->edits, error)) return false;
         std::string why;
         if (!run->analyser.Load(libraryPath, why)) {
-            error = file + ": cannot load an analyser for it (" + why + ")";
+            error = file;
+            error += ": cannot load an analyser for it (" + why + ")";
             return false;
         }
         // Applied over the analyser's own defaults, before it has seen a sample.
