@@ -231,6 +231,32 @@ TEST(FleetTable, ARowCountsTheSummarysAlarmsAndSaysWhyATripDidNotReplay) {
     }
 }
 
+// A summary file holds whatever was written to it: fields of the wrong type count as missing.
+TEST(FleetTable, ASummaryOfOtherShapesGivesARowNotACrash) {
+    const char* shapes[] = {
+        R"({"alarms": 5})",
+        R"({"alarms": [1, "x", {"key": 7, "duration_s": "long"}, {"key": "throttle"}], "vehicle_s": "a"})",
+        R"({"alarms": [], "statistics": [1], "link": {"from_box": 3, "commands": null}, "box": 1})",
+        R"({"alarms": [], "what_if": [{"name": 1}, {"name": "w", "alarms": {"a": 1}}], "problems": 2})",
+        R"({"alarms": [], "statistics": {"distance_km": "far"}, "box": {"link_up_s": "soon"}})",
+    };
+    for (const char* text : shapes) {
+        obdfleet::TripResult t;
+        t.id = "x";
+        t.file = "x.csv";
+        t.status = 3;
+        t.summary = Json::parse(text);
+        Json row;
+        ASSERT_NO_THROW(row = obdfleet::TripRow(t)) << text;
+        EXPECT_EQ(row["status"], "misbehaved") << text;
+        const Json fleet = {
+            {"rows", Json::array({row})}, {"sets", Json::array()}, {"kinds", Json::array()}};
+        EXPECT_NO_THROW(obdfleet::FleetCsv(fleet)) << text;
+        EXPECT_NO_THROW(obdfleet::FleetHtml(fleet)) << text;
+        EXPECT_NO_THROW(obdfleet::FleetText(fleet)) << text;
+    }
+}
+
 TEST(FleetTable, TheCsvQuotesReasonsAndKeepsOneCellPerColumn) {
     obdfleet::TripResult ok;
     ok.id = "a";

@@ -53,7 +53,7 @@ Json Tally(const Json& alarms, double km, double vehicleS, bool everyKind) {
         double s = 0;
         if (alarms.is_array()) {
             for (const Json& a : alarms) {
-                if (!a.is_object() || a.value("key", "") != key) continue;
+                if (!a.is_object() || !a.contains("key") || a["key"] != key) continue;
                 ++n;
                 s += Number(a, "duration_s");
             }
