@@ -249,4 +249,38 @@ TEST_F(FleetRun, AFleetReplaysReportsItsBrokenTripsAndResumes) {
 #endif
 }
 
+// The Slurm task script, run as task 0 of its array would be: the same layout and table as
+// fleet.sh's, and a second submission leaves the trips that have a status alone.
+TEST_F(FleetRun, TheSlurmTaskReplaysItsBlockOfTheList) {
+    std::ifstream in(kTrip);
+    std::string text, line;
+    for (int i = 0; i < 400 && std::getline(in, line); ++i) text += line + "\n";
+    const std::string fleet = dir + "/fleet";
+    ASSERT_EQ(Shell("mkdir -p " + fleet + "/andres"), 0);
+    Write("/fleet/andres/20231222.csv", text);
+    Write("/fleet/andres/cut.csv", text.substr(0, text.size() - 3));
+    const std::string env = "env OBD_SIM=" OBD_SIM " OBD_FLEET=" OBD_FLEET " OUT=" + dir +
+                            "/run FLEET=" + fleet +
+                            " SLURM_ARRAY_TASK_ID=0 SLURM_SUBMIT_DIR=/nowhere "
+                            "ARGS='--columns polidriving' ";
+    ASSERT_EQ(Shell("env OBD_SIM=" OBD_SIM " OBD_FLEET=" OBD_FLEET " bash " OBD_FLEET_SCRIPT
+                    " --list-only --out " +
+                    dir + "/run " + fleet),
+              0)
+        << err;
+    ASSERT_EQ(Shell(env + "bash " OBD_SOURCE_DIR "/scripts/fleet.sbatch"), 0) << err;
+    Json table;
+    std::string error;
+    ASSERT_TRUE(obdfleet::ReadFleet(dir + "/run", table, error)) << error;
+    ASSERT_EQ(table["rows"].size(), 2u);
+    EXPECT_EQ(table["rows"][0]["trip"], "andres__20231222");
+    EXPECT_EQ(table["rows"][0]["status"], "ok") << table["rows"][0]["reason"];
+    EXPECT_EQ(table["rows"][0]["date"], "2023-12-22");
+    EXPECT_EQ(table["rows"][1]["status"], "failed");
+    EXPECT_EQ(table["rows"][1]["reason"], "the file is cut off (its last line has no line end)");
+    ASSERT_EQ(Shell("rm " + dir + "/run/trips/andres__20231222/summary.json"), 0);
+    ASSERT_EQ(Shell(env + "bash " OBD_SOURCE_DIR "/scripts/fleet.sbatch"), 0) << err;
+    EXPECT_TRUE(Slurp("/run/trips/andres__20231222/summary.json").empty());
+}
+
 }  // namespace
