@@ -28,7 +28,7 @@ NATIVE=(
     libssl-dev         # libcrypto: an independent reference for the MD5 tests (host only)
     libjs-chart.js     # Chart.js, inlined into obd-sim's report page at build time
     libpcap-dev        # libpcap: obd-sim --capture and obd-frame's pcap captures (host only)
-    parallel           # GNU parallel: scripts/swarm.sh runs seed ranges on every core with it
+    parallel           # GNU parallel: scripts/swarm.sh and fleet.sh run seeds and trips on every core
 )
 BROWSER=(
     chromium   # renders the report page headless in its end-to-end test

@@ -19,9 +19,9 @@ bash scripts/deps.sh native
 start=$SECONDS
 echo "build: configuring $BUILD_DIR/ (Release)"
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=Release >/dev/null
-echo "build: obd-sim, obd-box, obd-frame, obd-swarm and the plug-in with $jobs jobs" \
+echo "build: obd-sim, obd-box, obd-frame, obd-swarm, obd-fleet and the plug-in with $jobs jobs" \
     "(the first build takes about 40 s on 2 cores)"
-cmake --build "$BUILD_DIR" -j"$jobs" --target obd-sim obd-box obd-frame obd-swarm
+cmake --build "$BUILD_DIR" -j"$jobs" --target obd-sim obd-box obd-frame obd-swarm obd-fleet
 echo "build: done in $((SECONDS - start)) s"
 
 echo "run: $BUILD_DIR/bin/obd-sim ${args[*]}"

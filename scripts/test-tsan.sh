@@ -8,16 +8,18 @@
 #   bash scripts/test-tsan.sh             # the threaded components' tests (the whole suite if none)
 #   bash scripts/test-tsan.sh --all       # the whole suite
 #
-# Environment: TSAN_LABELS (ctest label regex, default '^(e2e|host|sim|swarm|link|core|analyser|capture)': every
-# component that starts threads; capture: obd-sim's threads all feeding one capture), BUILD_TYPE (default
-# Debug), JOBS (default 2, never more than 2). Any race report fails the test that printed it.
+# Environment: TSAN_LABELS (ctest label regex, default
+# '^(e2e|host|sim|swarm|fleet|link|core|analyser|capture)': every component that starts threads;
+# fleet for the what-if analysers inside obd-sim, capture for obd-sim's threads all feeding one
+# capture), BUILD_TYPE (default Debug), JOBS (default 2, never more than 2). Any race report fails
+# the test that printed it.
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 readonly BUILD_DIR=build-tsan
 JOBS=${JOBS:-2}
 if ((JOBS > 2)); then JOBS=2; fi  # two cores, shared with other work
-labels=${TSAN_LABELS:-'^(e2e|host|sim|swarm|link|core|analyser|capture)'}
+labels=${TSAN_LABELS:-'^(e2e|host|sim|swarm|fleet|link|core|analyser|capture)'}
 if [[ ${1:-} == --all ]]; then
     labels=
     shift

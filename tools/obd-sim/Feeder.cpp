@@ -139,8 +139,9 @@ void Feeder::Tick(long long tick) {
         if (m_reference != nullptr) m_reference->SixAxis(SixAxisSample(m));
         if (m_sixAxisTap) m_sixAxisTap(At(tick), SixAxisSample(m));
     }
-    if (m_reference != nullptr && tick > 0 && tick % (1000 / kInertialPeriodMs) == 0) {
-        m_reference->Second();
+    if (tick > 0 && tick % (1000 / kInertialPeriodMs) == 0) {
+        if (m_reference != nullptr) m_reference->Second();
+        if (m_secondTap) m_secondTap(At(tick));
     }
 }
 

@@ -53,6 +53,9 @@ class Feeder {
     // Before Start.
     void SetSixAxisTap(SixAxisTap tap) { m_sixAxisTap = std::move(tap); }
     void SetSixAxisHeld(SixAxisHeld held) { m_sixAxisHeld = std::move(held); }
+    // Called right after each of the reference's once-a-second evaluations (feeder's thread).
+    using SecondTap = std::function<void(long long tMs)>;
+    void SetSecondTap(SecondTap tap) { m_secondTap = std::move(tap); }
     // Samples at this many ms past each period instead of on it (0..kInertialPeriodMs-1): off
     // the plug-in's 100 ms cycle, a sample is never handled in the same instant as the 1 s work,
     // so which of the two came first is never a matter of the order of turns.
@@ -73,6 +76,7 @@ class Feeder {
     FrameTap m_tap;
     SixAxisTap m_sixAxisTap;
     SixAxisHeld m_sixAxisHeld;
+    SecondTap m_secondTap;
     long long m_phaseMs = 0;
     std::atomic<bool> m_stop{false};
     // Takes its turns on virtual time like the plug-in's threads, so a run at max speed repeats.

@@ -155,4 +155,17 @@ StatisticsThresold_tag_ ReferenceAnalyser::Thresholds() const {
     return m_gds != nullptr ? m_gds->statThreshold : StatisticsThresold_tag_{};
 }
 
+bool ReferenceAnalyser::ThresholdRecord(uint8_t* out) const {
+    if (m_gds == nullptr) return false;
+    std::memcpy(out, m_gds, GDS_THRESHOLD_BYTES);
+    return true;
+}
+
+bool ReferenceAnalyser::SetThresholdRecord(const uint8_t* record) {
+    if (m_gds == nullptr) return false;
+    // The analyser reads its thresholds under its own lock, and only inside its calls.
+    std::memcpy(static_cast<void*>(m_gds), record, GDS_THRESHOLD_BYTES);
+    return true;
+}
+
 }  // namespace obdsim

@@ -49,6 +49,10 @@ class ReferenceAnalyser {
     bool Statistics(GdsStatisticsData_t_& stat, EconomyStatisticsData_t_& economy) const;
     // The analyser's thresholds (the band edges of the statistics).
     StatisticsThresold_tag_ Thresholds() const;
+    // The whole 238-byte threshold record (alarm then statistics thresholds): read, or replaced
+    // before the first sample for a what-if analysis. False when nothing is loaded.
+    bool ThresholdRecord(uint8_t* out) const;
+    bool SetThresholdRecord(const uint8_t* record);
 
   private:
     using InitFn = int (*)(tagGdsParam_t*);

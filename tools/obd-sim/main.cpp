@@ -56,6 +56,7 @@
 #include "StatusLine.h"
 #include "Summary.h"
 #include "Trip.h"
+#include "WhatIf.h"
 
 namespace {
 
@@ -602,6 +603,11 @@ int Run(int argc, char** argv) {
     app.add_flag("--capture-chunks", captureChunks,
                  "--capture: also every raw read and write on the line")
         ->needs(captureOption);
+    std::vector<std::string> thresholds;
+    app.add_option("--thresholds", thresholds,
+                   "what-if: a JSON file of analyser threshold fields; its alarms on the same "
+                   "samples go beside the plug-in's (repeatable)")
+        ->check(named);
     app.add_option("--plugin", plugin, "plug-in library (default: next to this program)")
         ->check(named);
     try {
@@ -729,6 +735,11 @@ int Run(int argc, char** argv) {
         std::string error;
         if (!injector->Open(error)) return Fail("cannot read inject file " + error, 1);
     }
+    obdsim::WhatIf whatIf;
+    {
+        std::string error;
+        if (!whatIf.Load(plugin, thresholds, error)) return Fail("--thresholds " + error, 2);
+    }
     obdsim::ReferenceAnalyser reference;
     obdsim::RunFacts facts;
     facts.slackMs = slackMs;
@@ -775,14 +786,18 @@ int Run(int argc, char** argv) {
                     : trace ? Printer::Mode::Trace
                             : Printer::Mode::Quiet,
                     out);
-    obdsim::Feeder feeder(
-        drive.get(), &reference,
-        [&trip](long long tMs, const obdsim::DriveSample& items) { trip.OnFrame(tMs, items); });
-    if (capture) {
-        feeder.SetSixAxisTap([&capture](long long tMs, const tagSixAxisOrgData& sample) {
-            capture->SixAxis(tMs, sample);
+    obdsim::Feeder feeder(drive.get(), &reference,
+                          [&trip, &whatIf](long long tMs, const obdsim::DriveSample& items) {
+                              trip.OnFrame(tMs, items);
+                              whatIf.Frame(items);
+                          });
+    if (capture || !whatIf.Empty()) {
+        feeder.SetSixAxisTap([&capture, &whatIf](long long tMs, const tagSixAxisOrgData& sample) {
+            if (capture) capture->SixAxis(tMs, sample);
+            if (!whatIf.Empty()) whatIf.SixAxis(sample);
         });
     }
+    if (!whatIf.Empty()) feeder.SetSecondTap([&whatIf](long long tMs) { whatIf.Second(tMs); });
     std::unique_ptr<obdsim::LinkMonitor> link;
     // The line's frames go to the capture as the link monitor cuts them.
     const obdsim::LinkMonitor::RecordTap recordTap =
@@ -985,7 +1000,9 @@ int Run(int argc, char** argv) {
         // On virtual time the wall time is the one thing that differs between two runs; the
         // outputs leave it out, so that they stay byte for byte the same.
         if (self) summary.erase("real_s");
-        const std::string text = obdsim::SummaryText(summary);
+        if (!whatIf.Empty()) summary["what_if"] = whatIf.ToJson();
+        const std::string text = obdsim::SummaryText(summary) +
+                                 obdsim::WhatIfText(summary.value("what_if", obdsim::Json()));
         const std::string line =
             summary.dump(-1, ' ', false, obdsim::Json::error_handler_t::replace);
         // With --json stdout stays one message per line; the summary goes where a person reads.
