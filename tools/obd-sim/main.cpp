@@ -40,6 +40,7 @@
 #include "BoxHostClock.h"
 #include "BoxSide.h"
 #include "CanRelay.h"
+#include "CaptureReplay.h"
 #include "CaptureSink.h"
 #include "Decode.h"
 #include "Direct.h"
@@ -602,6 +603,11 @@ int Run(int argc, char** argv) {
     app.add_flag("--capture-chunks", captureChunks,
                  "--capture: also every raw read and write on the line")
         ->needs(captureOption);
+    std::string replayPath;
+    app.add_option("--replay", replayPath,
+                   "play a capture's box, bus and inertial side into the plug-in and compare what "
+                   "it sends with what was recorded (exit 6 when it differs; see the README)")
+        ->check(CLI::ExistingFile);
     app.add_option("--plugin", plugin, "plug-in library (default: next to this program)")
         ->check(named);
     try {
@@ -639,6 +645,19 @@ int Run(int argc, char** argv) {
     }
     if (!capturePath.empty() && !obdcap::Available()) {
         return Fail(std::string("--capture: ") + obdcap::kUnavailable, 2);
+    }
+    if (!replayPath.empty()) {
+        if (!obdcap::Available()) return Fail(std::string("--replay: ") + obdcap::kUnavailable, 2);
+        obdsim::ReplayOptions r;
+        r.path = replayPath;
+        r.plugin = plugin;
+        r.productType = app.count("--product-type") > 0 ? productType : -1;
+        r.logLevel = logOption->count() > 0 ? logLevel : 0;
+        r.capturePath = capturePath;
+        r.captureChunks = captureChunks;
+        std::string error;
+        const int status = obdsim::RunReplay(r, error);
+        return error.empty() ? status : Fail(error, status);
     }
     for (const std::string* path : {&summaryJson, &report, &capturePath}) {
         std::string error;
@@ -717,7 +736,7 @@ int Run(int argc, char** argv) {
     if (!capturePath.empty()) {
         capture = std::make_unique<obdsim::CaptureSink>();
         std::string error;
-        if (!capture->Open(capturePath, captureChunks, error)) return Fail(error, 1);
+        if (!capture->Open(capturePath, captureChunks, productType, error)) return Fail(error, 1);
     }
     std::unique_ptr<Injector> injector;
     if (!inject.empty()) {
