@@ -540,6 +540,8 @@ int Run(int argc, char** argv) {
                  "built-in box: escape, and count the escape pairs in the length")
         ->excludes("--box-escape");
     app.add_option("--box-seed", boxLine.seed, "built-in box: seed of garbage and piece sizes");
+    app.add_option("--box-refuse-step", boxLine.upgradeRefuseStep,
+                   "built-in box: refuse this upgrade step (its request code, e.g. 9220 = 0x2404)");
     app.add_option("--baud", baud, "serial speed")
         ->check(CLI::IsMember(
             std::set<int>{9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600}));
@@ -845,6 +847,7 @@ int Run(int argc, char** argv) {
         o.escape = boxLine.escape || boxLine.escapeCountsInLength;
         o.escapeCountsInLength = boxLine.escapeCountsInLength;
         o.seed = boxLine.seed;
+        o.upgradeRefuseStep = boxLine.upgradeRefuseStep;
         o.values = [&feeder] { return feeder.Frame(); };
         if (!canBox) {
             o.wireTap = [&printer](bool toBox, const uint8_t* data, size_t n) {
