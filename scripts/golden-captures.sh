@@ -28,10 +28,14 @@ esac
   --box-split 4 --box-escape --box-seed 7 --capture-chunks \
   --capture "$data/line-faults.pcap" > /dev/null
 
-# 3. An upgrade whose file-data step (0x2404) the box refuses.
+# 3. CAN-box mode: the box's bytes in 6898 messages, the plug-in's frames in 6899, the summary.
+"$sim" --product-type 72 --duration 30 --capture "$data/can-box.pcap" > /dev/null
+
+# 4. An upgrade whose file-data step (0x2404) the box refuses.
 mkdir -p "$(dirname "$upgrade")"
 cp "$data/firmware.bin" "$upgrade"
-echo "@3000 6729 01000700" | "$sim" --inject - --speed max --duration 20 \
+# The trigger comes from a file: lines from stdin would come in real time.
+"$sim" --inject "$data/upgrade.inject" --duration 20 \
   --box-refuse-step 9220 --capture "$data/upgrade-refused.pcap" > /dev/null || true
 rm -f "$upgrade"
 
