@@ -54,7 +54,7 @@ std::string FirstDifference(const Json& a, const Json& b, const std::string& pat
             const std::string sub = path.empty() ? it.key() : path + "." + it.key();
             if (!b.contains(it.key()))
                 return sub + " " + Value(it.value()) + " recorded, absent now";
-            const std::string d = FirstDifference(it.value(), b[it.key()], sub);
+            std::string d = FirstDifference(it.value(), b[it.key()], sub);
             if (!d.empty()) return d;
         }
         for (auto it = b.begin(); it != b.end(); ++it) {
@@ -67,7 +67,7 @@ std::string FirstDifference(const Json& a, const Json& b, const std::string& pat
     }
     if (a.is_array() && b.is_array()) {
         for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
-            const std::string d = FirstDifference(a[i], b[i], path + "[" + std::to_string(i) + "]");
+            std::string d = FirstDifference(a[i], b[i], path + "[" + std::to_string(i) + "]");
             if (!d.empty()) return d;
         }
         if (a.size() != b.size()) {
@@ -359,7 +359,7 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
     ReplayComparator compare(o.shown);
     std::mutex compareMutex;  // the plug-in's outputs come on its threads and the bus's
     std::atomic<unsigned long long> lineOut{0}, framesOut{0};
-    auto now = [&](obdcap::Packet p) {
+    auto now = [&](const obdcap::Packet& p) {
         std::lock_guard<std::mutex> lock(compareMutex);
         compare.Now(p);
     };
@@ -374,7 +374,7 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
         p.direction = obdcap::Direction::FromPlugin;
         p.flags = r.kind == obdframe::Kind::Truncated ? obdcap::kFlagCut : 0;
         p.payload = r.raw;
-        now(std::move(p));
+        now(p);
         ++lineOut;
     });
 
@@ -481,7 +481,7 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
         p.flags = m.response ? obdcap::kFlagResponse : 0;
         p.busId = static_cast<uint32_t>(m.id);
         p.payload.assign(m.payload.begin(), m.payload.end());
-        now(std::move(p));
+        now(p);
         if (canBox && !m.response && m.id == static_cast<int>(kFrameToBoxId)) {
             if (m.payload.size() > 4) {
                 link.OnChunk(true, m.payload.data() + 4, m.payload.size() - 4, m.tMs);
