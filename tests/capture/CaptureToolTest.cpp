@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
+#include <functional>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -340,3 +342,108 @@ TEST_F(CaptureTool, DamagedCaptureIsReadUpToTheDamage) {
 }
 
 }  // namespace
+
+// A run's own capture replayed: identical, and the new capture of the replay the same byte for
+// byte. Each recorded packet of the plug-in's altered in turn: the replay fails (status 6) naming
+// that packet and the first field that differs.
+TEST_F(CaptureTool, ReplayIsIdenticalAndNamesTheFirstDifference) {
+    ASSERT_EQ(Sim("--duration 12 --capture " + dir + "/run.pcap"), 0) << err;
+    ASSERT_EQ(Sim("--replay " + dir + "/run.pcap --capture " + dir + "/again.pcap"), 0) << err;
+    EXPECT_NE(out.find("replay: identical: "), std::string::npos) << out;
+    EXPECT_EQ(Slurp("/again.pcap"), Slurp("/run.pcap"));
+    const std::vector<Packet> recorded = Capture("/run.pcap");
+    ASSERT_GT(recorded.size(), 100u);
+
+    auto firstOf = [&recorded](Channel c, uint32_t id) {
+        for (size_t i = 0; i < recorded.size(); ++i) {
+            if (recorded[i].channel == c && recorded[i].direction == Direction::FromPlugin &&
+                (id == 0 || recorded[i].busId == id)) {
+                return i;
+            }
+        }
+        return recorded.size();
+    };
+    struct Case {
+        const char* name;
+        std::function<size_t(std::vector<Packet>&)> alter;  // the packet altered
+        std::string expect;
+    };
+    const std::vector<Case> cases = {
+        {"a value of the OBD table",
+         [&](std::vector<Packet>& ps) {
+             const size_t at = firstOf(Channel::Bus, 6702);
+             std::vector<uint8_t>& p = ps.at(at).payload;
+             for (size_t item = 0; item + 8 <= p.size(); item += 8) {
+                 if (p[item] == 0xFF) continue;  // an item the box has not sent (id -1)
+                 float v = 0;
+                 std::memcpy(&v, p.data() + item + 4, 4);
+                 v += 1.5F;
+                 std::memcpy(p.data() + item + 4, &v, 4);
+                 break;
+             }
+             return at;
+         },
+         "6702 items."},
+        {"a frame's sequence number",
+         [&](std::vector<Packet>& ps) {
+             const size_t at = firstOf(Channel::Frame, 0);
+             std::vector<uint8_t>& f = ps.at(at).payload;
+             f[6] ^= 0x40;
+             f.back() ^= 0x40;  // the checksum still adds up
+             return at;
+         },
+         " recorded, frame "},
+        {"a broadcast the plug-in never sent",
+         [&](std::vector<Packet>& ps) {
+             const size_t at = firstOf(Channel::Bus, 6714);
+             ps.insert(ps.begin() + static_cast<std::ptrdiff_t>(at), ps[at]);
+             return at;
+         },
+         "6714 "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<Packet> altered = recorded;
+        const size_t at = c.alter(altered);
+        {
+            obdcap::Writer w;
+            std::string error;
+            ASSERT_TRUE(w.Open(dir + "/altered.pcap", error)) << error;
+            for (const Packet& p : altered) w.Write(p);
+            ASSERT_TRUE(w.Close(error)) << error;
+        }
+        EXPECT_EQ(Sim("--replay " + dir + "/altered.pcap"), 6) << err;
+        // The first divergence is the altered packet, at its time.
+        const size_t line = out.find("\n  ");
+        ASSERT_NE(line, std::string::npos) << out;
+        const std::string first = out.substr(line + 3, out.find('\n', line + 3) - line - 3);
+        EXPECT_EQ(first.rfind(std::to_string(altered[at].tUs / 1000) + " ms  ", 0), 0u) << first;
+        EXPECT_NE(first.find(c.expect), std::string::npos) << first;
+    }
+}
+
+// A capture cut short, a file that is no capture, a missing file: refused with the reason, and
+// never a crash.
+TEST_F(CaptureTool, ReplayRefusesDamagedCapturesAndBadArguments) {
+    ASSERT_EQ(Sim("--duration 3 --capture " + dir + "/run.pcap"), 0) << err;
+    ASSERT_EQ(obdsim::RunShell("head -c -3 " + dir + "/run.pcap > " + dir + "/cut.pcap"), 0);
+    ASSERT_EQ(obdsim::RunShell("echo not a capture > " + dir + "/text.pcap"), 0);
+    struct Case {
+        std::string args;
+        int status;
+        std::string expect;
+    };
+    const Case cases[] = {
+        {"--replay " + dir + "/cut.pcap", 1, "truncated"},
+        {"--replay " + dir + "/text.pcap", 1, "text.pcap"},
+        {"--replay " + dir + "/missing.pcap", 2, "missing.pcap"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args);
+        EXPECT_EQ(Sim(c.args), c.status) << err;
+        EXPECT_NE(err.find(c.expect), std::string::npos) << err;
+        EXPECT_EQ(out.find("replay:"), std::string::npos) << out;
+    }
+    Sim("--replay " + dir + "/cut.pcap");
+    EXPECT_NE(err.find("packet "), std::string::npos) << err;
+}

@@ -168,6 +168,44 @@ TEST(FrameDecode, StreamsCutIntoFramesGarbageAndCutOffFrames) {
     }
 }
 
+TEST(FrameDecode, AFrameIsHandedOnOnceNoLaterByteCanChangeIt) {
+    // Fed up to and including a frame's last byte, with nothing after it yet.
+    struct Case {
+        const char* name;
+        Bytes frame;
+        bool handedOn;  // at once, or only when later bytes (or the end) settle it
+    };
+    const Case cases[] = {
+        {"plain frame from the box", FromBox(0x2C81, {1, 2, 3}), true},
+        {"plug-in frame", ToBox(0x2C12, {}), true},
+        // Only one reading adds up: no later byte can change it.
+        {"escaped, pairs not counted", FromBox(0x2C81, kTricky, true, false), true},
+        // The shorter reading is complete and adds up, but so might the longer one that the
+        // next bytes complete: it waits.
+        {"escaped, pairs counted", FromBox(0x2C81, kTricky, true, true), false},
+        {"bad checksum", FromBox(0x2C81, {1, 2, 3}, false, false, true), false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (size_t piece : {size_t{1}, size_t{3}, c.frame.size()}) {
+            obdframe::StreamDecoder d(Dir::FromBox);
+            std::vector<Record> got;
+            for (size_t at = 0; at < c.frame.size(); at += piece) {
+                d.Feed(c.frame.data() + at, std::min(piece, c.frame.size() - at));
+                for (Record& r : d.Take()) got.push_back(std::move(r));
+            }
+            if (!c.handedOn) {
+                EXPECT_TRUE(got.empty()) << piece;
+                d.Feed(kFrame.data(), kFrame.size());
+                for (Record& r : d.Take()) got.push_back(std::move(r));
+            }
+            ASSERT_FALSE(got.empty()) << piece;
+            EXPECT_EQ(got[0].kind, Kind::Frame) << piece;
+            EXPECT_EQ(got[0].raw, c.frame) << piece;
+        }
+    }
+}
+
 TEST(FrameDecode, LongRunsGoOnInPiecesOfTheLimit) {
     // A cut-off frame longer than the limit: its first bytes stay a cut-off frame, the rest is
     // garbage; every byte still in one record, in order.

@@ -123,6 +123,47 @@ TEST(LinkHealth, FaultsOnTheLineAndGapsInTheDataStreamAreCounted) {
     EXPECT_EQ(ds["longest_ms"], 4500);
 }
 
+TEST(LinkHealth, EscapedFramesSplitAcrossReadsAreCutWhole) {
+    // The data items hold every escaped value, so each frame has pairs whose shorter reading
+    // fits inside it; read in pieces of 1 to 4 bytes, a second apart, every frame must still be
+    // cut whole, at the time of its last byte, whichever way its length counts the pairs.
+    const Bytes items = {1, 0x7E, 0x7D, 0x7F, 0x41, 2, 0x7D, 0x7D, 0x00, 0x3F};
+    for (bool inLength : {false, true}) {
+        SCOPED_TRACE(inLength);
+        std::mt19937 rng(11);
+        std::vector<std::pair<Bytes, long long>> seen;
+        LinkMonitor m([&seen](const obdframe::Record& r, bool toBox, long long lastByteMs) {
+            EXPECT_FALSE(toBox);
+            seen.emplace_back(r.raw, lastByteMs);
+        });
+        std::vector<Bytes> sent;
+        for (int i = 0; i < 30; ++i) {
+            sent.push_back(obdbox::BoxEmulator::EncodeFrame(0x2C81, items, static_cast<uint8_t>(i),
+                                                            true, inLength, false));
+            const Bytes& f = sent.back();
+            for (size_t at = 0; at < f.size();) {
+                const size_t n = std::min(f.size() - at, static_cast<size_t>(rng() % 4 + 1));
+                m.OnChunk(false, f.data() + at, n, i * 1000LL + static_cast<long long>(at));
+                at += n;
+            }
+        }
+        const Json f = m.Figures();
+        ASSERT_EQ(seen.size(), sent.size());
+        for (size_t i = 0; i < sent.size(); ++i) {
+            EXPECT_EQ(seen[i].first, sent[i]) << i;
+            EXPECT_LE(seen[i].second, static_cast<long long>(i) * 1000 + 99) << i;
+            EXPECT_GE(seen[i].second,
+                      static_cast<long long>(i) * 1000 + static_cast<long long>(sent[i].size()) - 4)
+                << i;
+        }
+        EXPECT_EQ(f["from_box"]["frames"], 30);
+        EXPECT_EQ(f["from_box"]["bad_checksum"], 0);
+        EXPECT_EQ(f["from_box"]["garbage_bytes"], 0);
+        EXPECT_EQ(f["data_stream"]["frames"], 30);
+        EXPECT_EQ(f["data_stream"]["gaps"], 0);
+    }
+}
+
 TEST(LinkHealth, PendingBytesStayBoundedOnAStreamWithoutHeads) {
     LinkMonitor m;
     const Bytes junk(1000, 0x11);

@@ -36,7 +36,7 @@ std::string CheckHeader(const PseudoHeader& h) {
                std::to_string(kVersion);
     }
     if (h.channel < static_cast<uint8_t>(Channel::Frame) ||
-        h.channel > static_cast<uint8_t>(Channel::Inertial)) {
+        h.channel > static_cast<uint8_t>(Channel::Run)) {
         return "unknown channel " + std::to_string(h.channel);
     }
     if (h.direction > static_cast<uint8_t>(Direction::FromPlugin)) {
@@ -63,8 +63,27 @@ const char* ChannelName(Channel c) {
             return "bus";
         case Channel::Inertial:
             return "inertial";
+        case Channel::Run:
+            return "run";
     }
     return "?";
+}
+
+bool RunFact(const std::vector<uint8_t>& payload, const std::string& key, std::string& value) {
+    const std::string text(payload.begin(), payload.end());
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find('\n', at);
+        if (end == std::string::npos) end = text.size();
+        const std::string line = text.substr(at, end - at);
+        if (line.size() > key.size() && line.compare(0, key.size(), key) == 0 &&
+            line[key.size()] == '=') {
+            value = line.substr(key.size() + 1);
+            return true;
+        }
+        at = end + 1;
+    }
+    return false;
 }
 
 bool LooksLikePcap(const uint8_t* head, size_t n) {

@@ -2,7 +2,8 @@
 // timestamps) whose packets each begin with an 8-byte pseudo-header telling what they carry.
 //
 //   offset 0  u8   version    1
-//          1  u8   channel    1 line frame, 2 line chunk, 3 garbage, 4 bus message, 5 inertial
+//          1  u8   channel    1 line frame, 2 line chunk, 3 garbage, 4 bus message, 5 inertial,
+//                             6 run facts (text lines "key=value", e.g. "product_type=72")
 //          2  u8   direction  0 to the plug-in, 1 from the plug-in
 //          3  u8   flags      bit 0: a bus answer; bit 1: a frame cut off; the rest 0
 //          4  u32  bus id     little-endian; the message id on channel 4, else 0
@@ -26,7 +27,7 @@ struct pcap_dumper;
 
 namespace obdcap {
 
-enum class Channel : uint8_t { Frame = 1, Chunk = 2, Garbage = 3, Bus = 4, Inertial = 5 };
+enum class Channel : uint8_t { Frame = 1, Chunk = 2, Garbage = 3, Bus = 4, Inertial = 5, Run = 6 };
 enum class Direction : uint8_t { ToPlugin = 0, FromPlugin = 1 };
 constexpr uint8_t kFlagResponse = 0x01, kFlagCut = 0x02;
 constexpr uint8_t kVersion = 1;
@@ -66,7 +67,10 @@ PseudoHeader DecodeHeader(const uint8_t in[kHeaderSize]);
 // Empty when the header is one this version writes, else what is wrong with it.
 std::string CheckHeader(const PseudoHeader& h);
 
-const char* ChannelName(Channel c);  // "frame", "chunk", "garbage", "bus", "inertial"
+const char* ChannelName(Channel c);  // "frame", "chunk", "garbage", "bus", "inertial", "run"
+
+// The value of `key` in a run-facts payload ("key=value" lines); false when it is not there.
+bool RunFact(const std::vector<uint8_t>& payload, const std::string& key, std::string& value);
 
 // Whether this build reads and writes captures (libpcap was found).
 bool Available();

@@ -91,6 +91,12 @@ std::string FormatOther(const obdcap::Packet& p, bool json) {
     std::string line =
         std::string(time) + obdcap::ChannelName(p.channel) + " " + SideName(p.direction);
     if (bus) line += " id=" + std::to_string(p.busId) + (response ? " response" : "");
+    if (p.channel == obdcap::Channel::Run) {
+        std::string text(p.payload.begin(), p.payload.end());
+        while (!text.empty() && text.back() == '\n') text.pop_back();
+        for (char& c : text) c = c == '\n' ? ' ' : (c < 0x20 || c > 0x7E ? '?' : c);
+        return line + ": " + text;
+    }
     line += " len=" + std::to_string(p.payload.size());
     constexpr size_t kShown = 32;
     if (!p.payload.empty()) line += ": " + Hex(p.payload.data(), p.payload.size(), kShown);

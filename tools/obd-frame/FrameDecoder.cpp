@@ -86,13 +86,7 @@ struct StreamDecoder::Candidate {
     bool ok = false;
 };
 
-namespace {
-
-// The most TryFrame reads past a head: an escaped length, every body byte escaped, the checksum
-// and a following head. With this much in hand the stream's later bytes change nothing.
-constexpr size_t kLookahead = kHeadSize + 2 + 2 * size_t{kMaxLength} + 1 + 4 + 64;
-
-}  // namespace
+namespace {}  // namespace
 
 StreamDecoder::StreamDecoder(Dir streamDir, size_t maxRun)
     : m_line(streamDir), m_maxRun(maxRun < 1 ? 1 : maxRun) {}
@@ -143,8 +137,8 @@ void StreamDecoder::Cut() {
         if (m_pos >= n) break;
         if (!m_final && n - m_pos < 4 && HeadPrefixAt(d, n, m_pos)) break;
         if (HeadAt(d, n, m_pos)) {
-            if (!m_final && n - m_pos < kLookahead) break;
             const size_t next = TryFrame(m_pos);
+            if (m_waiting) break;
             if (next > m_pos) {
                 m_pos = next;
                 continue;
@@ -240,8 +234,18 @@ const StreamDecoder::Candidate* StreamDecoder::Matching(
 // Reads the frame at the head at `pos`. Returns the position after what it emitted, or
 // `pos` itself when the head is not a frame's (its length cannot be).
 size_t StreamDecoder::TryFrame(size_t pos) {
+    m_waiting = false;
+    // Until the stream ends, a reading whose bytes have not all come yet (or whose choice
+    // depends on what follows it) leaves the head waiting: deciding on what is in hand would
+    // take a box's escaped frame for the shorter reading and cut it short.
+    const auto wait = [this, pos] {
+        m_waiting = !m_final;
+        return pos;
+    };
     const Dir mark = MarkAt(m_buf.data() + pos + 2);
-    if (pos + kHeadSize > m_buf.size()) return EmitTruncated(pos, m_buf.size(), mark);
+    if (pos + kHeadSize > m_buf.size()) {
+        return m_final ? EmitTruncated(pos, m_buf.size(), mark) : wait();
+    }
     const uint16_t rawLength =
         static_cast<uint16_t>((m_buf.data()[pos + 4] << 8) | m_buf.data()[pos + 5]);
     // The box escapes its length field too (a low byte of 7D to 7F).
@@ -251,8 +255,9 @@ size_t StreamDecoder::TryFrame(size_t pos) {
     if (mark == Dir::FromBox) {
         size_t j = pos + 4;
         uint8_t hi = 0, lo = 0;
-        if (!EscapedAt(j, hi, lengthPairs) || !EscapedAt(j, lo, lengthPairs)) {
-            return EmitTruncated(pos, m_buf.size(), mark);
+        if (!EscapedAt(j, hi, lengthPairs) || !EscapedAt(j, lo, lengthPairs) ||
+            (!m_final && j >= m_buf.size())) {
+            return m_final ? EmitTruncated(pos, m_buf.size(), mark) : wait();
         }
         length = static_cast<uint16_t>((hi << 8) | lo);
         bodyStart = j;
@@ -269,6 +274,7 @@ size_t StreamDecoder::TryFrame(size_t pos) {
         size_t j = bodyStart;
         uint8_t b = 0;
         while (a.body.size() < length && EscapedAt(j, b, a.pairs)) a.body.push_back(b);
+        if (!m_final && (a.body.size() < length || j >= m_buf.size())) return wait();
         if (a.body.size() == length && j < m_buf.size()) {
             a.end = j + 1;
             undone = undone || a.pairs > 0;
@@ -279,6 +285,7 @@ size_t StreamDecoder::TryFrame(size_t pos) {
         Candidate c;
         c.length = length;
         c.end = bodyStart + length + 1;
+        if (!m_final && c.end > m_buf.size()) return wait();
         if (c.end <= m_buf.size()) {
             c.pairs = Unescape(m_buf.data() + bodyStart, length, c.body);
             if (c.pairs > 0) {
@@ -293,6 +300,9 @@ size_t StreamDecoder::TryFrame(size_t pos) {
     Candidate plain;
     plain.length = rawLength;
     plain.end = pos + kHeadSize + rawLength + 1;
+    if (!m_final && plain.end > m_buf.size() && rawLength >= 3 && (undone || candidates.empty())) {
+        return wait();
+    }
     if (plain.end <= m_buf.size() && rawLength >= 3 && (undone || candidates.empty())) {
         plain.body.assign(m_buf.data() + pos + kHeadSize, m_buf.data() + plain.end - 1);
         plain.notEscaped = undone;
@@ -300,6 +310,16 @@ size_t StreamDecoder::TryFrame(size_t pos) {
         candidates.push_back(std::move(plain));
     }
 
+    if (!m_final) {
+        // Two readings that both add up, or none: what follows them decides, so it must be here.
+        size_t ok = 0;
+        bool nearEnd = false;
+        for (const Candidate& c : candidates) {
+            ok += c.ok ? 1 : 0;
+            nearEnd = nearEnd || c.end + 4 > m_buf.size();
+        }
+        if (ok != 1 && nearEnd) return wait();
+    }
     const Candidate* chosen = Matching(candidates);
     // A bad checksum: believe the length only if no other frame starts inside it, preferably
     // when another frame (or the end) follows right after it.

@@ -60,7 +60,8 @@ struct Record {
 constexpr uint16_t kMaxLength = 1016;
 
 // Cuts a stream that arrives in pieces. A record is handed on once no later byte can change it
-// (a head waits for as many bytes as its longest reading may need, garbage for the next head), so
+// (a head waits until every reading of it is complete and, where two add up or none does, the
+// bytes after them are in hand; garbage waits for the next head), so
 // the records are DecodeStream's over the whole stream. With `maxRun`, a garbage run or a cut-off
 // frame longer than that is handed on in pieces of at most `maxRun` bytes, the rest of a cut-off
 // frame as garbage: one unbroken run must not have to be held whole.
@@ -92,7 +93,8 @@ class StreamDecoder {
     Dir m_line;
     size_t m_maxRun;
     bool m_final = false;
-    Bytes m_buf;  // the bytes from stream offset m_base on
+    bool m_waiting = false;  // the head at m_pos needs more bytes before it can be read
+    Bytes m_buf;             // the bytes from stream offset m_base on
     size_t m_base = 0;
     size_t m_pos = 0;  // in m_buf: the next byte to look at
     size_t m_garbageStart = kNone;

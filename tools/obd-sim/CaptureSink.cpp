@@ -10,10 +10,14 @@ obdcap::Direction LineDirection(bool toBox) {
 
 }  // namespace
 
-bool CaptureSink::Open(const std::string& path, bool chunks, std::string& error) {
+bool CaptureSink::Open(const std::string& path, bool chunks, int productType, std::string& error) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_chunks = chunks;
-    return m_writer.Open(path, error);
+    if (!m_writer.Open(path, error)) return false;
+    const std::string facts = "product_type=" + std::to_string(productType) + "\n";
+    m_writer.Write(0, obdcap::Channel::Run, obdcap::Direction::ToPlugin, 0, 0,
+                   reinterpret_cast<const uint8_t*>(facts.data()), facts.size());
+    return true;
 }
 
 void CaptureSink::Put(long long tMs, obdcap::Channel c, obdcap::Direction d, uint8_t flags,

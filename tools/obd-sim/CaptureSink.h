@@ -22,8 +22,9 @@ namespace obdsim {
 
 class CaptureSink {
   public:
-    // `chunks`: also the raw bytes of every read and write (channel 2).
-    bool Open(const std::string& path, bool chunks, std::string& error);
+    // `chunks`: also the raw bytes of every read and write (channel 2). The first packet states
+    // the host's product type, which tells a replay whether the box is reached over the bus.
+    bool Open(const std::string& path, bool chunks, int productType, std::string& error);
     // A record the link monitor cut: line bytes from the plug-in (toBox) or to it.
     void Record(const obdframe::Record& r, bool toBox, long long lastByteMs);
     // One read or write of line bytes.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <utility>
 
 namespace obdsim {
@@ -15,7 +16,7 @@ constexpr uint16_t kDataStream = 0x2C81;
 constexpr uint16_t kLink = 0x2C10;
 constexpr uint16_t kStop = 0x2C04;
 constexpr uint16_t kStopAltAck = 0x2301;
-// A pending run of bytes longer than any frame is cut even if its end could still grow.
+// A garbage run or cut-off frame longer than any frame is handed on in pieces of this size.
 constexpr size_t kPendingLimit = 4096;
 
 // Commands the box never answers by design: a missing answer is no fault of the line.
@@ -46,63 +47,50 @@ size_t Quantile(const std::vector<uint32_t>& h, double share) {
 
 }  // namespace
 
+LinkMonitor::Direction::Direction(obdframe::Dir line) : decoder(line, kPendingLimit) {}
+
 LinkMonitor::LinkMonitor(RecordTap tap)
-    : m_tap(std::move(tap)), m_latency(kLatencyBuckets, 0), m_period(kPeriodBuckets, 0) {}
+    : m_tap(std::move(tap)),
+      m_to(obdframe::Dir::ToBox),
+      m_from(obdframe::Dir::FromBox),
+      m_latency(kLatencyBuckets, 0),
+      m_period(kPeriodBuckets, 0) {}
 
 void LinkMonitor::Finish() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Cut(m_to, true, true);
-    Cut(m_from, false, true);
+    m_to.decoder.Finish();
+    m_from.decoder.Finish();
+    Cut(m_to, true);
+    Cut(m_from, false);
 }
 
 void LinkMonitor::OnChunk(bool toBox, const unsigned char* data, size_t n, long long tMs) {
     if (n == 0) return;
     std::lock_guard<std::mutex> lock(m_mutex);
     Direction& d = toBox ? m_to : m_from;
-    d.chunkAt.push_back(d.pending.size());
-    d.chunkMs.push_back(tMs);
-    d.pending.insert(d.pending.end(), data, data + n);
-    Cut(d, toBox, false);
+    d.chunks.emplace_back(d.decoder.Fed(), tMs);
+    d.decoder.Feed(data, n);
+    Cut(d, toBox);
 }
 
 long long LinkMonitor::TimeAt(const Direction& d, size_t offset) {
     // The chunk that holds `offset`: the last one starting at or before it.
-    const auto it = std::upper_bound(d.chunkAt.begin(), d.chunkAt.end(), offset);
-    if (it == d.chunkAt.begin()) return d.chunkMs.empty() ? 0 : d.chunkMs.front();
-    return d.chunkMs[static_cast<size_t>(it - d.chunkAt.begin()) - 1];
+    const auto it = std::upper_bound(
+        d.chunks.begin(), d.chunks.end(), offset,
+        [](size_t at, const std::pair<size_t, long long>& c) { return at < c.first; });
+    if (it == d.chunks.begin()) return d.chunks.empty() ? 0 : d.chunks.front().second;
+    return std::prev(it)->second;
 }
 
-void LinkMonitor::Cut(Direction& d, bool toBox, bool final) {
-    const std::vector<obdframe::Record> records = obdframe::DecodeStream(
-        d.pending.data(), d.pending.size(), toBox ? obdframe::Dir::ToBox : obdframe::Dir::FromBox);
-    // The last record may still grow with the next chunk (a frame whose end has not come, bytes
-    // that could begin a head): it waits, unless the run ends or it is longer than any frame.
-    size_t keep = records.size();
-    if (!final && !records.empty() && d.pending.size() <= kPendingLimit) {
-        const obdframe::Record& last = records.back();
-        if (last.kind != obdframe::Kind::Frame) keep = records.size() - 1;
+void LinkMonitor::Cut(Direction& d, bool toBox) {
+    for (const obdframe::Record& r : d.decoder.Take()) {
+        Record(r, toBox, TimeAt(d, r.offset));
+        if (m_tap && !r.raw.empty()) m_tap(r, toBox, TimeAt(d, r.offset + r.raw.size() - 1));
+        Count(d, r);
     }
-    size_t consumed = 0;
-    for (size_t i = 0; i < keep; ++i) {
-        Record(records[i], toBox, TimeAt(d, records[i].offset));
-        if (m_tap && !records[i].raw.empty()) {
-            m_tap(records[i], toBox, TimeAt(d, records[i].offset + records[i].raw.size() - 1));
-        }
-        Count(d, records[i]);
-        consumed = records[i].offset + records[i].raw.size();
-    }
-    if (consumed == 0) return;
-    d.pending.erase(d.pending.begin(), d.pending.begin() + static_cast<std::ptrdiff_t>(consumed));
-    // Chunk starts move with the bytes; the chunk that holds the new first byte starts at 0.
-    size_t first = 0;
-    while (first + 1 < d.chunkAt.size() && d.chunkAt[first + 1] <= consumed) ++first;
-    d.chunkAt.erase(d.chunkAt.begin(), d.chunkAt.begin() + static_cast<std::ptrdiff_t>(first));
-    d.chunkMs.erase(d.chunkMs.begin(), d.chunkMs.begin() + static_cast<std::ptrdiff_t>(first));
-    for (size_t& at : d.chunkAt) at = at > consumed ? at - consumed : 0;
-    if (d.pending.empty()) {
-        d.chunkAt.clear();
-        d.chunkMs.clear();
-    }
+    // Chunks wholly before the first byte still waiting are done with.
+    const size_t pending = d.decoder.Pending();
+    while (d.chunks.size() > 1 && d.chunks[1].first <= pending) d.chunks.pop_front();
 }
 
 Json LinkMonitor::FiguresOf(const Direction& d) {
@@ -164,8 +152,10 @@ void LinkMonitor::Record(const obdframe::Record& r, bool toBox, long long tMs) {
 
 Json LinkMonitor::Figures() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Cut(m_to, true, true);
-    Cut(m_from, false, true);
+    m_to.decoder.Finish();
+    m_from.decoder.Finish();
+    Cut(m_to, true);
+    Cut(m_from, false);
     if (m_cmd.open) {
         ++m_unanswered;
         m_cmd.open = false;

@@ -2,8 +2,10 @@
 // bytes each way as the plug-in read and wrote them (the host layer's serial tap), so that two
 // boxes or two firmware versions can be compared at a glance.
 //
-// The bytes are cut into frames as they come (obd-frame's decoder), and only counters and two
-// fixed histograms are kept, so a run of any length holds its memory.
+// The bytes are cut into frames as they come (obd-frame's streaming decoder: a record is taken
+// only once no later byte can change it, so a frame split across reads is cut as a reader of the
+// whole line would cut it), and only counters and two fixed histograms are kept, so a run of any
+// length holds its memory.
 //
 //  - frames each way; frames with a wrong checksum; cut-off frames (a head whose frame never
 //    completed); garbage: bytes outside any frame, and how many runs of it (each one a
@@ -17,8 +19,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "Decode.h"
@@ -43,9 +47,10 @@ class LinkMonitor {
 
   private:
     struct Direction {
-        std::vector<uint8_t> pending;    // bytes not yet cut into final records
-        std::vector<size_t> chunkAt;     // where each chunk still pending begins in `pending`
-        std::vector<long long> chunkMs;  // and the host time it was read or written at
+        explicit Direction(obdframe::Dir line);
+        obdframe::StreamDecoder decoder;
+        // Stream offset where each chunk not yet wholly cut begins, and its host time.
+        std::deque<std::pair<size_t, long long>> chunks;
         long long frames = 0, badChecksum = 0, cutOff = 0, garbageBytes = 0, garbageRuns = 0;
     };
     struct Outstanding {
@@ -54,7 +59,7 @@ class LinkMonitor {
         uint8_t seq = 0;
         long long lastSentMs = 0;
     };
-    void Cut(Direction& d, bool toBox, bool final);
+    void Cut(Direction& d, bool toBox);
     void Record(const obdframe::Record& r, bool toBox, long long tMs);
     static void Count(Direction& d, const obdframe::Record& r);
     static Json FiguresOf(const Direction& d);

@@ -40,6 +40,7 @@
 #include "BoxHostClock.h"
 #include "BoxSide.h"
 #include "CanRelay.h"
+#include "CaptureReplay.h"
 #include "CaptureSink.h"
 #include "Decode.h"
 #include "Direct.h"
@@ -540,6 +541,8 @@ int Run(int argc, char** argv) {
                  "built-in box: escape, and count the escape pairs in the length")
         ->excludes("--box-escape");
     app.add_option("--box-seed", boxLine.seed, "built-in box: seed of garbage and piece sizes");
+    app.add_option("--box-refuse-step", boxLine.upgradeRefuseStep,
+                   "built-in box: refuse this upgrade step (its request code, e.g. 9220 = 0x2404)");
     app.add_option("--baud", baud, "serial speed")
         ->check(CLI::IsMember(
             std::set<int>{9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600}));
@@ -608,6 +611,11 @@ int Run(int argc, char** argv) {
                    "what-if: a JSON file of analyser threshold fields; its alarms on the same "
                    "samples go beside the plug-in's (repeatable)")
         ->check(named);
+    std::string replayPath;
+    app.add_option("--replay", replayPath,
+                   "play a capture's box, bus and inertial side into the plug-in and compare what "
+                   "it sends with what was recorded (exit 6 when it differs; see the README)")
+        ->check(CLI::ExistingFile);
     app.add_option("--plugin", plugin, "plug-in library (default: next to this program)")
         ->check(named);
     try {
@@ -645,6 +653,19 @@ int Run(int argc, char** argv) {
     }
     if (!capturePath.empty() && !obdcap::Available()) {
         return Fail(std::string("--capture: ") + obdcap::kUnavailable, 2);
+    }
+    if (!replayPath.empty()) {
+        if (!obdcap::Available()) return Fail(std::string("--replay: ") + obdcap::kUnavailable, 2);
+        obdsim::ReplayOptions r;
+        r.path = replayPath;
+        r.plugin = plugin;
+        r.productType = app.count("--product-type") > 0 ? productType : -1;
+        r.logLevel = logOption->count() > 0 ? logLevel : 0;
+        r.capturePath = capturePath;
+        r.captureChunks = captureChunks;
+        std::string error;
+        const int status = obdsim::RunReplay(r, error);
+        return error.empty() ? status : Fail(error, status);
     }
     for (const std::string* path : {&summaryJson, &report, &capturePath}) {
         std::string error;
@@ -723,7 +744,7 @@ int Run(int argc, char** argv) {
     if (!capturePath.empty()) {
         capture = std::make_unique<obdsim::CaptureSink>();
         std::string error;
-        if (!capture->Open(capturePath, captureChunks, error)) return Fail(error, 1);
+        if (!capture->Open(capturePath, captureChunks, productType, error)) return Fail(error, 1);
     }
     std::unique_ptr<Injector> injector;
     if (!inject.empty()) {
@@ -841,6 +862,7 @@ int Run(int argc, char** argv) {
         o.escape = boxLine.escape || boxLine.escapeCountsInLength;
         o.escapeCountsInLength = boxLine.escapeCountsInLength;
         o.seed = boxLine.seed;
+        o.upgradeRefuseStep = boxLine.upgradeRefuseStep;
         o.values = [&feeder] { return feeder.Frame(); };
         if (!canBox) {
             o.wireTap = [&printer](bool toBox, const uint8_t* data, size_t n) {

@@ -21,7 +21,7 @@ local imu = Proto.new("obdimu", "OBD inertial sample")
 -- Tables
 
 local CHANNELS = { [1] = "line frame", [2] = "line chunk", [3] = "garbage", [4] = "bus message",
-                   [5] = "inertial sample" }
+                   [5] = "inertial sample", [6] = "run facts" }
 local DIRECTIONS = { [0] = "to the plug-in", [1] = "from the plug-in" }
 
 -- The command table, by obdcmd_t index; the names drop the OBD_CMD_ prefix as obd-frame does.
@@ -131,6 +131,7 @@ of("note", ProtoField.string("obd.note", "Note"))
 of("rest", ProtoField.bytes("obd.rest", "Not read"))
 of("chunk", ProtoField.bytes("obd.chunk", "Line chunk"))
 of("garbage", ProtoField.bytes("obd.garbage", "Garbage"))
+cf("run", ProtoField.string("obdcap.run", "Run facts"))
 of("cut", ProtoField.bytes("obd.cut", "Cut-off frame"))
 of("request_in", ProtoField.framenum("obd.request_in", "Answers the command in",
    base.NONE, frametype.REQUEST))
@@ -1079,6 +1080,11 @@ local function dissect(tvb, pinfo, root)
   elseif channel == 5 then
     pinfo.cols.protocol:set("OBDIMU")
     dissect_imu(tvb, 8, pinfo, root)
+  elseif channel == 6 then
+    local text = payload and payload:raw() or ""
+    local t = root:add(cap, tvb(8), "Run facts")
+    if payload then t:add(F.run, tvb(8)) end
+    pinfo.cols.info:set("run: " .. text:gsub("\n+$", ""):gsub("\n", " "))
   else
     tree:add_proto_expert_info(E.cap_bad, "unknown channel " .. channel)
   end
