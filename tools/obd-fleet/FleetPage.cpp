@@ -7,43 +7,15 @@
 
 #include "Fleet.h"
 #include "ObdNames.h"
+#include "Report.h"
 
 extern const char* const kChartJs;  // obd-sim's ChartJs.cpp, generated at build time
 
 namespace obdfleet {
 namespace {
 
-std::string Esc(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
-
-// JSON inside a <script>: "</" must not end it.
-std::string ScriptJson(const Json& j) {
-    std::string text = j.dump(-1, ' ', false, Json::error_handler_t::replace);
-    for (size_t at = 0; (at = text.find("</", at)) != std::string::npos; at += 3) {
-        text.replace(at, 2, "<\\/");
-    }
-    return text;
-}
+const auto Esc = obdsim::HtmlEscape;
+using obdsim::ScriptJson;
 
 std::string Fixed(const Json& v, const char* format) {
     if (!v.is_number()) return "";

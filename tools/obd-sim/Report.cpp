@@ -14,17 +14,7 @@ extern const char* const kChartJs;  // ChartJs.cpp, generated at build time; nul
 
 namespace obdsim {
 
-namespace {
-
-constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
-constexpr size_t kDrawBuckets = 1500;
-
-float Item(const std::vector<unsigned char>& payload, int index) {
-    float v = 0;
-    return ItemValue(payload, index, v) ? v : kNaN;
-}
-
-std::string Esc(const std::string& text) {
+std::string HtmlEscape(const std::string& text) {
     std::string out;
     out.reserve(text.size());
     for (char c : text) {
@@ -55,6 +45,18 @@ std::string ScriptJson(const Json& j) {
         text.replace(at, 2, "<\\/");
     }
     return text;
+}
+
+namespace {
+
+const auto Esc = HtmlEscape;
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr size_t kDrawBuckets = 1500;
+
+float Item(const std::vector<unsigned char>& payload, int index) {
+    float v = 0;
+    return ItemValue(payload, index, v) ? v : kNaN;
 }
 
 std::string Str(const Json& j, const char* key) {

@@ -53,4 +53,9 @@ bool ReportAvailable();
 std::string ReportHtml(const Json& summary, const std::vector<TimelinePoint>& points,
                        const Json& settings);
 
+// For pages of our own (the trip report, the fleet page): text for HTML element content and
+// attribute values, and JSON that a <script> element may hold ("</" cannot end it).
+std::string HtmlEscape(const std::string& text);
+std::string ScriptJson(const Json& j);
+
 }  // namespace obdsim
