@@ -77,9 +77,9 @@ struct ReplayOptions {
 // Exit status of a replay that ran but differed.
 constexpr int kReplayDiverged = 6;
 
-// Plays the capture and prints the verdict on stdout (the plug-in's own stdout goes to stderr). Returns 0 (identical), kReplayDiverged, or
-// 1 with `error` for a capture that cannot be read whole, a plug-in that cannot be run or a new
-// capture that cannot be written.
+// Plays the capture and prints the verdict on stdout (the plug-in's own stdout goes to stderr).
+// Returns 0 (identical), kReplayDiverged, or 1 with `error` for a capture that cannot be read
+// whole, a plug-in that cannot be run or a new capture that cannot be written.
 int RunReplay(const ReplayOptions& options, std::string& error);
 
 }  // namespace obdsim
