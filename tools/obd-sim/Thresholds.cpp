@@ -19,6 +19,12 @@ static_assert(offsetof(tagGdsParam_t, statThreshold) == sizeof(GDS_ALARM_THRESOL
               "the statistics thresholds follow the alarm thresholds");
 constexpr size_t kStatAt = sizeof(GDS_ALARM_THRESOLD_tag_);
 
+// Two records of one shape at two places in the threshold record.
+struct Sub {
+    const char* name;
+    size_t at;
+};
+
 template <typename T>
 void Add(std::vector<ThresholdField>& out, std::string name, size_t offset) {
     static_assert(std::is_integral<T>::value && sizeof(T) <= 2, "integer fields only");
@@ -81,22 +87,20 @@ std::vector<ThresholdField> BuildFields() {
     OBD_ALARM(idlingTimeout.level2Time);
     OBD_ALARM(idlingTimeout.level3Time);
     OBD_ALARM_ARRAY(idlingTimeout.reserved);
-    for (const char* sub : {"engineFlameout", "neutralGlide"}) {
-        const size_t at = std::string(sub) == "engineFlameout"
-                              ? offsetof(GDS_ALARM_THRESOLD_tag_, engineFlameout)
-                              : offsetof(GDS_ALARM_THRESOLD_tag_, neutralGlide);
-        const std::string s = sub;
+    for (const Sub& sub : {Sub{"engineFlameout", offsetof(GDS_ALARM_THRESOLD_tag_, engineFlameout)},
+                           Sub{"neutralGlide", offsetof(GDS_ALARM_THRESOLD_tag_, neutralGlide)}}) {
+        const size_t at = sub.at;
+        const std::string s = sub.name;
         Add<int16_t>(f, s + ".continueTime", at + offsetof(EngineFlameout_tag_, continueTime));
         Add<int16_t>(f, s + ".speed", at + offsetof(EngineFlameout_tag_, speed));
         Add<int16_t>(f, s + ".engineSpeed", at + offsetof(EngineFlameout_tag_, engineSpeed));
         AddArray<uint8_t[2]>(f, s + ".reserved", at + offsetof(EngineFlameout_tag_, reserved));
     }
     static_assert(sizeof(EngineFlameout_tag_) == sizeof(NeutralGlide_tag_), "one shape");
-    for (const char* sub : {"coolantHigh", "coolantLow"}) {
-        const size_t at = std::string(sub) == "coolantHigh"
-                              ? offsetof(GDS_ALARM_THRESOLD_tag_, coolantHigh)
-                              : offsetof(GDS_ALARM_THRESOLD_tag_, coolantLow);
-        const std::string s = sub;
+    for (const Sub& sub : {Sub{"coolantHigh", offsetof(GDS_ALARM_THRESOLD_tag_, coolantHigh)},
+                           Sub{"coolantLow", offsetof(GDS_ALARM_THRESOLD_tag_, coolantLow)}}) {
+        const size_t at = sub.at;
+        const std::string s = sub.name;
         Add<int16_t>(f, s + ".engineSpeed", at + offsetof(COOLANT_TDMP_tag_, engineSpeed));
         Add<int16_t>(f, s + ".speed", at + offsetof(COOLANT_TDMP_tag_, speed));
         Add<int16_t>(f, s + ".temp", at + offsetof(COOLANT_TDMP_tag_, temp));
@@ -133,11 +137,10 @@ std::vector<ThresholdField> BuildFields() {
     OBD_ALARM(parkingCloseEngine.idleTimeHigh);
     OBD_ALARM(parkingCloseEngine.idleTimeLow);
     OBD_ALARM(parkingCloseEngine.mileageLimit);
-    for (const char* sub : {"brakeWear", "clutchWear"}) {
-        const size_t at = std::string(sub) == "brakeWear"
-                              ? offsetof(GDS_ALARM_THRESOLD_tag_, brakeWear)
-                              : offsetof(GDS_ALARM_THRESOLD_tag_, clutchWear);
-        const std::string s = sub;
+    for (const Sub& sub : {Sub{"brakeWear", offsetof(GDS_ALARM_THRESOLD_tag_, brakeWear)},
+                           Sub{"clutchWear", offsetof(GDS_ALARM_THRESOLD_tag_, clutchWear)}}) {
+        const size_t at = sub.at;
+        const std::string s = sub.name;
         Add<int16_t>(f, s + ".continueTime1", at + offsetof(BrakeWear_tag_, continueTime1));
         Add<int16_t>(f, s + ".continueTime2", at + offsetof(BrakeWear_tag_, continueTime2));
         Add<int16_t>(f, s + ".continueTime3", at + offsetof(BrakeWear_tag_, continueTime3));
