@@ -770,6 +770,14 @@ local function need(rd, size)
   return rd.n >= size
 end
 
+-- Payloads read from their first bytes: more is allowed, fewer is marked.
+local function at_least(rd, size, text)
+  if rd.n < size then
+    rd.tree:add_proto_expert_info(E.bus_bad, string.format("%d bytes, " .. text, rd.n))
+  end
+  return rd.n >= size
+end
+
 local function data_table(rd)
   local present = 0
   for k = 0, ITEM_COUNT - 1 do
@@ -856,10 +864,7 @@ B[6720] = function(rd)
 end
 
 B[6714] = function(rd, pinfo)
-  if rd.n < 24 then
-    rd.tree:add_proto_expert_info(E.bus_bad, string.format("%d bytes, at least 24 expected", rd.n))
-    return
-  end
+  if not at_least(rd, 24, "at least 24 expected") then return end
   local count = rd:range(0, 2):le_uint()
   rd:add_le(F.bb_count, 0, 2)
   local off = 12
@@ -917,20 +922,14 @@ end
 
 -- Inbound messages (the payload after the host's 16-byte head).
 B[6729] = function(rd)
-  if rd.n < 4 then
-    rd.tree:add_proto_expert_info(E.bus_bad, string.format("%d bytes, 4 expected", rd.n))
-    return
-  end
+  if not at_least(rd, 4, "4 expected") then return end
   rd:add(F.upg_source, 0, 1)
   rd:add(F.upg_verify, 1, 1)
   rd:add(F.upg_device, 2, 1)
   rd:add(F.upg_file_source, 3, 1)
 end
 B[6731] = function(rd)
-  if rd.n < 2 then
-    rd.tree:add_proto_expert_info(E.bus_bad, string.format("%d bytes, 2 expected", rd.n))
-    return
-  end
+  if not at_least(rd, 2, "2 expected") then return end
   rd:add(F.upg_source, 0, 1)
   rd:add(F.upg_device, 1, 1)
 end
