@@ -18,6 +18,8 @@
 namespace hostsim {
 namespace detail {
 
+struct Fiber;
+
 // One participant of the virtual mode (see HostSim.h). Every field but `wake` is guarded by the
 // clock's mutex. Records come from a pool and are never freed (see PartNew), so a wake that
 // arrives late only ever finds a record that is still there.
@@ -34,6 +36,7 @@ struct Part {
     uint64_t order = 0;       // when it last went idle: ties at one deadline run in this order
     bool kicked = false;      // kicked while running: runnable again as soon as it waits
     bool interrupted = false;
+    Fiber* fiber = nullptr;  // the fiber that runs it, if one does (see Fiber.h)
 };
 
 // The two ends of one serial line and the bytes each has written that the other has not read.
@@ -85,6 +88,7 @@ struct ClockState {
     std::map<std::string, std::unique_ptr<Line>> lines;
     std::vector<Part*> handedTo;   // given the turn under the mutex: woken once it is released
     std::vector<Part*> freeParts;  // the pool (see Part)
+    bool engineWakeAsked = false;  // see FiberWakeEngineLocked
 
     bool Frozen() const { return mode == ClockMode::Stepped || mode == ClockMode::Virtual; }
     uint64_t MonoLocked() const {

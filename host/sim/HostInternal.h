@@ -17,6 +17,7 @@ namespace detail {
 // Default visibility: the peripheral's state, which is not hidden, points to them.
 struct Part;
 struct Line;
+struct Fiber;
 }  // namespace detail
 
 // Internal to libobdhost: not exported.
@@ -52,6 +53,9 @@ void PartLeave(Part* p);
 // Makes the calling thread `p`'s: its host sleeps become `p`'s waits.
 void PartBind(Part* p);
 Part* PartCurrent();
+// Makes `p` the calling thread's participant without binding it; returns the one it had. For
+// the fiber engine, which keeps each fiber's own.
+Part* PartSwapCurrent(Part* p);
 // Waits for `p`'s turn (realTimeoutMs < 0: no limit); true when it has it. False at once outside
 // the virtual mode, and when `p` is interrupted or leaves.
 bool PartWaitTurn(Part* p, int realTimeoutMs);
@@ -112,7 +116,9 @@ namespace Common {
 struct CThread::ThreadState {
     std::mutex control;  // serialises start and stop
     std::thread thread;
+    hostsim::detail::Fiber* fiber = nullptr;  // instead of `thread` on virtual time (Fiber.h)
     std::atomic<bool> stop{false};
+    bool Running() const { return thread.joinable() || fiber != nullptr; }
 };
 }  // namespace Common
 

@@ -166,6 +166,38 @@ class Participant {
     std::unique_ptr<Impl> m_impl;
 };
 
+// How the host's threads run on virtual time. By default each is a fiber, a stack of its own
+// run by one carrier thread of the host: the peripheral thread, the threads the plug-in starts
+// through CreateNormalThread, the bus's delivery and every hostsim::Thread, so that a turn
+// between them is a switch in user space instead of a wake through the kernel. Off, each is an
+// operating-system thread as on the other clocks (also the choice of a process started with
+// OBD_HOST_FIBERS=0 in its environment, and the only one in a build with the thread sanitizer).
+// Either way the turns come in the same order, so a run gives the same bytes. Choose before
+// the threads start; threads already running keep what they were started as.
+void SetVirtualFibers(bool on);
+bool VirtualFibers();
+
+// A thread for a participant's work (a box on the far end of the line, a feeder of samples):
+// on virtual time with fibers chosen, a fiber on the host's carrier thread; otherwise an
+// operating-system thread. What it runs must wait only through the host's waits (host sleeps,
+// Participant::Wait, CTMWaitEvent) or briefly in the kernel: while a fiber blocks, no other
+// fiber runs. Join waits for it to end; the destructor joins.
+class Thread {
+  public:
+    Thread();
+    Thread(const std::string& name, std::function<void()> fn);
+    ~Thread();
+    Thread(Thread&&) noexcept;
+    Thread& operator=(Thread&&) noexcept;
+    bool Joinable() const;
+    void Join();
+    bool OnFiber() const;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
 // ---- Platform ---------------------------------------------------------------------------------
 
 // What P4X_GetProductType reports (72 = CAN-box mode).

@@ -8,6 +8,7 @@
 
 #include "CPeripheralBase.h"
 #include "ClockState.h"
+#include "Fiber.h"
 #include "HostInternal.h"
 #include "HostSim.h"
 
@@ -17,6 +18,11 @@ CThread::CThread() : m_pThreadState(new ThreadState) {}
 
 CThread::~CThread() {
     // The owner stops the thread before destruction; this is the last line of defence.
+    if (m_pThreadState->fiber != nullptr) {
+        m_pThreadState->stop = true;
+        hostsim::detail::FiberJoin(m_pThreadState->fiber);  // from itself: detaches
+        m_pThreadState->fiber = nullptr;
+    }
     if (m_pThreadState->thread.joinable()) {
         m_pThreadState->stop = true;
         if (m_pThreadState->thread.get_id() == std::this_thread::get_id()) {
@@ -113,12 +119,16 @@ void CPeripheralBase::SetCurPeripheralStatus(bool ok) {
 int CPeripheralBase::StopPeripheralThread() {
     auto* ts = hostsim::detail::BaseAccess::Thread(this);
     std::lock_guard<std::mutex> lock(ts->control);
-    if (!ts->thread.joinable()) return 0;
+    if (!ts->Running()) return 0;
     ts->stop = true;
     if (m_pPeripheralState->wakeFd >= 0) Wake(m_pPeripheralState->wakeFd);
     if (m_pPeripheralState->part != nullptr)
         hostsim::detail::PartInterrupt(m_pPeripheralState->part);
-    if (ts->thread.get_id() == std::this_thread::get_id()) {
+    if (ts->fiber != nullptr) {
+        // From a cycle it detaches: the fiber ends when that call returns.
+        hostsim::detail::FiberJoin(ts->fiber);
+        ts->fiber = nullptr;
+    } else if (ts->thread.get_id() == std::this_thread::get_id()) {
         // Called from a cycle: the thread ends when that call returns.
         ts->thread.detach();
     } else {
@@ -214,7 +224,7 @@ bool StartPeripheralThread(CPeripheralBase* object) {
     if (object == nullptr) return false;
     auto* ts = BaseAccess::Thread(object);
     std::lock_guard<std::mutex> lock(ts->control);
-    if (ts->thread.joinable()) return false;
+    if (ts->Running()) return false;
     ts->stop = false;
     // A participant from here, so that its first turn follows what the caller did before.
     auto* st = BaseAccess::State(object);
@@ -222,14 +232,19 @@ bool StartPeripheralThread(CPeripheralBase* object) {
     PartRegister(st->part);
     if (st->serialFd >= 0) st->line = LineAttachReader(st->serialPath, st->part, st->serialFd);
     Part* part = st->part;
-    ts->thread = std::thread([object, part] {
+    auto body = [object, part] {
         PartBind(part);
         PartWaitTurn(part, -1);
         object->PreBeginThread();
         object->ThreadFuncImpl();
         object->PostExitThread();
         PartLeave(part);
-    });
+    };
+    if (FibersChosen()) {
+        ts->fiber = FiberStart("peripheral", body);
+    } else {
+        ts->thread = std::thread(body);
+    }
     return true;
 }
 

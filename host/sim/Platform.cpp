@@ -6,6 +6,7 @@
 #include <new>
 
 #include "ClockState.h"
+#include "Fiber.h"
 #include "HostCommon.h"
 #include "HostInternal.h"
 #include "HostSim.h"
@@ -96,6 +97,15 @@ int CreateNormalThread(void* (*entry)(void*), void* arg, unsigned long* tid) {
     start->arg = arg;
     // Registered by the creating thread, so that its first turn follows what that thread did.
     hostsim::detail::PartRegister(start->part);
+    if (hostsim::detail::FibersChosen()) {
+        hostsim::g_liveWorkers.fetch_add(1);
+        static std::atomic<unsigned long> fiberIds{1};
+        hostsim::detail::FiberDetach(
+            hostsim::detail::FiberStart("worker", [start] { hostsim::WorkerTrampoline(start); }));
+        // Not a pthread: a number of its own, as the recorder's ids are only ever logged.
+        if (tid != nullptr) *tid = fiberIds.fetch_add(1);
+        return 0;
+    }
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);

@@ -19,6 +19,7 @@
 #include <ctime>
 
 #include "ClockState.h"
+#include "Fiber.h"
 #include "HostInternal.h"
 #include "HostSim.h"
 
@@ -55,9 +56,13 @@ void FutexWait(Part* p, uint32_t seen, long long timeoutMs) {
 }
 
 // Wakes `p`'s thread now, for anything but a turn (see GrantLocked).
-void SignalLocked(Part* p) {
+void SignalLocked(ClockState& c, Part* p) {
     p->wake.fetch_add(1);
-    FutexWake(p);
+    if (p->fiber != nullptr) {
+        FiberWakeEngineLocked(c);
+    } else {
+        FutexWake(p);
+    }
 }
 
 bool Virtual(const ClockState& c) {
@@ -162,6 +167,11 @@ bool WaitTurnLocked(ClockState& c, ClockLock& lock, Part* p, int realTimeoutMs) 
     auto ready = [&] {
         return !Virtual(c) || p->state == State::Running || p->interrupted || !p->registered;
     };
+    if (FiberSelf() != nullptr) {
+        // The engine runs the others meanwhile and comes back when `ready` holds.
+        if (!ready() && realTimeoutMs != 0) FiberSuspendLocked(c, lock, ready, realTimeoutMs);
+        return Virtual(c) && p->registered && p->state == State::Running;
+    }
     using Steady = std::chrono::steady_clock;
     const auto limit = Steady::now() + std::chrono::milliseconds(std::max(0, realTimeoutMs));
     while (!ready()) {
@@ -202,7 +212,7 @@ void LeaveLocked(ClockState& c, Part* p) {
             l.toPeer = 0;
         }
     }
-    SignalLocked(p);
+    SignalLocked(c, p);
     GrantLocked(c);
 }
 
@@ -226,8 +236,11 @@ uint64_t MonoForHostMs(const ClockState& c, long long hostMs) {
 void ClockLock::unlock() {
     std::vector<Part*> handed;
     handed.swap(m_c.handedTo);
+    const bool engine = m_c.engineWakeAsked;
+    m_c.engineWakeAsked = false;
     m_lock.unlock();
     for (Part* p : handed) FutexWake(p);
+    if (engine) FiberWakeEngine();
 }
 
 void QueueDueLocked(ClockState& c) {
@@ -247,7 +260,10 @@ void QueueDueLocked(ClockState& c) {
         c.sleepers.erase(c.sleepers.begin());
         woke = true;
     }
-    if (woke) c.changed.notify_all();
+    if (woke) {
+        c.changed.notify_all();
+        FiberWakeEngineLocked(c);
+    }
 }
 
 void GrantLocked(ClockState& c) {
@@ -258,9 +274,14 @@ void GrantLocked(ClockState& c) {
             c.runnable.pop_front();
             p->state = State::Running;
             c.running = p;
-            // Woken when the mutex is released (ClockLock::unlock).
+            // Woken when the mutex is released (ClockLock::unlock); a fiber by the engine, which
+            // finds it without a wake when the turn passes between two fibers.
             p->wake.fetch_add(1);
-            c.handedTo.push_back(p);
+            if (p->fiber != nullptr) {
+                FiberWakeEngineLocked(c);
+            } else {
+                c.handedTo.push_back(p);
+            }
             return;
         }
         if (!AdvanceLocked(c)) return;
@@ -273,7 +294,7 @@ void ResetTurnsLocked(ClockState& c) {
     for (Part* p : c.parts) {
         p->state = State::Idle;
         p->kicked = false;
-        SignalLocked(p);
+        SignalLocked(c, p);
     }
     for (auto& entry : c.lines) {
         entry.second->toReader = entry.second->toPeer = 0;
@@ -283,6 +304,7 @@ void ResetTurnsLocked(ClockState& c) {
     for (auto& s : c.sleepers) s.second->fired = true;
     c.sleepers.clear();
     c.changed.notify_all();
+    FiberWakeEngineLocked(c);
 }
 
 bool SleepVirtualLocked(ClockState& c, ClockLock& lock, uint64_t deadlineUs) {
@@ -298,9 +320,14 @@ bool SleepVirtualLocked(ClockState& c, ClockLock& lock, uint64_t deadlineUs) {
     Sleeper me;
     const auto entry = c.sleepers.emplace(deadlineUs, &me);
     GrantLocked(c);  // with everything idle this sleep may be what time jumps to
-    lock.unlock();   // hands on a turn given just now
-    lock.lock();
-    c.changed.wait(lock.Raw(), [&] { return me.fired || !Virtual(c); });
+    if (FiberSelf() != nullptr) {
+        FiberSuspendLocked(
+            c, lock, [&] { return me.fired || !Virtual(c); }, -1);
+    } else {
+        lock.unlock();  // hands on a turn given just now
+        lock.lock();
+        c.changed.wait(lock.Raw(), [&] { return me.fired || !Virtual(c); });
+    }
     if (!me.fired) c.sleepers.erase(entry);
     return Virtual(c) && c.monoBaseUs >= deadlineUs;
 }
@@ -329,6 +356,7 @@ Part* PartNew(const std::string& name) {
     Part* p = c.freeParts.back();
     c.freeParts.pop_back();
     p->name = name;
+    p->fiber = nullptr;
     return p;
 }
 
@@ -347,6 +375,7 @@ void PartRegister(Part* p) {
     p->registered = true;
     p->interrupted = false;
     p->kicked = false;
+    p->fiber = nullptr;  // bound again by the thread or fiber that runs it
     p->state = State::Idle;
     c.parts.push_back(p);
     if (Virtual(c)) {
@@ -364,6 +393,17 @@ void PartLeave(Part* p) {
 
 void PartBind(Part* p) {
     t_part = p;
+    if (p == nullptr) return;
+    Fiber* self = FiberSelf();
+    ClockState& c = Clock();
+    ClockLock lock(c);
+    p->fiber = self;
+}
+
+Part* PartSwapCurrent(Part* p) {
+    Part* was = t_part;
+    t_part = p;
+    return was;
 }
 
 Part* PartCurrent() {
@@ -399,7 +439,7 @@ void PartInterrupt(Part* p) {
     ClockState& c = Clock();
     ClockLock lock(c);
     p->interrupted = true;
-    SignalLocked(p);
+    SignalLocked(c, p);
 }
 
 // ---- The peripheral's end of its line ----
@@ -481,6 +521,7 @@ void Participant::Enter() {
     t_part = &m_impl->part;
     ClockState& c = Clock();
     ClockLock lock(c);
+    m_impl->part.fiber = FiberSelf();
     m_impl->working = WaitTurnLocked(c, lock, &m_impl->part, -1);
 }
 
@@ -490,6 +531,7 @@ bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
     Part* p = &m_impl->part;
     t_part = p;
     ClockLock lock(c);
+    p->fiber = FiberSelf();
     Line* line = m_impl->line;
     if (line != nullptr && fd >= 0) line->peerFd = fd;
     if (!Virtual(c)) {
