@@ -11,6 +11,7 @@
 #include "CMsgClientManage.h"
 #include "CPeripheralBase.h"
 #include "ClockState.h"
+#include "Fiber.h"
 #include "HostInternal.h"
 #include "HostSim.h"
 
@@ -81,7 +82,7 @@ class Bus {
                 ++it;
             }
         }
-        if (std::this_thread::get_id() != m_threadId) {
+        if (!OnBusLocked()) {
             m_done.wait(lock, [&] {
                 for (auto& r : removed)
                     if (r->inCall > 0) return false;
@@ -111,14 +112,14 @@ class Bus {
                 break;
             }
         }
-        if (gone && std::this_thread::get_id() != m_threadId) {
+        if (gone && !OnBusLocked()) {
             m_done.wait(lock, [&] { return gone->inCall == 0; });
         }
     }
 
     void Drain() {
         std::unique_lock<std::mutex> lock(m_mutex);
-        if (std::this_thread::get_id() == m_threadId) return;
+        if (OnBusLocked()) return;
         const uint64_t target = m_posted;
         detail::Part* self = detail::PartCurrent();
         if (self != nullptr && m_delivered < target && detail::PartHasTurn(self)) {
@@ -157,47 +158,83 @@ class Bus {
         t.detach();
     }
 
+    // The bus's own thread. On virtual time with fibers chosen it hands delivery to a fiber
+    // (RunFiber) and waits for that to end with the mode.
     void Run() {
         detail::PartBind(&m_part);
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
+            if (m_fiber != nullptr) {
+                m_fiberEnded.wait(lock, [&] { return m_fiber == nullptr; });
+                continue;
+            }
             if (detail::ClockIsVirtual()) {
-                // Delivers only in its turn (see HostSim.h); kicked by every post.
-                const bool turn = detail::PartHasTurn(&m_part);
-                const bool pending = !m_queue.empty();
-                if (!pending || !turn) {
-                    lock.unlock();
-                    if (turn) {
-                        detail::PartIdleWait(&m_part, false, 0, -1);
-                    } else {
-                        // Posted before the mode changed, nobody kicked it: ask for a turn.
-                        if (pending) detail::PartKick(&m_part);
-                        detail::PartWaitTurn(&m_part, -1);
-                    }
-                    lock.lock();
+                if (detail::FibersChosen()) {
+                    m_fiber = detail::FiberStart("bus", [this] { RunFiber(); });
+                    detail::FiberDetach(m_fiber);
                     continue;
                 }
+                if (!TurnToDeliver(lock)) continue;
             } else {
                 m_work.wait(lock, [&] { return !m_queue.empty(); });
+                if (detail::ClockIsVirtual() && detail::FibersChosen()) continue;
             }
-            Item item = std::move(m_queue.front());
-            m_queue.pop_front();
-            if (item.inbound) {
-                DeliverInbound(lock, item.msg);
+            DeliverFront(lock);
+        }
+    }
+
+    void RunFiber() {
+        detail::PartBind(&m_part);
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (detail::ClockIsVirtual()) {
+            if (TurnToDeliver(lock)) DeliverFront(lock);
+        }
+        m_fiber = nullptr;
+        m_fiberEnded.notify_all();
+    }
+
+    // Delivers only in its turn (see HostSim.h); kicked by every post. False when it waited
+    // instead (look again).
+    bool TurnToDeliver(std::unique_lock<std::mutex>& lock) {
+        const bool turn = detail::PartHasTurn(&m_part);
+        const bool pending = !m_queue.empty();
+        if (pending && turn) return true;
+        lock.unlock();
+        if (turn) {
+            detail::PartIdleWait(&m_part, false, 0, -1);
+        } else {
+            // Posted before the mode changed, nobody kicked it: ask for a turn.
+            if (pending) detail::PartKick(&m_part);
+            detail::PartWaitTurn(&m_part, -1);
+        }
+        lock.lock();
+        return false;
+    }
+
+    void DeliverFront(std::unique_lock<std::mutex>& lock) {
+        Item item = std::move(m_queue.front());
+        m_queue.pop_front();
+        if (item.inbound) {
+            DeliverInbound(lock, item.msg);
+        } else {
+            DeliverOutbound(lock, item.msg);
+        }
+        ++m_delivered;
+        m_done.notify_all();
+        for (auto it = m_drainers.begin(); it != m_drainers.end();) {
+            if (it->first <= m_delivered) {
+                detail::PartKick(it->second);
+                it = m_drainers.erase(it);
             } else {
-                DeliverOutbound(lock, item.msg);
-            }
-            ++m_delivered;
-            m_done.notify_all();
-            for (auto it = m_drainers.begin(); it != m_drainers.end();) {
-                if (it->first <= m_delivered) {
-                    detail::PartKick(it->second);
-                    it = m_drainers.erase(it);
-                } else {
-                    ++it;
-                }
+                ++it;
             }
         }
+    }
+
+    // On the bus's thread or its fiber. With m_mutex held.
+    bool OnBusLocked() const {
+        return std::this_thread::get_id() == m_threadId ||
+               (m_fiber != nullptr && detail::FiberSelf() == m_fiber);
     }
 
     void DeliverInbound(std::unique_lock<std::mutex>& lock, const BusMessage& msg) {
@@ -252,6 +289,7 @@ class Bus {
     std::mutex m_mutex;
     std::condition_variable m_work;
     std::condition_variable m_done;
+    std::condition_variable m_fiberEnded;  // its own, so that a post does not wake the thread
     std::deque<Item> m_queue;
     std::vector<std::shared_ptr<Registration>> m_regs;
     std::vector<std::shared_ptr<Listener>> m_listeners;
@@ -261,6 +299,7 @@ class Bus {
     int m_nextToken = 1;
     bool m_started = false;
     std::thread::id m_threadId;
+    detail::Fiber* m_fiber = nullptr;  // delivering on virtual time (see Run)
     detail::Part m_part{"bus"};
     std::vector<std::pair<uint64_t, detail::Part*>> m_drainers;  // virtual-mode BusDrain callers
 };

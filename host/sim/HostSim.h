@@ -131,6 +131,11 @@ class Participant {
     // it returns true when `untilMs` is reached, `fd` has input or the real timeout passed,
     // whichever is first.
     bool Wait(long long untilMs, int realTimeoutMs, int fd = -1);
+    // Runs `work` as this participant (its host sleeps are this participant's waits) and returns
+    // when it is done: on a fiber when fibers are chosen (see SetVirtualFibers), so that the turns
+    // of a runner's main loop stay in user space; on the calling thread otherwise. Call it from
+    // the participant's thread; that thread is its thread again afterwards.
+    void Run(const std::function<void()>& work);
     // Makes it runnable (from any thread).
     void Kick();
     // No longer waited for; gives up its turn; from any thread, more than once. A Wait or a host

@@ -591,6 +591,21 @@ bool Participant::Wait(long long untilMs, int realTimeoutMs, int fd) {
     return true;
 }
 
+void Participant::Run(const std::function<void()>& work) {
+    if (!detail::FibersChosen()) {
+        work();
+        return;
+    }
+    {
+        Thread fiber(m_impl->part.name, [&] {
+            Enter();
+            work();
+        });
+        fiber.Join();
+    }
+    detail::PartBind(&m_impl->part);
+}
+
 void Participant::Kick() {
     detail::PartKick(&m_impl->part);
 }

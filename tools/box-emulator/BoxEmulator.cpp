@@ -138,15 +138,25 @@ bool BoxEmulator::Start() {
     fcntl(m_masterFd, F_SETFL, fcntl(m_masterFd, F_GETFL) | O_NONBLOCK);
     m_t0 = Now();
     m_run = true;
-    m_thread = std::thread([this] { Run(); });
+    if (m_clock.start) {
+        m_join = m_clock.start([this] { Run(); });
+    } else {
+        m_thread = std::thread([this] { Run(); });
+    }
     return true;
 }
 
 void BoxEmulator::Stop() {
     m_run = false;
-    if (m_thread.joinable()) {
+    if (m_thread.joinable() || m_join) {
         if (m_clock.stopping) m_clock.stopping();
-        m_thread.join();
+        if (m_join) {
+            auto join = std::move(m_join);
+            m_join = nullptr;
+            join();
+        } else {
+            m_thread.join();
+        }
     }
     if (m_masterFd >= 0) close(m_masterFd);
     if (m_slaveHoldFd >= 0) close(m_slaveHoldFd);

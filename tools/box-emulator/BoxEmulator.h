@@ -113,6 +113,9 @@ struct BoxClock {
     std::function<void(bool toBox, size_t n)> moved;
     // Stop() waits for the box's thread next: a wait in progress must end.
     std::function<void()> stopping;
+    // Runs the box's loop on a thread of the clock's choosing and returns how to wait for its
+    // end; empty: a thread of the box's own.
+    std::function<std::function<void()>(std::function<void()> loop)> start;
 };
 
 struct BoxOptions {
@@ -288,6 +291,7 @@ class BoxEmulator {
     std::string m_slavePath;
     std::string m_error;
     std::thread m_thread;
+    std::function<void()> m_join;  // the clock's thread, when it started one
     std::atomic<bool> m_run{false};
     std::atomic<bool> m_streaming{false};
     std::atomic<uint8_t> m_boxSeq{0};

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cmath>
+#include <functional>
 #include <memory>
 
 #include "BoxEmulator.h"
@@ -26,6 +27,11 @@ inline obdbox::BoxClock BoxHostClock(std::shared_ptr<hostsim::Participant> peer)
         }
     };
     clock.stopping = [peer] { peer->Leave(); };
+    // A fiber on virtual time, so that a turn between the box and the plug-in stays in user space.
+    clock.start = [](std::function<void()> loop) {
+        auto thread = std::make_shared<hostsim::Thread>("obd-box", std::move(loop));
+        return std::function<void()>([thread] { thread->Join(); });
+    };
     return clock;
 }
 

@@ -93,10 +93,10 @@ obdbox::DataItems Feeder::Frame() {
 }
 
 void Feeder::Start() {
-    if (m_thread.joinable()) return;
+    if (m_thread.Joinable()) return;
     m_stop = false;
     m_part = std::make_unique<hostsim::Participant>("feeder");  // before its thread: see Enter
-    m_thread = std::thread([this] {
+    m_thread = hostsim::Thread("feeder", [this] {
         m_part->Enter();
         Run();
         m_part->Leave();
@@ -106,7 +106,7 @@ void Feeder::Start() {
 void Feeder::Stop() {
     m_stop = true;
     if (m_part) m_part->Leave();  // ends a host sleep in progress at once
-    if (m_thread.joinable()) m_thread.join();
+    m_thread.Join();
     m_part.reset();
 }
 

@@ -81,7 +81,7 @@ class Feeder {
     std::atomic<bool> m_stop{false};
     // Takes its turns on virtual time like the plug-in's threads, so a run at max speed repeats.
     std::unique_ptr<hostsim::Participant> m_part;
-    std::thread m_thread;
+    hostsim::Thread m_thread;
 };
 
 }  // namespace obdsim

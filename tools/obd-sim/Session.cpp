@@ -84,14 +84,16 @@ long long Session::RunUntil(long long endMs, long long stepMs,
     if (!m_host || m_released) return hostsim::ClockNowMs();
     stepMs = std::max(1LL, stepMs);
     long long now = hostsim::ClockNowMs();
-    while (now < endMs) {
-        if (step && !step(now)) break;
-        const long long next = std::min(endMs, (now / stepMs + 1) * stepMs);
-        Common::P4X_TMSleepMicroSecond(static_cast<unsigned int>((next - now) * 1000));
-        now = hostsim::ClockNowMs();
-    }
-    // The messages of this instant come in turns after this thread's: let the instant finish.
-    Common::P4X_TMSleepMicroSecond(1000);
+    m_self->Run([&] {
+        while (now < endMs) {
+            if (step && !step(now)) break;
+            const long long next = std::min(endMs, (now / stepMs + 1) * stepMs);
+            Common::P4X_TMSleepMicroSecond(static_cast<unsigned int>((next - now) * 1000));
+            now = hostsim::ClockNowMs();
+        }
+        // The messages of this instant come in turns after this thread's: let it finish.
+        Common::P4X_TMSleepMicroSecond(1000);
+    });
     return now;
 }
 

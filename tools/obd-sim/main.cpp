@@ -956,32 +956,40 @@ int Run(int argc, char** argv) {
                                     : drive ? std::llround(drive->DurationS() * 1000.0) + 1000
                                             : -1;
             auto shown = std::chrono::steady_clock::now();
-            for (;;) {
-                const long long now = hostsim::ClockNowMs();
-                g_hostMs = now;
-                if (g_signalled.load() != 0 || (endMs >= 0 && now >= endMs)) break;
-                if (shownStatus &&
-                    std::chrono::steady_clock::now() - shown > std::chrono::milliseconds(100)) {
-                    shown = std::chrono::steady_clock::now();
-                    shownStatus->Show(trip.Status(now));
+            long long finishMs = 0;
+            auto untilTheEnd = [&] {
+                for (;;) {
+                    const long long now = hostsim::ClockNowMs();
+                    g_hostMs = now;
+                    if (g_signalled.load() != 0 || (endMs >= 0 && now >= endMs)) break;
+                    if (shownStatus &&
+                        std::chrono::steady_clock::now() - shown > std::chrono::milliseconds(100)) {
+                        shown = std::chrono::steady_clock::now();
+                        shownStatus->Show(trip.Status(now));
+                    }
+                    if (self) {
+                        // Sleeps on host time in turn; a signal or the status line is seen at
+                        // least every host second.
+                        const long long left = endMs < 0 ? 1000 : endMs - now;
+                        Common::P4X_TMSleepMicroSecond(
+                            static_cast<unsigned int>(std::min(left, 1000LL) * 1000));
+                    } else {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                    }
                 }
-                if (self) {
-                    // Sleeps on host time in turn; a signal or the status line is seen at least
-                    // every host second.
-                    const long long left = endMs < 0 ? 1000 : endMs - now;
-                    Common::P4X_TMSleepMicroSecond(
-                        static_cast<unsigned int>(std::min(left, 1000LL) * 1000));
-                } else {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                // The broadcasts of the last instant belong to the trip (the drive's last
+                // second): on virtual time they come in turns after this thread's, so the
+                // instant is let finish before the trip closes.
+                finishMs = hostsim::ClockNowMs();
+                if (self && g_signalled.load() == 0 && endMs >= 0) {
+                    Common::P4X_TMSleepMicroSecond(1000);
+                    finishMs = endMs;
                 }
-            }
-            // The broadcasts of the last instant belong to the trip (the drive's last second):
-            // on virtual time they come in turns after this thread's, so the instant is let
-            // finish before the trip closes.
-            long long finishMs = hostsim::ClockNowMs();
-            if (self && g_signalled.load() == 0 && endMs >= 0) {
-                Common::P4X_TMSleepMicroSecond(1000);
-                finishMs = endMs;
+            };
+            if (self) {
+                self->Run(untilTheEnd);
+            } else {
+                untilTheEnd();
             }
             facts.behindMs = hostsim::ClockMaxLateMs();
             trip.Finish(finishMs);
