@@ -292,6 +292,7 @@ struct Scan {
     unsigned long long packets = 0;
     // The run facts a trip summary needs (empty / -1 when the capture does not state them).
     std::string source, unjudged;
+    std::vector<std::string> facts;  // as written, for a new capture of the replay
     bool expectedKnown = false;
     std::vector<ExpectedAlarm> expected;
     long long tripEndMs = -1;
@@ -306,10 +307,17 @@ bool ScanCapture(const std::string& path, Scan& scan, std::string& error) {
             std::string v;
             if (obdcap::RunFact(p.payload, "product_type", v))
                 scan.productType = std::atoi(v.c_str());
-            if (obdcap::RunFact(p.payload, "source", v)) scan.source = v;
-            if (obdcap::RunFact(p.payload, "unjudged", v)) scan.unjudged = v;
+            if (obdcap::RunFact(p.payload, "source", v)) {
+                scan.source = v;
+                scan.facts.push_back("source=" + v);
+            }
+            if (obdcap::RunFact(p.payload, "unjudged", v)) {
+                scan.unjudged = v;
+                scan.facts.push_back("unjudged=" + v);
+            }
             if (obdcap::RunFact(p.payload, "expected", v)) {
                 scan.expectedKnown = ParseExpectedFact(v, scan.expected);
+                scan.facts.push_back("expected=" + v);
             }
             if (obdcap::RunFact(p.payload, "end_ms", v)) {
                 char* end = nullptr;
@@ -386,7 +394,7 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
     std::unique_ptr<CaptureSink> sink;
     if (!o.capturePath.empty()) {
         sink = std::make_unique<CaptureSink>();
-        if (!sink->Open(o.capturePath, o.captureChunks, productType, error)) return 1;
+        if (!sink->Open(o.capturePath, o.captureChunks, productType, error, scan.facts)) return 1;
     }
     CaptureSink* const capture = sink.get();
     const bool canBox = productType == kCanBoxProduct;
@@ -548,7 +556,8 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
             obdcap::Reader reader;
             obdcap::Packet p;
             std::string err;
-            const bool feedsTrip = inertial && analysis != nullptr;
+            // The feeder hands the analysers their samples; the injector none.
+            TripAnalysis* const feed = inertial ? analysis : nullptr;
             auto waitUntil = [&](long long tMs) {
                 while (!stop.load() && hostsim::ClockNowMs() < tMs) part->Wait(tMs, 1000);
             };
@@ -556,11 +565,11 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
             // the trip, after the samples of that instant.
             long long nextSecondMs = 1000;
             auto secondsBefore = [&](long long tMs) {
-                while (feedsTrip && !stop.load() && nextSecondMs < tMs &&
+                while (feed != nullptr && !stop.load() && nextSecondMs < tMs &&
                        nextSecondMs <= tripEndMs) {
                     waitUntil(nextSecondMs);
                     if (stop.load()) break;
-                    analysis->Second(nextSecondMs);
+                    feed->Second(nextSecondMs);
                     nextSecondMs += 1000;
                 }
             };
@@ -568,7 +577,7 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
                 while (!stop.load() && reader.Next(p, err)) {
                     if (p.direction != obdcap::Direction::ToPlugin) continue;
                     // The box's data-stream frames, for the analysers only (the box plays them).
-                    if (feedsTrip && p.channel == obdcap::Channel::Frame) {
+                    if (feed != nullptr && p.channel == obdcap::Channel::Frame) {
                         const std::vector<obdframe::Record> r = obdframe::DecodeStream(
                             p.payload.data(), p.payload.size(), obdframe::Dir::FromBox);
                         DriveSample items;
@@ -580,7 +589,7 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
                         // The summary tests hold both orders to the run's.
                         secondsBefore(p.tUs / 1000 + (scan.inertial ? 0 : 1));
                         waitUntil(p.tUs / 1000);
-                        if (p.tUs / 1000 <= tripEndMs) analysis->Frame(p.tUs / 1000, items);
+                        if (p.tUs / 1000 <= tripEndMs) feed->Frame(p.tUs / 1000, items);
                         continue;
                     }
                     if (inertial ? p.channel != obdcap::Channel::Inertial
@@ -594,10 +603,10 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
                     if (inertial) {
                         hostsim::BusInject(static_cast<int>(kInertialId),
                                            InertialMessage(p.payload));
-                        if (feedsTrip && t <= tripEndMs) {
+                        if (feed != nullptr && t <= tripEndMs) {
                             tagSixAxisOrgData sample{};
                             std::memcpy(sample.data, p.payload.data(), sizeof(sample.data));
-                            analysis->SixAxis(sample);
+                            feed->SixAxis(sample);
                         }
                         if (capture) {
                             tagSixAxisOrgData sample{};
@@ -647,12 +656,17 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
                 Common::P4X_TMSleepMicroSecond(1000);
             };
             const long long endMs = scan.endUs / 1000;
-            if (analysis != nullptr && tripEndMs < endMs) {
+            auto closeTrip = [&] {
+                if (analysis != nullptr) analysis->Trip().Finish(tripEndMs);
+                if (capture != nullptr && scan.tripEndMs >= 0) capture->End(tripEndMs);
+            };
+            const bool closes = analysis != nullptr || (capture != nullptr && scan.tripEndMs >= 0);
+            if (closes && tripEndMs < endMs) {
                 runTo(tripEndMs);
-                analysis->Trip().Finish(tripEndMs);
+                closeTrip();
             }
             if (hostsim::ClockNowMs() <= endMs) runTo(endMs);
-            if (analysis != nullptr && tripEndMs >= endMs) analysis->Trip().Finish(tripEndMs);
+            if (closes && tripEndMs >= endMs) closeTrip();
             if (analysis != nullptr) analysis->Facts().behindMs = hostsim::ClockMaxLateMs();
             stop = true;
             for (auto& part : hostParts) part->Leave();
