@@ -691,6 +691,8 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
     hostsim::BusDrain();
     hostsim::BusUnsubscribe(token);
     link.Finish();
+    // Taken before the comparator's lock: the link's tap takes that lock under the link's own.
+    if (analysis != nullptr) analysis->Facts().link = link.Figures();
     self.reset();
     if (capture != nullptr && !capture->Close(error) && status == 0) status = 1;
     if (status != 0) return status;
@@ -698,7 +700,6 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
     compare.Finish();
     std::string misbehaved;  // the trip checks' first problem
     if (analysis != nullptr) {
-        analysis->Facts().link = link.Figures();
         TripOutputs outputs;
         outputs.summaryJson = o.summaryJson;
         outputs.report = o.report;
