@@ -8,10 +8,13 @@
 #   bash scripts/fleet.sh [--columns MAP] [--thresholds FILE]... [--report] [--out DIR]
 #                         [--jobs N] [--sshloginfile F] [-- obd-sim args...] FLEET_DIR
 #
-#   FLEET_DIR          every *.csv under it is a trip; its first folder names the vehicle or
-#                      driver, the first YYYYMMDD in its path the date
-#   --columns MAP      obd-sim's --columns for every trip (polidriving for the recorded trips;
-#                      none for obd-sim's own format, as obd-fleet synth writes)
+#   FLEET_DIR          every *.csv and *.pcap (obd-sim --capture) under it is a trip; its
+#                      first folder names the vehicle or driver, the first YYYYMMDD in its
+#                      path the date. A capture is replayed (obd-sim --replay); one whose
+#                      plug-in now does other than recorded is listed as diverged, with its
+#                      first difference, and its summary is kept
+#   --columns MAP      obd-sim's --columns for every CSV trip (polidriving for the recorded
+#                      trips; none for obd-sim's own format, as obd-fleet synth writes)
 #   --thresholds FILE  a what-if set of analyser thresholds (JSON); repeat for several: each
 #                      trip's alarms under each set go beside the plug-in's own
 #   --report           each trip's report page too (trips/ID/report.html, linked from the page)
@@ -109,13 +112,16 @@ echo "$run" >"$out/run"
 # The trips, in a fixed order: the list is the job numbering --resume relies on, so it is made
 # once per run folder and kept.
 if [[ ! -f $out/trips.tsv ]]; then
-    (cd "$fleet" && find . -type f -name '*.csv' -printf '%P\n' | LC_ALL=C sort) |
+    # A capture keeps its extension in its id: a trip.csv and the trip.pcap recorded from it
+    # are two trips.
+    (cd "$fleet" && find . -type f \( -name '*.csv' -o -name '*.pcap' \) -printf '%P\n' |
+        LC_ALL=C sort) |
         awk '{ id = $0; gsub("/", "__", id); sub(/\.csv$/, "", id); print id "\t" $0 }' \
             >"$out/trips.tsv.new"
     mv "$out/trips.tsv.new" "$out/trips.tsv"
 fi
 total=$(wc -l <"$out/trips.tsv")
-((total > 0)) || die "no *.csv under $fleet" 1
+((total > 0)) || die "no *.csv or *.pcap under $fleet" 1
 if ((listOnly)); then
     echo "fleet: $total trips of $fleet listed in $out/trips.tsv"
     exit 0
@@ -127,16 +133,23 @@ args=(--speed max)
 [[ -z $columns ]] || args+=(--columns "$columns")
 for t in ${thresholds[@]+"${thresholds[@]}"}; do args+=(--thresholds "$t"); done
 args+=(${extra[@]+"${extra[@]}"})
+# A capture plays what it recorded: no columns, no speed (it runs on virtual time anyway).
+capArgs=()
+for t in ${thresholds[@]+"${thresholds[@]}"}; do capArgs+=(--thresholds "$t"); done
+capArgs+=(${extra[@]+"${extra[@]}"})
 d="$(printf %q "$out")/trips/{1}"
 f="$(printf %q "$fleet")/{2}"
 # A logger ends every row with a line end: a file whose last byte is none was cut off while
 # written or copied, and its last row may hold a number cut short, which no reader can tell.
+outputs="--summary-json $d/summary.json"
+((report == 0)) || outputs+=" --report $d/report.html"
 cmd="mkdir -p $d && rm -f $d/summary.json $d/report.html $d/status; "
+cmd+="case {2} in *.pcap) "
+cmd+="$(printf '%q ' "$sim" --replay)$f ${capArgs[*]+$(printf '%q ' "${capArgs[@]}")}$outputs; s=\$? ;; *) "
 cmd+="if [ -s $f ] && [ -n \"\$(tail -c 1 $f)\" ]; then "
 cmd+="echo 'fleet: the file is cut off (its last line has no line end)' >&2; s=1; else "
-cmd+="$(printf '%q ' "$sim" "${args[@]}")--scenario $f --summary-json $d/summary.json"
-((report == 0)) || cmd+=" --report $d/report.html"
-cmd+="; s=\$?; fi; echo \$s >$d/status; exit \$s"
+cmd+="$(printf '%q ' "$sim" "${args[@]}")--scenario $f $outputs"
+cmd+="; s=\$?; fi ;; esac; echo \$s >$d/status; exit \$s"
 opts=(--colsep '\t' --joblog "$out/joblog" --resume --results "$out/trips/{1}/sim")
 [[ -z $jobs ]] || opts+=(-j "$jobs")
 [[ -z $sshloginfile ]] || opts+=(--sshloginfile "$sshloginfile")

@@ -212,6 +212,9 @@ TEST(FleetTable, ARowCountsTheSummarysAlarmsAndSaysWhyATripDidNotReplay) {
         {3, true, "obd-sim: plug-in misbehaved: crashed\n", "misbehaved", "link lost at 0:10:00"},
         {3, false, "\nobd-sim: plug-in misbehaved: crashed (SIGSEGV) at vehicle second 12\n\n",
          "failed", "plug-in misbehaved: crashed (SIGSEGV) at vehicle second 12"},
+        {6, true, "", "diverged",
+         "replay diverged at 1200 ms: answer to 348 recorded, nothing now"},
+        {6, false, "obd-sim: cannot load plug-in: x.so\n", "failed", "cannot load plug-in: x.so"},
         {139, false, "", "failed", "obd-sim ended with status 139"},
         {-1, false, "", "not run", "no finished run in the job log"},
     };
@@ -221,6 +224,7 @@ TEST(FleetTable, ARowCountsTheSummarysAlarmsAndSaysWhyATripDidNotReplay) {
         f.err = c.err;
         if (c.summary) {
             f.summary["problems"] = Json::array({"link lost at 0:10:00"});
+            f.summary["replay"] = {{"first", "1200 ms: answer to 348 recorded, nothing now"}};
         } else {
             f.summary = Json();
         }

@@ -251,6 +251,47 @@ TEST_F(FleetRun, AFleetReplaysReportsItsBrokenTripsAndResumes) {
 
 // The Slurm task script, run as task 0 of its array would be: the same layout and table as
 // fleet.sh's, and a second submission leaves the trips that have a status alone.
+// A trip and the capture recorded from it are two rows that agree in every column but their
+// names; a damaged capture is listed as failed with the reader's reason.
+TEST_F(FleetRun, ACaptureTripGivesTheRowOfItsCsvTrip) {
+    std::ifstream in(kTrip);
+    std::string text, line;
+    for (int i = 0; i < 301 && std::getline(in, line); ++i) text += line + "\n";
+    const std::string trip = dir + "/fleet/andres/20231222_134710/trip";
+    ASSERT_EQ(Shell("mkdir -p " + dir + "/fleet/andres/20231222_134710 " + dir + "/fleet/bad"), 0);
+    Write("/fleet/andres/20231222_134710/trip.csv", text);
+    Write("/rpm.json", R"({"revving.engineSpeed1": 2500})");
+    ASSERT_EQ(Shell(std::string(OBD_SIM) + " --scenario " + trip + ".csv --columns polidriving" +
+                    " --capture " + trip + ".pcap"),
+              0)
+        << err;
+    ASSERT_EQ(Shell("head -c -5 " + trip + ".pcap > " + dir + "/fleet/bad/cut.pcap"), 0);
+    ASSERT_EQ(Shell("env OBD_SIM=" OBD_SIM " OBD_FLEET=" OBD_FLEET " bash " OBD_FLEET_SCRIPT
+                    " --columns polidriving --jobs 2 --thresholds " +
+                    dir + "/rpm.json --out " + dir + "/result " + dir + "/fleet"),
+              6)
+        << err;
+    Json fleet;
+    std::string error;
+    ASSERT_TRUE(obdfleet::ReadFleet(dir + "/result", fleet, error)) << error;
+    std::map<std::string, Json> rows;
+    for (const Json& r : fleet["rows"]) rows[r["file"].get<std::string>()] = r;
+    ASSERT_EQ(rows.size(), 3u) << fleet.dump();
+    Json csv = rows["andres/20231222_134710/trip.csv"];
+    Json cap = rows["andres/20231222_134710/trip.pcap"];
+    EXPECT_EQ(csv["status"], "ok") << csv["reason"];
+    EXPECT_GT(csv["km"].get<double>(), 1.0);
+    EXPECT_FALSE(csv["what_if"].empty());
+    for (Json* r : {&csv, &cap}) {
+        r->erase("trip");
+        r->erase("file");
+    }
+    EXPECT_EQ(csv, cap);
+    const Json cut = rows["bad/cut.pcap"];
+    EXPECT_EQ(cut["status"], "failed");
+    EXPECT_NE(cut["reason"].get<std::string>().find("truncated"), std::string::npos) << cut;
+}
+
 TEST_F(FleetRun, TheSlurmTaskReplaysItsBlockOfTheList) {
     std::ifstream in(kTrip);
     std::string text, line;

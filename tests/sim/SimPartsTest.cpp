@@ -7,6 +7,7 @@
 #include <fstream>
 #include <map>
 
+#include "BoxEmulator.h"
 #include "Decode.h"
 #include "Direct.h"
 #include "Drive.h"
@@ -17,6 +18,7 @@
 #include "Scenario.h"
 #include "Summary.h"
 #include "Trip.h"
+#include "TripOutputs.h"
 
 namespace obdsim {
 namespace {
@@ -664,6 +666,70 @@ TEST(Reference, LoadsItsOwnCopyOfTheAnalyser) {
     EXPECT_NEAR(st.base.idleAlarmFuel, 0.3, 0.002);
     EXPECT_EQ(st.base.idleTime, 301u);
     EXPECT_EQ(eco.idleOverTime[1], 301u - 180u + 1u);  // idle counter 180 s to 301 s
+}
+
+// A replay hands the analysers the items of the box's data-stream frames as the box's value
+// source gave them: every float bit for bit (escaped bytes included), and nothing from a frame
+// the plug-in would refuse or that is not the box's data stream.
+TEST(Replay, DataStreamItemsAreTheFramesValuesOrNothing) {
+    auto item = [](uint8_t id, float v) {
+        obdbox::ByteVec b{id, 0, 0, 0, 0};
+        std::memcpy(b.data() + 1, &v, 4);
+        return b;
+    };
+    auto cat = [](std::initializer_list<obdbox::ByteVec> parts) {
+        obdbox::ByteVec out;
+        for (const obdbox::ByteVec& p : parts) out.insert(out.end(), p.begin(), p.end());
+        return out;
+    };
+    // 0x7E in a value: escaped on the line, whole again in the record.
+    float escaped = 0;
+    const uint8_t escapedBytes[4] = {0x7E, 0x7D, 0x7F, 0x41};
+    std::memcpy(&escaped, escapedBytes, 4);
+    const obdbox::ByteVec good = cat({item(1, 42.5F), item(59, escaped)});
+    struct Case {
+        const char* name;
+        obdbox::ByteVec frame;
+        bool ok;
+    };
+    using obdbox::BoxEmulator;
+    const Case cases[] = {
+        {"first and last item", BoxEmulator::EncodeFrame(0x2C81, good, 3, false, false, false),
+         true},
+        {"escaped", BoxEmulator::EncodeFrame(0x2C81, good, 3, true, false, false), true},
+        {"no items", BoxEmulator::EncodeFrame(0x2C81, {}, 3, false, false, false), false},
+        {"an item cut short",
+         BoxEmulator::EncodeFrame(0x2C81, cat({good, {7, 0, 0}}), 3, false, false, false), false},
+        {"id 0", BoxEmulator::EncodeFrame(0x2C81, item(0, 1.0F), 3, false, false, false), false},
+        {"id 60", BoxEmulator::EncodeFrame(0x2C81, item(60, 1.0F), 3, false, false, false), false},
+        {"another code", BoxEmulator::EncodeFrame(0x2C10, good, 3, false, false, false), false},
+        {"bad checksum", BoxEmulator::EncodeFrame(0x2C81, good, 3, false, false, true), false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::vector<obdframe::Record> r =
+            obdframe::DecodeStream(c.frame.data(), c.frame.size(), obdframe::Dir::FromBox);
+        ASSERT_EQ(r.size(), 1u);
+        DriveSample items;
+        items.present.set(5);  // left as it was when nothing is taken
+        ASSERT_EQ(DataStreamItems(r.front(), items), c.ok);
+        if (!c.ok) {
+            EXPECT_EQ(items.present.count(), 1u);
+            continue;
+        }
+        EXPECT_EQ(items.present.count(), 2u);
+        EXPECT_TRUE(items.present[0] && items.present[58]);
+        EXPECT_EQ(std::memcmp(&items.value[0], good.data() + 1, 4), 0);
+        EXPECT_EQ(std::memcmp(&items.value[58], escapedBytes, 4), 0);
+    }
+    // A frame towards the box is never the box's data stream, whatever its code.
+    obdframe::Record toBox;
+    toBox.kind = obdframe::Kind::Frame;
+    toBox.dir = obdframe::Dir::ToBox;
+    toBox.checksumOk = true;
+    toBox.body = cat({{3, 0x2C, 0x81}, good});
+    DriveSample items;
+    EXPECT_FALSE(DataStreamItems(toBox, items));
 }
 
 }  // namespace

@@ -144,6 +144,15 @@ Json TripRow(const TripResult& t) {
                          s["problems"][0].is_string()
                      ? s["problems"][0].get<std::string>()
                      : Reason(t.err);
+    } else if (t.status == 6 && haveSummary && s.contains("replay") && s["replay"].is_object()) {
+        // A capture whose plug-in now does other than it recorded: the trip's analysis is still
+        // the replay's, and the first difference says where to look.
+        status = "diverged";
+        const Json& r = s["replay"];
+        reason = "replay diverged";
+        if (r.contains("first") && r["first"].is_string()) {
+            reason += " at " + r["first"].get<std::string>();
+        }
     } else {
         status = "failed";
         reason = Reason(t.err);

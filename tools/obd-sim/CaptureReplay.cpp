@@ -22,6 +22,7 @@
 #include "HostCommon.h"
 #include "HostSim.h"
 #include "LinkHealth.h"
+#include "TripOutputs.h"
 
 namespace obdsim {
 
@@ -284,10 +285,17 @@ struct Line {
 // What pass one learns: that the file reads whole, the run's facts, where it ends.
 struct Scan {
     int productType = 0;
-    bool chunks = false;   // the box's raw reads are there
-    bool inbound = false;  // bus messages to the plug-in besides the relayed bytes
+    bool chunks = false;    // the box's raw reads are there
+    bool inbound = false;   // bus messages to the plug-in besides the relayed bytes
+    bool inertial = false;  // inertial samples were played in
     long long endUs = 0;
     unsigned long long packets = 0;
+    // The run facts a trip summary needs (empty / -1 when the capture does not state them).
+    std::string source, unjudged;
+    std::vector<std::string> facts;  // as written, for a new capture of the replay
+    bool expectedKnown = false;
+    std::vector<ExpectedAlarm> expected;
+    long long tripEndMs = -1;
 };
 
 bool ScanCapture(const std::string& path, Scan& scan, std::string& error) {
@@ -299,6 +307,23 @@ bool ScanCapture(const std::string& path, Scan& scan, std::string& error) {
             std::string v;
             if (obdcap::RunFact(p.payload, "product_type", v))
                 scan.productType = std::atoi(v.c_str());
+            if (obdcap::RunFact(p.payload, "source", v)) {
+                scan.source = v;
+                scan.facts.push_back("source=" + v);
+            }
+            if (obdcap::RunFact(p.payload, "unjudged", v)) {
+                scan.unjudged = v;
+                scan.facts.push_back("unjudged=" + v);
+            }
+            if (obdcap::RunFact(p.payload, "expected", v)) {
+                scan.expectedKnown = ParseExpectedFact(v, scan.expected);
+                scan.facts.push_back("expected=" + v);
+            }
+            if (obdcap::RunFact(p.payload, "end_ms", v)) {
+                char* end = nullptr;
+                const long long t = std::strtoll(v.c_str(), &end, 10);
+                if (end != v.c_str() && *end == '\0' && t >= 0) scan.tripEndMs = t;
+            }
         }
         if (p.channel == obdcap::Channel::Chunk && p.direction == obdcap::Direction::ToPlugin) {
             scan.chunks = true;
@@ -307,6 +332,7 @@ bool ScanCapture(const std::string& path, Scan& scan, std::string& error) {
             p.busId != kBytesFromBoxId) {
             scan.inbound = true;
         }
+        if (p.channel == obdcap::Channel::Inertial) scan.inertial = true;
         if (p.channel == obdcap::Channel::Inertial && p.payload.size() != 12) {
             error = path + ": packet " + std::to_string(reader.Count()) +
                     ": an inertial sample of " + std::to_string(p.payload.size()) +
@@ -338,10 +364,37 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
         ~Closer() { std::fclose(f); }
     } closer{out};
     const int productType = o.productType >= 0 ? o.productType : scan.productType;
+    // The trip as a run saw it: a drive of the capture's source name, with no values of its own
+    // (those are in the capture) but with the alarms it named, so that the same checks run.
+    std::unique_ptr<Drive> drive;
+    std::unique_ptr<TripAnalysis> trip;
+    const long long tripEndMs = scan.tripEndMs >= 0 ? scan.tripEndMs : scan.endUs / 1000;
+    if (o.TripWanted()) {
+        if (!scan.source.empty()) {
+            drive = std::make_unique<Drive>(scan.source);
+            drive->SetExpected(scan.expected);
+        }
+        trip = std::make_unique<TripAnalysis>(drive.get(), ClockSlackMs(0), !o.report.empty());
+        if (!trip->LoadWhatIf(o.plugin, o.thresholds, error)) {
+            error = "--thresholds " + error;
+            return 2;
+        }
+        trip->LoadReference(o.plugin);
+        RunFacts& facts = trip->Facts();
+        facts.source = "capture " + o.path + (scan.source.empty() ? "" : " of " + scan.source);
+        facts.speed = "max";
+        facts.unjudged = scan.unjudged;
+        if (scan.source.empty()) {
+            facts.unjudged =
+                "the capture does not say what drove the box (written before run facts "
+                "named it)";
+        }
+    }
+    TripAnalysis* const analysis = trip.get();
     std::unique_ptr<CaptureSink> sink;
     if (!o.capturePath.empty()) {
         sink = std::make_unique<CaptureSink>();
-        if (!sink->Open(o.capturePath, o.captureChunks, productType, error)) return 1;
+        if (!sink->Open(o.capturePath, o.captureChunks, productType, error, scan.facts)) return 1;
     }
     CaptureSink* const capture = sink.get();
     const bool canBox = productType == kCanBoxProduct;
@@ -482,6 +535,7 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
         p.busId = static_cast<uint32_t>(m.id);
         p.payload.assign(m.payload.begin(), m.payload.end());
         now(p);
+        if (analysis != nullptr) analysis->OnBus(m);
         if (canBox && !m.response && m.id == static_cast<int>(kFrameToBoxId)) {
             if (m.payload.size() > 4) {
                 link.OnChunk(true, m.payload.data() + 4, m.payload.size() - 4, m.tMs);
@@ -502,21 +556,58 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
             obdcap::Reader reader;
             obdcap::Packet p;
             std::string err;
+            // The feeder hands the analysers their samples; the injector none.
+            TripAnalysis* const feed = inertial ? analysis : nullptr;
+            auto waitUntil = [&](long long tMs) {
+                while (!stop.load() && hostsim::ClockNowMs() < tMs) part->Wait(tMs, 1000);
+            };
+            // The analysers' seconds, as a run's feeder makes them: at each whole host second of
+            // the trip, after the samples of that instant.
+            long long nextSecondMs = 1000;
+            auto secondsBefore = [&](long long tMs) {
+                while (feed != nullptr && !stop.load() && nextSecondMs < tMs &&
+                       nextSecondMs <= tripEndMs) {
+                    waitUntil(nextSecondMs);
+                    if (stop.load()) break;
+                    feed->Second(nextSecondMs);
+                    nextSecondMs += 1000;
+                }
+            };
             if (reader.Open(o.path, err)) {
                 while (!stop.load() && reader.Next(p, err)) {
                     if (p.direction != obdcap::Direction::ToPlugin) continue;
+                    // The box's data-stream frames, for the analysers only (the box plays them).
+                    if (feed != nullptr && p.channel == obdcap::Channel::Frame) {
+                        const std::vector<obdframe::Record> r = obdframe::DecodeStream(
+                            p.payload.data(), p.payload.size(), obdframe::Dir::FromBox);
+                        DriveSample items;
+                        if (r.size() != 1 || !DataStreamItems(r.front(), items)) continue;
+                        // Which of a run's box and feeder takes its turn first at a whole
+                        // second depends on how the feeder sleeps: waking every 100 ms for
+                        // inertial samples it comes after the box's frame, waking only for the
+                        // seconds it comes before it (the frame then counts from the next one).
+                        // The summary tests hold both orders to the run's.
+                        secondsBefore(p.tUs / 1000 + (scan.inertial ? 0 : 1));
+                        waitUntil(p.tUs / 1000);
+                        if (p.tUs / 1000 <= tripEndMs) feed->Frame(p.tUs / 1000, items);
+                        continue;
+                    }
                     if (inertial ? p.channel != obdcap::Channel::Inertial
                                  : p.channel != obdcap::Channel::Bus ||
                                        (canBox && p.busId == kBytesFromBoxId)) {
                         continue;
                     }
-                    while (!stop.load() && hostsim::ClockNowMs() < p.tUs / 1000) {
-                        part->Wait(p.tUs / 1000, 1000);
-                    }
+                    secondsBefore(p.tUs / 1000);
+                    waitUntil(p.tUs / 1000);
                     const long long t = hostsim::ClockNowMs();
                     if (inertial) {
                         hostsim::BusInject(static_cast<int>(kInertialId),
                                            InertialMessage(p.payload));
+                        if (feed != nullptr && t <= tripEndMs) {
+                            tagSixAxisOrgData sample{};
+                            std::memcpy(sample.data, p.payload.data(), sizeof(sample.data));
+                            feed->SixAxis(sample);
+                        }
                         if (capture) {
                             tagSixAxisOrgData sample{};
                             std::memcpy(sample.data, p.payload.data(), sizeof(sample.data));
@@ -527,9 +618,12 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
                                                                  p.payload.end());
                         hostsim::BusInject(static_cast<int>(p.busId), payload);
                         if (capture) capture->Inbound(static_cast<int>(p.busId), payload, t);
+                        if (analysis != nullptr)
+                            analysis->Trip().OnInject(static_cast<int>(p.busId));
                     }
                 }
             }
+            secondsBefore(tripEndMs + 1);
             part->Leave();
         });
     };
@@ -551,13 +645,29 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
             host.Start();
             play("feeder", true);
             if (scan.inbound) play("inject", false);
-            // As obd-sim's own loop: host seconds until the end, then the last instant.
+            // As obd-sim's own loop: host seconds until the end, then the last instant. The trip
+            // closes where the run closed it, after that instant's broadcasts; what the release
+            // sent after it is still compared.
+            auto runTo = [](long long endMs) {
+                for (long long t = hostsim::ClockNowMs(); t < endMs; t = hostsim::ClockNowMs()) {
+                    Common::P4X_TMSleepMicroSecond(
+                        static_cast<unsigned int>(std::min(endMs - t, 1000LL) * 1000));
+                }
+                Common::P4X_TMSleepMicroSecond(1000);
+            };
             const long long endMs = scan.endUs / 1000;
-            for (long long t = hostsim::ClockNowMs(); t < endMs; t = hostsim::ClockNowMs()) {
-                Common::P4X_TMSleepMicroSecond(
-                    static_cast<unsigned int>(std::min(endMs - t, 1000LL) * 1000));
+            auto closeTrip = [&] {
+                if (analysis != nullptr) analysis->Trip().Finish(tripEndMs);
+                if (capture != nullptr && scan.tripEndMs >= 0) capture->End(tripEndMs);
+            };
+            const bool closes = analysis != nullptr || (capture != nullptr && scan.tripEndMs >= 0);
+            if (closes && tripEndMs < endMs) {
+                runTo(tripEndMs);
+                closeTrip();
             }
-            Common::P4X_TMSleepMicroSecond(1000);
+            if (hostsim::ClockNowMs() <= endMs) runTo(endMs);
+            if (closes && tripEndMs >= endMs) closeTrip();
+            if (analysis != nullptr) analysis->Facts().behindMs = hostsim::ClockMaxLateMs();
             stop = true;
             for (auto& part : hostParts) part->Leave();
             for (std::thread& t : hostThreads) {
@@ -581,14 +691,53 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
     hostsim::BusDrain();
     hostsim::BusUnsubscribe(token);
     link.Finish();
+    // Taken before the comparator's lock: the link's tap takes that lock under the link's own.
+    if (analysis != nullptr) analysis->Facts().link = link.Figures();
     self.reset();
     if (capture != nullptr && !capture->Close(error) && status == 0) status = 1;
     if (status != 0) return status;
     std::lock_guard<std::mutex> lock(compareMutex);
     compare.Finish();
+    std::string misbehaved;  // the trip checks' first problem
+    if (analysis != nullptr) {
+        TripOutputs outputs;
+        outputs.summaryJson = o.summaryJson;
+        outputs.report = o.report;
+        outputs.virtualTime = true;
+        outputs.text = out;
+        if (!o.report.empty()) {
+            outputs.settings["source"] = analysis->Facts().source;
+            outputs.settings["capture"] = o.path;
+            outputs.settings["speed"] = "max";
+            outputs.settings["product type"] = productType;
+            outputs.settings["plug-in"] = o.plugin;
+        }
+        // The comparison goes into the summary too: a fleet lists a diverging capture with its
+        // first difference beside the trip's analysis.
+        Json replay{{"capture", o.path},
+                    {"compared", compare.Compared()},
+                    {"divergences", compare.Count()}};
+        if (!compare.First().empty()) {
+            const ReplayComparator::Divergence& d = compare.First().front();
+            replay["first"] = Ms(d.tUs) + ": " + d.text;
+        }
+        outputs.extra["replay"] = replay;
+        Json summary;
+        const bool written = analysis->Write(outputs, summary, error);
+        std::fputc('\n', out);
+        if (!written) return 1;
+        if (summary["verdict"] == "misbehaved" && summary["problems"].is_array() &&
+            !summary["problems"].empty()) {
+            misbehaved = summary["problems"][0].get<std::string>();
+        }
+    }
     if (compare.Count() == 0) {
         std::fprintf(out, "replay: identical: %llu packet(s) sent by the plug-in, as recorded\n",
                      compare.Compared());
+        if (!misbehaved.empty()) {
+            error = "plug-in misbehaved: " + misbehaved;
+            return 3;
+        }
         return 0;
     }
     std::fprintf(out, "replay: %llu divergence(s) in %llu packet(s) compared; the first %zu:\n",

@@ -72,6 +72,14 @@ struct ReplayOptions {
     std::string capturePath;  // a new capture of the replayed run, when given
     bool captureChunks = false;
     size_t shown = 10;  // divergences printed
+    // The trip's outputs, as a run of obd-sim writes them (TripOutputs.h); none asked for: the
+    // replay only compares.
+    std::string summaryJson;
+    std::string report;
+    std::vector<std::string> thresholds;
+    bool TripWanted() const {
+        return !summaryJson.empty() || !report.empty() || !thresholds.empty();
+    }
 };
 
 // Exit status of a replay that ran but differed.
@@ -79,7 +87,14 @@ constexpr int kReplayDiverged = 6;
 
 // Plays the capture and prints the verdict on stdout (the plug-in's own stdout goes to stderr).
 // Returns 0 (identical), kReplayDiverged, or 1 with `error` for a capture that cannot be read
-// whole, a plug-in that cannot be run or a new capture that cannot be written.
+// whole, a plug-in that cannot be run or a file that cannot be written (2: a what-if set that
+// cannot be used).
+//
+// With trip outputs the summary is made as a run makes it, from what the plug-in broadcast in the
+// replay and the samples played in, and written whichever the verdict (printed before it); an
+// identical replay whose trip checks find the plug-in misbehaving returns 3, as the run did.
+// What the line and the bus do not show comes from the capture's run facts (what drove the box,
+// the drive's expected alarms, where the trip ended); a capture without them is not judged.
 int RunReplay(const ReplayOptions& options, std::string& error);
 
 }  // namespace obdsim

@@ -1,5 +1,7 @@
 #include "CaptureSink.h"
 
+#include <cstdio>
+
 namespace obdsim {
 
 namespace {
@@ -10,13 +12,58 @@ obdcap::Direction LineDirection(bool toBox) {
 
 }  // namespace
 
-bool CaptureSink::Open(const std::string& path, bool chunks, int productType, std::string& error) {
+bool CaptureSink::Open(const std::string& path, bool chunks, int productType, std::string& error,
+                       const std::vector<std::string>& facts) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_chunks = chunks;
     if (!m_writer.Open(path, error)) return false;
-    const std::string facts = "product_type=" + std::to_string(productType) + "\n";
+    std::string text = "product_type=" + std::to_string(productType) + "\n";
+    for (std::string fact : facts) {
+        // One line each: a name with a line end in it must not start a fact of its own.
+        for (char& c : fact) c = c == '\n' || c == '\r' ? ' ' : c;
+        text += fact + "\n";
+    }
     m_writer.Write(0, obdcap::Channel::Run, obdcap::Direction::ToPlugin, 0, 0,
-                   reinterpret_cast<const uint8_t*>(facts.data()), facts.size());
+                   reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    return true;
+}
+
+void CaptureSink::End(long long tMs) {
+    const std::string text = "end_ms=" + std::to_string(tMs) + "\n";
+    Put(tMs, obdcap::Channel::Run, obdcap::Direction::ToPlugin, 0, 0,
+        reinterpret_cast<const unsigned char*>(text.data()), text.size());
+}
+
+std::string ExpectedFact(const std::vector<ExpectedAlarm>& expected) {
+    std::string text;
+    for (const ExpectedAlarm& e : expected) {
+        char numbers[96];
+        std::snprintf(numbers, sizeof(numbers), " %.17g %.17g %d", e.startS, e.holdS, e.level);
+        text += (text.empty() ? "" : ",") + e.key + numbers;
+    }
+    return text;
+}
+
+bool ParseExpectedFact(const std::string& text, std::vector<ExpectedAlarm>& expected) {
+    std::vector<ExpectedAlarm> out;
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find(',', at);
+        if (end == std::string::npos) end = text.size();
+        const std::string item = text.substr(at, end - at);
+        char key[64] = {};
+        ExpectedAlarm e;
+        int used = 0;
+        if (std::sscanf(item.c_str(), "%63s %lf %lf %d%n", key, &e.startS, &e.holdS, &e.level,
+                        &used) != 4 ||
+            static_cast<size_t>(used) != item.size()) {
+            return false;
+        }
+        e.key = key;
+        out.push_back(e);
+        at = end + 1;
+    }
+    expected = std::move(out);
     return true;
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Capture.h"
+#include "Drive.h"
 #include "FrameDecoder.h"
 #include "GdsLogicAnalyser.h"
 #include "HostSim.h"
@@ -23,8 +24,13 @@ namespace obdsim {
 class CaptureSink {
   public:
     // `chunks`: also the raw bytes of every read and write (channel 2). The first packet states
-    // the host's product type, which tells a replay whether the box is reached over the bus.
-    bool Open(const std::string& path, bool chunks, int productType, std::string& error);
+    // the host's product type, which tells a replay whether the box is reached over the bus, and
+    // the `facts` ("key=value") a replay's trip summary needs and cannot see on the line.
+    bool Open(const std::string& path, bool chunks, int productType, std::string& error,
+              const std::vector<std::string>& facts = {});
+    // The trip closed at host time tMs: a run-facts packet "end_ms", so that a replay closes its
+    // trip at the same instant even when the release goes on sending after it.
+    void End(long long tMs);
     // A record the link monitor cut: line bytes from the plug-in (toBox) or to it.
     void Record(const obdframe::Record& r, bool toBox, long long lastByteMs);
     // One read or write of line bytes.
@@ -45,5 +51,11 @@ class CaptureSink {
     obdcap::Writer m_writer;
     bool m_chunks = false;
 };
+
+// A drive's expected alarms as one run-facts value: "KEY START HOLD LEVEL" per alarm, split by
+// ','; the numbers read back exactly.
+std::string ExpectedFact(const std::vector<ExpectedAlarm>& expected);
+// False for a value not written by ExpectedFact (nothing is taken from it then).
+bool ParseExpectedFact(const std::string& text, std::vector<ExpectedAlarm>& expected);
 
 }  // namespace obdsim

@@ -190,7 +190,8 @@ Json SummaryJson(const TripLog& trip, const ReferenceAnalyser* reference, const 
     j["step_s"] = std::round(trip.MeanStepMs()) / 1000.0;
     if (trip.DriveOf() == nullptr) {
         j["verdict"] = "not judged";
-        j["unjudged"] = "the checks need the built-in box";
+        j["unjudged"] =
+            facts.unjudged.empty() ? "the checks need the built-in box" : facts.unjudged;
     } else if (!facts.unjudged.empty()) {
         j["verdict"] = "not judged";
         j["unjudged"] = facts.unjudged;

@@ -57,6 +57,7 @@
 #include "StatusLine.h"
 #include "Summary.h"
 #include "Trip.h"
+#include "TripOutputs.h"
 #include "WhatIf.h"
 
 namespace {
@@ -371,39 +372,15 @@ bool CheckWritable(const std::string& path, std::string& error) {
     return err == 0;
 }
 
-// Writes the whole file; false with the system's reason when any step fails (a full disk shows
-// only when the data leaves the buffer).
-bool WriteText(const std::string& path, const std::string& text, std::string& error) {
-    FILE* f = std::fopen(path.c_str(), "w");
-    int err = f == nullptr ? errno : 0;
-    if (f != nullptr) {
-        if (std::fwrite(text.data(), 1, text.size(), f) != text.size() || std::fflush(f) != 0) {
-            err = errno;
-        }
-        if (std::fclose(f) != 0 && err == 0) err = errno;
-    }
-    if (err != 0) error = "cannot write " + path + ": " + std::strerror(err);
-    return err == 0;
-}
-
 int Fail(const std::string& message, int code) {
     std::fprintf(stderr, "obd-sim: %s\n", message.c_str());
     return code;
 }
 
-// How late, in host milliseconds, the clock may deliver a periodic event while the host keeps its
-// pace: a real or scaled clock by scheduling (a busy machine holds a thread back now and then);
-// virtual time (scale 0) never, so one plug-in cycle is left for the cycle's own granularity.
-// Whatever the host falls behind beyond that is measured (hostsim::ClockMaxLateMs) and allowed
-// for on top, since it is the host's lag and not the plug-in's.
 // The fastest scaled clock: the host's waits are whole real milliseconds at least, so beyond
 // 100 a 100 ms cycle cannot come on time (the run falls behind and its verdict says so);
 // --speed max is faster than any factor and exact.
 constexpr double kMaxSpeed = 100;
-
-long long ClockSlackMs(double timeScale) {
-    return timeScale <= 0.0 ? 100 : 500;
-}
 
 // --direct-check: no plug-in runs; the drive's direct analysis is held against the alarms of a
 // replay's summary.
@@ -654,6 +631,10 @@ int Run(int argc, char** argv) {
     if (!capturePath.empty() && !obdcap::Available()) {
         return Fail(std::string("--capture: ") + obdcap::kUnavailable, 2);
     }
+    for (const std::string* path : {&summaryJson, &report, &capturePath}) {
+        std::string error;
+        if (!path->empty() && !CheckWritable(*path, error)) return Fail(error, 1);
+    }
     if (!replayPath.empty()) {
         if (!obdcap::Available()) return Fail(std::string("--replay: ") + obdcap::kUnavailable, 2);
         obdsim::ReplayOptions r;
@@ -663,13 +644,12 @@ int Run(int argc, char** argv) {
         r.logLevel = logOption->count() > 0 ? logLevel : 0;
         r.capturePath = capturePath;
         r.captureChunks = captureChunks;
+        r.summaryJson = summaryJson;
+        r.report = report;
+        r.thresholds = thresholds;
         std::string error;
         const int status = obdsim::RunReplay(r, error);
         return error.empty() ? status : Fail(error, status);
-    }
-    for (const std::string* path : {&summaryJson, &report, &capturePath}) {
-        std::string error;
-        if (!path->empty() && !CheckWritable(*path, error)) return Fail(error, 1);
     }
     std::vector<obdsim::ColumnMap> columnMap;
     {
@@ -738,14 +718,10 @@ int Run(int argc, char** argv) {
         }
     }
     const double timeScale = speed == "max" ? 0.0 : std::strtod(speed.c_str(), nullptr);
-    const long long slackMs = ClockSlackMs(timeScale);
-    obdsim::TripLog trip(drive.get(), slackMs);
+    const long long slackMs = obdsim::ClockSlackMs(timeScale);
+    obdsim::TripAnalysis analysis(drive.get(), slackMs, !report.empty());
+    obdsim::TripLog& trip = analysis.Trip();
     std::unique_ptr<obdsim::CaptureSink> capture;
-    if (!capturePath.empty()) {
-        capture = std::make_unique<obdsim::CaptureSink>();
-        std::string error;
-        if (!capture->Open(capturePath, captureChunks, productType, error)) return Fail(error, 1);
-    }
     std::unique_ptr<Injector> injector;
     if (!inject.empty()) {
         injector = std::make_unique<Injector>(
@@ -756,14 +732,15 @@ int Run(int argc, char** argv) {
         std::string error;
         if (!injector->Open(error)) return Fail("cannot read inject file " + error, 1);
     }
-    obdsim::WhatIf whatIf;
+    obdsim::WhatIf& whatIf = analysis.WhatIfs();
     {
         std::string error;
-        if (!whatIf.Load(plugin, thresholds, error)) return Fail("--thresholds " + error, 2);
+        if (!analysis.LoadWhatIf(plugin, thresholds, error)) {
+            return Fail("--thresholds " + error, 2);
+        }
     }
-    obdsim::ReferenceAnalyser reference;
-    obdsim::RunFacts facts;
-    facts.slackMs = slackMs;
+    obdsim::ReferenceAnalyser& reference = analysis.Reference();
+    obdsim::RunFacts& facts = analysis.Facts();
     facts.speed = speed;
     // The drive's checks assume a box that streams at least once a second and sends no link
     // frames of its own (those stop its stream for 22 s at a time): other settings are the
@@ -779,10 +756,22 @@ int Run(int argc, char** argv) {
     facts.source = drive            ? drive->Name()
                    : serial.empty() ? "bare pseudo-terminal"
                                     : "box on " + serial;
-    {
+    analysis.LoadReference(plugin);
+    if (!capturePath.empty()) {
+        // What a replay of the capture cannot see on the line or the bus: what drove the box,
+        // whether the drive's checks hold for these settings, the alarms the drive names.
+        std::vector<std::string> runFacts;
+        if (drive) {
+            runFacts.push_back("source=" + facts.source);
+            if (!facts.unjudged.empty()) runFacts.push_back("unjudged=" + facts.unjudged);
+            if (!drive->Expected().empty()) {
+                runFacts.push_back("expected=" + obdsim::ExpectedFact(drive->Expected()));
+            }
+        }
+        capture = std::make_unique<obdsim::CaptureSink>();
         std::string error;
-        if (!reference.Load(plugin, error)) {
-            facts.statisticsNote = "the reference analyser could not be loaded (" + error + ")";
+        if (!capture->Open(capturePath, captureChunks, productType, error, runFacts)) {
+            return Fail(error, 1);
         }
     }
 
@@ -912,8 +901,6 @@ int Run(int argc, char** argv) {
         box->Start();
     }
 
-    std::unique_ptr<obdsim::Timeline> timeline;
-    if (!report.empty()) timeline = std::make_unique<obdsim::Timeline>(drive.get());
     // In CAN-box mode the box is not on the line: only the relay's bytes can be followed.
     if (productType != 72) {
         link = std::make_unique<obdsim::LinkMonitor>(recordTap);
@@ -922,8 +909,7 @@ int Run(int argc, char** argv) {
     const int token = hostsim::BusSubscribe([&](const hostsim::BusMessage& m) {
         printer.Bus(m);
         if (capture) capture->Bus(m, false);
-        trip.OnBus(m);
-        if (timeline) timeline->OnBus(m);
+        analysis.OnBus(m);
         // Without the built-in box the plug-in's own table is the only sample the simulator has.
         if (!builtInBox && !m.response && m.id == 6702 &&
             m.payload.size() >= sizeof(_OBD_DataTable_t)) {
@@ -993,6 +979,7 @@ int Run(int argc, char** argv) {
             }
             facts.behindMs = hostsim::ClockMaxLateMs();
             trip.Finish(finishMs);
+            if (capture) capture->End(finishMs);
             facts.realSeconds =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - realStart).count();
             ran = true;
@@ -1026,23 +1013,14 @@ int Run(int argc, char** argv) {
     hostsim::SetLogSink({});
     if (ran) {
         if (link) facts.link = link->Figures();
-        obdsim::Json summary = obdsim::SummaryJson(trip, &reference, facts);
-        // On virtual time the wall time is the one thing that differs between two runs; the
-        // outputs leave it out, so that they stay byte for byte the same.
-        if (self) summary.erase("real_s");
-        if (!whatIf.Empty()) summary["what_if"] = whatIf.ToJson();
-        const std::string text = obdsim::SummaryText(summary) +
-                                 obdsim::WhatIfText(summary.value("what_if", obdsim::Json()));
-        const std::string line =
-            summary.dump(-1, ' ', false, obdsim::Json::error_handler_t::replace);
+        obdsim::TripOutputs outputs;
+        outputs.summaryJson = summaryJson;
+        outputs.report = report;
+        outputs.virtualTime = self != nullptr;
         // With --json stdout stays one message per line; the summary goes where a person reads.
-        std::fputs(text.c_str(), json ? stderr : out);
-        std::string error;
-        if (!summaryJson.empty() && !WriteText(summaryJson, line + "\n", error)) {
-            status = Fail(error, 1);
-        }
+        outputs.text = json ? stderr : out;
         if (!report.empty()) {
-            obdsim::Json settings;
+            obdsim::Json& settings = outputs.settings;
             settings["source"] = facts.source;
             settings["speed"] = speed;
             if (duration > 0.0) settings["duration_s"] = duration;
@@ -1056,11 +1034,10 @@ int Run(int argc, char** argv) {
             }
             if (!inject.empty()) settings["inject"] = inject;
             settings["plug-in"] = plugin;
-            if (!WriteText(report, obdsim::ReportHtml(summary, timeline->Points(), settings),
-                           error)) {
-                status = Fail(error, 1);
-            }
         }
+        obdsim::Json summary;
+        std::string error;
+        if (!analysis.Write(outputs, summary, error)) status = Fail(error, 1);
         const std::string verdict = summary["verdict"].get<std::string>();
         if (verdict == "misbehaved" && status == 0) {
             status = Fail("plug-in misbehaved: " + summary["problems"][0].get<std::string>(), 3);
