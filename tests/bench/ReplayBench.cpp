@@ -1,13 +1,12 @@
 // A long replay on virtual time: the plug-in (loaded as the recorder loads it), the host layer
 // and the built-in box streaming once a second, for N host minutes, as `obd-sim --speed max`
 // runs them. What a run costs is the CPU of the work itself plus one hand-off of the turn per
-// event (a cycle, a send-thread poll, a frame, a bus delivery).
+// event (a cycle, a send-thread poll, a frame, a bus delivery): `fibers:0` hands each turn from
+// thread to thread through the kernel, `fibers:1` (the default) switches fibers in user space.
 //   cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DOBD_BENCH=ON
-//   cmake --build build-bench -j2 --target obd_replay_bench && build-bench/bin/obd_replay_bench
-// Measured on the project's 2-core x86-64 build machine (Release, GCC 12): 168 host minutes in
-// 1.3 to 1.6 s of real time (6 100 to 7 700 host seconds per second, medians of three on two
-// days); with every message and wire byte printed, `obd-sim --speed max --duration 10080 --json
-// >/dev/null` takes about 1.8 s.
+//   cmake --build build-bench -j2 --target obd_replay_bench obd-sim &&
+//   build-bench/bin/obd_replay_bench
+// Measured figures: the README's "Simulation speed".
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -23,6 +22,7 @@ namespace {
 
 void BM_VirtualReplay(benchmark::State& state) {
     const long long endMs = state.range(0) * 60 * 1000;
+    hostsim::SetVirtualFibers(state.range(1) != 0);
     long long messages = 0;
     for (auto _ : state) {
         hostsim::Reset();
@@ -54,10 +54,12 @@ void BM_VirtualReplay(benchmark::State& state) {
             host.Initialize();
             host.RegisterHandlers();
             host.Start();
-            while (hostsim::ClockNowMs() < endMs) {
-                const long long left = std::min(endMs - hostsim::ClockNowMs(), 60000LL);
-                Common::P4X_TMSleepMicroSecond(static_cast<unsigned int>(left * 1000));
-            }
+            self.Run([endMs] {
+                while (hostsim::ClockNowMs() < endMs) {
+                    const long long left = std::min(endMs - hostsim::ClockNowMs(), 60000LL);
+                    Common::P4X_TMSleepMicroSecond(static_cast<unsigned int>(left * 1000));
+                }
+            });
             host.Release();
             hostsim::BusDrain();
             box.Stop();
@@ -70,20 +72,21 @@ void BM_VirtualReplay(benchmark::State& state) {
     state.counters["bus_messages"] = static_cast<double>(messages);
 }
 BENCHMARK(BM_VirtualReplay)
-    ->Arg(168)
+    ->ArgNames({"minutes", "fibers"})
+    ->Args({168, 0})
+    ->Args({168, 1})
     ->Iterations(1)
     ->Repetitions(3)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
 // The real recorded trip (168 minutes at 1 Hz) as a user replays it: the whole obd-sim process,
-// with the built-in box playing the trip, the reference analyser and the trip checks.
-//   cmake --build build-bench -j2 --target obd_replay_bench obd-sim
+// with the built-in box playing the trip, the reference analyser and the trip checks; threads
+// (OBD_HOST_FIBERS=0) against fibers.
 //   build-bench/bin/obd_replay_bench --benchmark_filter=RealTrip
-// Measured on the project's 2-core x86-64 build machine (Release, GCC 12): see the README's
-// performance section.
 void BM_RealTripReplay(benchmark::State& state) {
-    const std::string cmd = std::string(OBD_SIM) + " --speed max --scenario " + OBD_SOURCE_DIR +
+    const std::string cmd = std::string(state.range(0) != 0 ? "" : "OBD_HOST_FIBERS=0 ") + OBD_SIM +
+                            " --speed max --scenario " + OBD_SOURCE_DIR +
                             "/tests/data/polidriving/andres_20231222_134710.csv"
                             " --columns polidriving >/dev/null 2>&1";
     for (auto _ : state) {
@@ -94,6 +97,9 @@ void BM_RealTripReplay(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_RealTripReplay)
+    ->ArgName("fibers")
+    ->Arg(0)
+    ->Arg(1)
     ->Iterations(1)
     ->Repetitions(5)
     ->Unit(benchmark::kMillisecond)

@@ -437,7 +437,7 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
     if (!canBox) boxPart->ServeLine(line.slave);
     std::atomic<bool> stop{false};
     std::string boxError;
-    std::thread boxThread([&, part = boxPart.get()] {
+    hostsim::Thread boxThread(canBox ? "can-relay" : "obd-box", [&, part = boxPart.get()] {
         part->Enter();
         auto drain = [&] {
             unsigned char buf[4096];
@@ -548,10 +548,10 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
     // The host's side: inertial samples (the feeder) and other inbound messages (the injector),
     // each played at its time by a party of its own.
     std::vector<std::unique_ptr<hostsim::Participant>> hostParts;
-    std::vector<std::thread> hostThreads;
+    std::vector<hostsim::Thread> hostThreads;
     auto play = [&](const char* name, bool inertial) {
         hostParts.push_back(std::make_unique<hostsim::Participant>(name));
-        hostThreads.emplace_back([&, inertial, part = hostParts.back().get()] {
+        hostThreads.emplace_back(name, [&, inertial, part = hostParts.back().get()] {
             part->Enter();
             obdcap::Reader reader;
             obdcap::Packet p;
@@ -661,28 +661,26 @@ int RunReplay(const ReplayOptions& o, std::string& error) {
                 if (capture != nullptr && scan.tripEndMs >= 0) capture->End(tripEndMs);
             };
             const bool closes = analysis != nullptr || (capture != nullptr && scan.tripEndMs >= 0);
-            if (closes && tripEndMs < endMs) {
-                runTo(tripEndMs);
-                closeTrip();
-            }
-            if (hostsim::ClockNowMs() <= endMs) runTo(endMs);
-            if (closes && tripEndMs >= endMs) closeTrip();
+            self->Run([&] {
+                if (closes && tripEndMs < endMs) {
+                    runTo(tripEndMs);
+                    closeTrip();
+                }
+                if (hostsim::ClockNowMs() <= endMs) runTo(endMs);
+                if (closes && tripEndMs >= endMs) closeTrip();
+            });
             if (analysis != nullptr) analysis->Facts().behindMs = hostsim::ClockMaxLateMs();
             stop = true;
             for (auto& part : hostParts) part->Leave();
-            for (std::thread& t : hostThreads) {
-                if (t.joinable()) t.join();
-            }
+            for (hostsim::Thread& t : hostThreads) t.Join();
             host.Release();
         }
     }
     stop = true;
     boxPart->Leave();
-    boxThread.join();
+    boxThread.Join();
     for (auto& part : hostParts) part->Leave();
-    for (std::thread& t : hostThreads) {
-        if (t.joinable()) t.join();
-    }
+    for (hostsim::Thread& t : hostThreads) t.Join();
     if (status == 0 && !boxError.empty()) {
         error = boxError;
         status = 1;
