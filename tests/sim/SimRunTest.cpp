@@ -477,6 +477,33 @@ TEST_F(SimRun, DefaultSpeedIsVirtualWithTheBuiltInBoxAndEveryOutputRepeats) {
     EXPECT_EQ(out.rfind("Trip summary: built-in drive, 0:14:49 of vehicle time\n", 0), 0u) << out;
 }
 
+TEST_F(SimRun, ThreadsAndFibersGiveTheSameBytes) {
+    // On virtual time the host's threads run as fibers unless OBD_HOST_FIBERS=0 asks for
+    // operating-system threads; the turns, and so every byte of every output, must not change:
+    // every message with its time, the summary and the report, in serial and CAN-box mode.
+    const std::string report = ReportAvailable() ? " --report " + dir + "/trip.html" : "";
+    const std::vector<std::string> rows = {
+        "--json",
+        "--json --product-type 72 --duration 300",
+        "--json --scenario " + kTrip + " --columns polidriving --duration 900",
+        "--json --box-garbage 3 --box-escape --box-seed 7 --duration 300",
+    };
+    for (const std::string& args : rows) {
+        std::string outputs[2][3];
+        for (int fibers = 0; fibers < 2; ++fibers) {
+            if (fibers == 0) setenv("OBD_HOST_FIBERS", "0", 1);
+            const int code = Run(args + " --summary-json " + dir + "/summary.json" + report);
+            unsetenv("OBD_HOST_FIBERS");
+            ASSERT_EQ(code, 0) << args << "\n" << err.substr(0, 2000);
+            outputs[fibers][0] = out;
+            outputs[fibers][1] = Slurp("/summary.json");
+            outputs[fibers][2] = Slurp("/trip.html");
+        }
+        EXPECT_GT(outputs[1][0].size(), 10000u) << args;
+        for (int k = 0; k < 3; ++k) EXPECT_TRUE(outputs[0][k] == outputs[1][k]) << args << " " << k;
+    }
+}
+
 TEST_F(SimRun, HelpShowsEveryDefaultAndTheFirstCommandBuildsEveryToolShown) {
     ASSERT_EQ(Run("--help"), 0) << err;
     const std::vector<std::pair<std::string, std::string>> rows = {
