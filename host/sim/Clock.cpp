@@ -40,6 +40,7 @@ void SelectLocked(ClockState& c, ClockMode m, double f, long long startMs) {
     c.wallBaseMs = m == ClockMode::Virtual ? kVirtualWallStartMs : SystemEpochMs();
     c.wallHostBaseMs = startMs;
     c.maxLateUs = 0;
+    c.PublishLocked();
     if (turns) ResetTurnsLocked(c);
     c.ChangedLocked();
 }
@@ -99,9 +100,7 @@ void ClockUseVirtual(long long startMs) {
 }
 
 ClockMode ClockGetMode() {
-    ClockState& c = Clock();
-    detail::ClockLock lock(c);
-    return c.mode;
+    return static_cast<ClockMode>(Clock().modeSeen.load());
 }
 
 bool ClockAdvance(long long ms) {
@@ -109,6 +108,7 @@ bool ClockAdvance(long long ms) {
     ClockState& c = Clock();
     detail::ClockLock lock(c);
     c.monoBaseUs += static_cast<uint64_t>(ms) * 1000;
+    c.PublishLocked();
     c.ChangedLocked();
     detail::QueueDueLocked(c);
     detail::GrantLocked(c);
@@ -125,6 +125,7 @@ bool ClockSet(long long ms) {
     } else {
         c.offsetUs += delta;  // backwards: reported time only, deadlines unaffected
     }
+    c.PublishLocked();
     c.ChangedLocked();
     detail::QueueDueLocked(c);
     detail::GrantLocked(c);
@@ -132,9 +133,7 @@ bool ClockSet(long long ms) {
 }
 
 long long ClockNowMs() {
-    ClockState& c = Clock();
-    detail::ClockLock lock(c);
-    return c.NowUsLocked() / 1000;
+    return detail::ClockNowUs() / 1000;
 }
 
 long long ClockMaxLateMs() {
@@ -154,12 +153,14 @@ namespace detail {
 
 uint64_t ClockMonoUs() {
     ClockState& c = Clock();
+    if (ClockState::FrozenMode(c.modeSeen.load())) return c.frozenMonoUs.load();
     detail::ClockLock lock(c);
     return c.MonoLocked();
 }
 
 long long ClockNowUs() {
     ClockState& c = Clock();
+    if (ClockState::FrozenMode(c.modeSeen.load())) return c.frozenNowUs.load();
     detail::ClockLock lock(c);
     return c.NowUsLocked();
 }

@@ -50,6 +50,7 @@ struct Line {
     long long toReader = 0;
     long long toPeer = 0;
     uint64_t nudgedAt = UINT64_MAX;  // host time of the last wake for unaccounted bytes
+    bool counted = false;            // every byte on it is counted (ServeCountedLine)
 };
 
 }  // namespace detail
@@ -88,9 +89,26 @@ struct ClockState {
     std::map<std::string, std::unique_ptr<Line>> lines;
     std::vector<Part*> handedTo;   // given the turn under the mutex: woken once it is released
     std::vector<Part*> freeParts;  // the pool (see Part)
+    std::vector<Part*> due;        // QueueDueLocked's, kept for its capacity
     bool engineWakeAsked = false;  // see FiberWakeEngineLocked
 
+    // Copies for readers that take no lock: the mode, and host time while it does not run
+    // (stepped or virtual), which is read far more often than it changes. Stored by
+    // PublishLocked after every change.
+    std::atomic<int> modeSeen{static_cast<int>(ClockMode::Real)};
+    std::atomic<uint64_t> frozenMonoUs{0};
+    std::atomic<long long> frozenNowUs{0};
+
     bool Frozen() const { return mode == ClockMode::Stepped || mode == ClockMode::Virtual; }
+    static bool FrozenMode(int m) {
+        return m == static_cast<int>(ClockMode::Stepped) ||
+               m == static_cast<int>(ClockMode::Virtual);
+    }
+    void PublishLocked() {
+        frozenMonoUs.store(monoBaseUs);
+        frozenNowUs.store(static_cast<long long>(monoBaseUs) + offsetUs);
+        modeSeen.store(static_cast<int>(mode));
+    }
     uint64_t MonoLocked() const {
         if (Frozen()) return monoBaseUs;
         const auto realUs =

@@ -146,6 +146,10 @@ class Participant {
     // Plays the far end of the serial line that a peripheral opens as `ttyPath`: bytes the
     // peripheral writes to it kick this participant and count as in flight until LineRead.
     void ServeLine(const std::string& ttyPath);
+    // As ServeLine, for a far end that reports every byte it moves (LineRead, LineWrote) on a
+    // line that nobody else writes to: host time then moves on without looking into the tty
+    // for bytes nobody counted, a system call at each end of the line per instant.
+    void ServeCountedLine(const std::string& ttyPath);
     // `n` bytes read from the line.
     void LineRead(size_t n);
     // `n` bytes written towards the peripheral, which is kicked. On this participant's own thread

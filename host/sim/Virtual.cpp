@@ -87,7 +87,7 @@ bool NudgeReadersLocked(ClockState& c) {
     bool any = false;
     for (auto& entry : c.lines) {
         Line& l = *entry.second;
-        if (l.nudgedAt == c.monoBaseUs) continue;
+        if (l.nudgedAt == c.monoBaseUs || l.counted) continue;
         bool nudged = false;
         if (l.reader != nullptr && l.reader->state == State::Idle &&
             (l.toReader > 0 || InputWaiting(l.readerFd))) {
@@ -116,7 +116,10 @@ bool AdvanceLocked(ClockState& c) {
         }
         if (!c.sleepers.empty()) next = std::min(next, c.sleepers.begin()->first);
         if (next == UINT64_MAX) return false;
-        if (next > c.monoBaseUs) c.monoBaseUs = next;
+        if (next > c.monoBaseUs) {
+            c.monoBaseUs = next;
+            c.PublishLocked();
+        }
         QueueDueLocked(c);
         if (!c.runnable.empty()) return true;
         // Only threads that take no part woke: nothing waits for them.
@@ -210,6 +213,7 @@ void LeaveLocked(ClockState& c, Part* p) {
             l.peer = nullptr;
             l.peerFd = -1;
             l.toPeer = 0;
+            l.counted = false;
         }
     }
     SignalLocked(c, p);
@@ -234,6 +238,10 @@ uint64_t MonoForHostMs(const ClockState& c, long long hostMs) {
 }  // namespace
 
 void ClockLock::unlock() {
+    if (m_c.handedTo.empty() && !m_c.engineWakeAsked) {
+        m_lock.unlock();
+        return;
+    }
     std::vector<Part*> handed;
     handed.swap(m_c.handedTo);
     const bool engine = m_c.engineWakeAsked;
@@ -246,7 +254,8 @@ void ClockLock::unlock() {
 void QueueDueLocked(ClockState& c) {
     if (!Virtual(c)) return;
     const uint64_t mono = c.monoBaseUs;
-    std::vector<Part*> due;
+    std::vector<Part*>& due = c.due;
+    due.clear();
     for (Part* p : c.parts) {
         if (p->state == State::Idle && p->hasDeadline && p->deadlineUs <= mono) due.push_back(p);
     }
@@ -461,6 +470,7 @@ bool LineReaderHasInput(Line* l) {
         ClockState& c = Clock();
         ClockLock lock(c);
         if (l->toReader > 0) return true;
+        if (l->counted) return false;
         fd = l->readerFd;
     }
     return InputWaiting(fd);
@@ -621,7 +631,16 @@ void Participant::ServeLine(const std::string& ttyPath) {
     detail::Line& l = detail::LineLocked(c, ttyPath);
     l.peer = &m_impl->part;
     l.toPeer = 0;
+    l.counted = false;
     m_impl->line = &l;
+}
+
+void Participant::ServeCountedLine(const std::string& ttyPath) {
+    ServeLine(ttyPath);
+    auto& c = detail::Clock();
+    detail::ClockLock lock(c);
+    if (m_impl->line != nullptr && m_impl->line->peer == &m_impl->part)
+        m_impl->line->counted = true;
 }
 
 void Participant::LineRead(size_t n) {

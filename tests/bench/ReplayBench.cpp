@@ -44,7 +44,7 @@ void BM_VirtualReplay(benchmark::State& state) {
                 state.SkipWithError("no pseudo-terminal");
                 break;
             }
-            peer->ServeLine(box.SlavePath());
+            peer->ServeCountedLine(box.SlavePath());
             hostsim::PluginHost host;
             host.SetSerial(box.SlavePath());
             if (!host.Load(OBD_PLUGIN_PATH)) {

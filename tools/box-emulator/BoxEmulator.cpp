@@ -209,7 +209,7 @@ void BoxEmulator::SendLateAnswers(double nowMs, const BoxOptions& o) {
             continue;
         }
         if (a.installs && m_onInstalled) m_onInstalled();
-        Log("box -> " + Hex(a.bytes));
+        if (o.logSent && o.log) Log("box -> " + Hex(a.bytes));
         Transmit(a.bytes, o);
     }
 }
@@ -403,7 +403,7 @@ void BoxEmulator::TransmitOnce(const ByteVec& frame, const BoxOptions& o) {
 void BoxEmulator::SendFrame(uint16_t code, const ByteVec& payload, uint8_t seq) {
     const BoxOptions o = Effective(Now());
     const ByteVec f = Encode(code, payload, seq, o);
-    Log("box -> " + Hex(f));
+    if (o.logSent && o.log) Log("box -> " + Hex(f));
     Transmit(f, o);
 }
 
@@ -589,7 +589,7 @@ void BoxEmulator::OnFrame(ReceivedFrame f) {
             continue;
         }
         if (m_installAnswer && m_onInstalled) m_onInstalled();
-        Log("box -> " + Hex(a));
+        if (o.logSent && o.log) Log("box -> " + Hex(a));
         Transmit(a, o);
     }
 }

@@ -161,6 +161,9 @@ struct BoxOptions {
 
     // Receives one line per frame received or sent (decoded) and per fault applied.
     std::function<void(const std::string&)> log;
+    // Whether `log` gets a line for each frame the box sends: a caller that shows the wire
+    // already spares the box writing them out.
+    bool logSent = true;
     // Fixed at construction (Update does not change it). A simulator gives its own clock so
     // that the periods above are periods of its time.
     BoxClock clock;

@@ -12,7 +12,8 @@
 namespace obdsim {
 
 // Make `peer` before the box starts, on the thread that has the turn, and call
-// peer->ServeLine(box.SlavePath()) before the plug-in opens the line.
+// peer->ServeCountedLine(box.SlavePath()) before the plug-in opens the line (the box counts
+// every byte it moves).
 inline obdbox::BoxClock BoxHostClock(std::shared_ptr<hostsim::Participant> peer) {
     obdbox::BoxClock clock;
     clock.nowMs = [] { return static_cast<double>(hostsim::ClockNowMs()); };

@@ -117,10 +117,18 @@ Range RangeOf(int channel) {
     if (channel >= kRotX && channel <= kRotZ) {
         return {-32768.0 / kCountsPerDegPerS, 32767.0 / kCountsPerDegPerS};
     }
-    for (const char* name :
-         {"speed", "engine_speed", "accelerator", "brake", "clutch", "running_brake", "mileage",
-          "mileage2", "fuel", "gross", "battery_volt"}) {
-        if (ItemIndex(name) == channel) return {0.0, kFloatWhole};
+    // Looked up once: this runs for every value of a trip file.
+    static const std::vector<int> notNegative = [] {
+        std::vector<int> items;
+        for (const char* name :
+             {"speed", "engine_speed", "accelerator", "brake", "clutch", "running_brake", "mileage",
+              "mileage2", "fuel", "gross", "battery_volt"}) {
+            items.push_back(ItemIndex(name));
+        }
+        return items;
+    }();
+    for (int item : notNegative) {
+        if (item == channel) return {0.0, kFloatWhole};
     }
     return {-kFloatWhole, kFloatWhole};
 }

@@ -44,7 +44,7 @@ bool Session::Start(std::string& error) {
         return false;
     }
     std::string line = m_emulator->SlavePath();
-    peer->ServeLine(line);
+    peer->ServeCountedLine(line);
     if (m_opt.productType == 72) {
         m_relay = std::make_unique<CanRelay>(line, CanRelay::Tap{}, m_opt.onRelayed);
         if (!m_relay->Start(error)) {

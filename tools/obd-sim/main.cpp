@@ -861,14 +861,15 @@ int Run(int argc, char** argv) {
         }
         // The box's decoded view of what it received; what it sends is on the wire lines.
         o.log = [&printer](const std::string& line) {
-            if (line.rfind("box -> ", 0) != 0) printer.BoxNote(hostsim::ClockNowMs(), line);
+            printer.BoxNote(hostsim::ClockNowMs(), line);
         };
+        o.logSent = false;
         auto peer = std::make_shared<hostsim::Participant>("obd-box");
         o.clock = obdsim::BoxHostClock(peer);
         emulator = std::make_unique<obdbox::BoxEmulator>(std::move(o));
         if (!emulator->Start()) return Fail("box emulator: " + emulator->LastError(), 1);
         serial = emulator->SlavePath();
-        peer->ServeLine(serial);
+        peer->ServeCountedLine(serial);
         if (canBox) {
             link = std::make_unique<obdsim::LinkMonitor>(recordTap);
             relay = std::make_unique<obdsim::CanRelay>(
