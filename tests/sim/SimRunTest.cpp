@@ -487,7 +487,11 @@ TEST_F(SimRun, ThreadsAndFibersGiveTheSameBytes) {
         "--json --product-type 72 --duration 300",
         "--json --scenario " + kTrip + " --columns polidriving --duration 900",
         "--json --box-garbage 3 --box-escape --box-seed 7 --duration 300",
+        "--json --duration 120 --inject " + dir + "/script",
+        "--json --duration 120 --product-type 72 --inject " + dir + "/script",
     };
+    std::ofstream(dir + "/script") << "@500 6729 01 00 07 00\n@1500 6729 01 00 07 00\n"
+                                      "@90000 6729 01 00 07 00\n";
     for (const std::string& args : rows) {
         std::string outputs[2][3];
         for (int fibers = 0; fibers < 2; ++fibers) {

@@ -90,7 +90,7 @@ bool CanRelay::Start(std::string& error) {
         (void)!::write(m_wakeFd, &one, sizeof(one));
     });
     m_stop = false;
-    m_thread = std::thread([this] { Run(); });
+    m_thread = hostsim::Thread("can-relay", [this] { Run(); });
     return true;
 }
 
@@ -103,7 +103,7 @@ void CanRelay::Stop() {
         const uint64_t one = 1;
         (void)!::write(m_wakeFd, &one, sizeof(one));
     }
-    if (m_thread.joinable()) m_thread.join();
+    m_thread.Join();
     m_part.reset();
     for (int* fd : {&m_boxFd, &m_pluginMaster, &m_pluginSlave, &m_wakeFd}) {
         if (*fd >= 0) ::close(*fd);

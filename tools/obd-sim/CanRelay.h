@@ -76,7 +76,7 @@ class CanRelay {
     std::mutex m_mutex;  // m_frames: filled on the bus thread, emptied by the relay
     std::deque<std::vector<unsigned char>> m_frames;
     std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    hostsim::Thread m_thread;
 };
 
 }  // namespace obdsim

@@ -207,12 +207,19 @@ class Injector {
         // A file is read at host time's pace: at max speed host time waits for each line. Lines
         // typed on stdin come when they come.
         if (m_source != "-") m_part = std::make_unique<hostsim::Participant>("inject");
-        m_thread = std::thread([this] { Run(); });
+        // A fiber on virtual time reads a file; a pipe, which may block, keeps its own thread.
+        struct stat st {};
+        if (m_part && ::fstat(m_fd, &st) == 0 && S_ISREG(st.st_mode)) {
+            m_fileThread = hostsim::Thread("inject", [this] { Run(); });
+        } else {
+            m_thread = std::thread([this] { Run(); });
+        }
     }
 
     void Stop() {
         m_stop = true;
         if (m_part) m_part->Leave();
+        m_fileThread.Join();
         if (m_thread.joinable()) m_thread.join();
         if (m_own && m_fd >= 0) ::close(m_fd);
         m_fd = -1;
@@ -317,6 +324,7 @@ class Injector {
     static constexpr size_t kLongestLine = 64 * 1024;
     std::unique_ptr<hostsim::Participant> m_part;
     std::thread m_thread;
+    hostsim::Thread m_fileThread;
 };
 
 // Checks that `path` is a terminal we may open, before the plug-in tries, so that a wrong path
