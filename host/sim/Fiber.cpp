@@ -348,16 +348,26 @@ void EngineMain() {
 
 }  // namespace
 
+namespace {
+// The choice a process starts with: fibers, unless its environment says OBD_HOST_FIBERS=0.
+bool ChosenByEnvironment() {
+    const char* env = std::getenv("OBD_HOST_FIBERS");
+    return env == nullptr || std::strcmp(env, "0") != 0;
+}
+}  // namespace
+
 bool FibersChosen() {
 #if OBD_FIBERS
-    if (!g_envRead.exchange(true)) {
-        const char* env = std::getenv("OBD_HOST_FIBERS");
-        if (env != nullptr && std::strcmp(env, "0") == 0) g_chosen = false;
-    }
+    if (!g_envRead.exchange(true)) g_chosen = ChosenByEnvironment();
     return g_chosen.load() && ClockIsVirtual();
 #else
     return false;
 #endif
+}
+
+void ResetFibers() {
+    g_envRead = true;
+    g_chosen = ChosenByEnvironment();
 }
 
 Fiber* FiberStart(const std::string& name, std::function<void()> fn) {

@@ -31,6 +31,8 @@ struct Fiber;
 // Whether a thread started now on virtual time becomes a fiber: compiled in, chosen (see
 // hostsim::SetVirtualFibers) and the clock virtual.
 bool FibersChosen();
+// Back to the choice the process started with (hostsim::Reset).
+void ResetFibers();
 // Starts `fn` as a fiber; it runs as soon as the engine is free. Never null.
 Fiber* FiberStart(const std::string& name, std::function<void()> fn);
 // Waits for the fiber to end, from any thread or fiber (a fiber joining itself detaches), and

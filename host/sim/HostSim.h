@@ -40,7 +40,8 @@ namespace hostsim {
 
 // Puts every global setting back to its default: real clock at host time 0, product type 0, log
 // level 1, dump level 0, log sink stderr, no pending thread-creation failures, bus without
-// registrations, listeners or queued messages. Call between tests, with no PluginHost alive.
+// registrations, listeners or queued messages, fibers as the environment chose them. Call between
+// tests, with no PluginHost alive.
 void Reset();
 
 // ---- Clock ------------------------------------------------------------------------------------

@@ -74,6 +74,7 @@ void ResetPlatform() {
 void Reset() {
     ClockUseReal(0);
     detail::ResetPlatform();
+    detail::ResetFibers();
     detail::ResetLog();
     detail::ResetBus();
 }

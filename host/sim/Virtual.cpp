@@ -5,9 +5,10 @@
 // thread has already gone to sleep, whatever the machine's load; when the peripheral thread
 // broadcasts, the bus thread prints before the box writes its next frame.
 //
-// A turn passes from one thread to the next some hundred thousand times per host hour, so the
-// hand-off is a futex wake issued after the clock's mutex is released (ClockLock): the thread
-// given the turn wakes once and finds the mutex free.
+// A turn passes from one party to the next some hundred thousand times per host hour. Between
+// two fibers (Fiber.h) it is a switch in user space by the fiber engine; to a thread it is a
+// futex wake issued after the clock's mutex is released (ClockLock), so that the thread given
+// the turn wakes once and finds the mutex free.
 #include <linux/futex.h>
 #include <poll.h>
 #include <sys/ioctl.h>
