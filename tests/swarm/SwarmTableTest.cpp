@@ -89,8 +89,7 @@ TEST(SwarmTable, ResultLinesOfBothKindsAndNothingElse) {
         "seed 1: 0:01:12 of vehicle time, serial, faults none: fine; reproduce: r",
         "seed 1: 0:01:12 of vehicle time, serial, faults none: VIOLATION ; reproduce: r",
         "seed 1: x:01:12 of vehicle time, serial, faults none: ok; reproduce: r",
-        "seed 99999999999999999999: 0:01:12 of vehicle time, serial, faults none: ok; "
-        "reproduce: r",
+        "seed 99999999999999999999: 0:01:12 of vehicle time, serial, faults none: ok; reproduce: r",
         std::string("seed 1: \xff\x00\x80 of vehicle time", 27),
     };
     for (const std::string& line : refused) {
