@@ -35,58 +35,35 @@ TEST(Thresholds, TheNamedFieldsCoverEachOfThe238BytesOnce) {
 
 // Each name lands on the field the analyser's code calls so, and on nothing else.
 TEST(Thresholds, ANameWritesItsOwnFieldOfTheAnalysersRecord) {
+    // The field as the analyser's code names it, read from the record.
+#define FIELD(member) [](const tagGdsParam_t& g) -> long long { return g.member; }
     struct Case {
         const char* json;
         long long (*read)(const tagGdsParam_t&);
         long long want;
     };
     const Case cases[] = {
-        {R"({"accLevel1": -5})",
-         [](const tagGdsParam_t& g) -> long long { return g.alarmThreshold.accLevel1; }, -5},
-        {R"({"speedAccLevel3": 65535})",
-         [](const tagGdsParam_t& g) -> long long { return g.alarmThreshold.speedAccLevel3; },
-         65535},
-        {R"({"revving.engineSpeed1": 2500})",
-         [](const tagGdsParam_t& g) -> long long { return g.alarmThreshold.revving.engineSpeed1; },
-         2500},
-        {R"({"revving": {"engineSpeed3": 3200}})",
-         [](const tagGdsParam_t& g) -> long long { return g.alarmThreshold.revving.engineSpeed3; },
+        {R"({"accLevel1": -5})", FIELD(alarmThreshold.accLevel1), -5},
+        {R"({"speedAccLevel3": 65535})", FIELD(alarmThreshold.speedAccLevel3), 65535},
+        {R"({"revving.engineSpeed1": 2500})", FIELD(alarmThreshold.revving.engineSpeed1), 2500},
+        {R"({"revving": {"engineSpeed3": 3200}})", FIELD(alarmThreshold.revving.engineSpeed3),
          3200},
-        {R"({"voltage.chargeVolt12": 1300})",
-         [](const tagGdsParam_t& g) -> long long { return g.alarmThreshold.voltage.chargeVolt12; },
-         1300},
-        {R"({"throttle.level[2].throttle": 200})",
-         [](const tagGdsParam_t& g) -> long long {
-             return g.alarmThreshold.throttle.level[2].throttle;
-         },
+        {R"({"voltage.chargeVolt12": 1300})", FIELD(alarmThreshold.voltage.chargeVolt12), 1300},
+        {R"({"throttle.level[2].throttle": 200})", FIELD(alarmThreshold.throttle.level[2].throttle),
          200},
         {R"({"throttle": {"level": [{}, {"speed": 40}]}})",
-         [](const tagGdsParam_t& g) -> long long {
-             return g.alarmThreshold.throttle.level[1].speed;
-         },
-         40},
+         FIELD(alarmThreshold.throttle.level[1].speed), 40},
         {R"({"parkingCloseEngine.mileageLimit": -32768})",
-         [](const tagGdsParam_t& g) -> long long {
-             return g.alarmThreshold.parkingCloseEngine.mileageLimit;
-         },
-         -32768},
+         FIELD(alarmThreshold.parkingCloseEngine.mileageLimit), -32768},
         {R"({"highSpeedStartEngine.warmUpTime": 30})",
-         [](const tagGdsParam_t& g) -> long long {
-             return g.alarmThreshold.highSpeedStartEngine.warmUpTime;
-         },
-         30},
-        {R"({"reserved180[9]": 7})",
-         [](const tagGdsParam_t& g) -> long long { return g.alarmThreshold.reserved180[9]; }, 7},
-        {R"({"engineSpeedBand[7]": 3000})",
-         [](const tagGdsParam_t& g) -> long long { return g.statThreshold.engineSpeedBand[7]; },
-         3000},
-        {R"({"speedBand": [0, 20, 40, 80, 110]})",
-         [](const tagGdsParam_t& g) -> long long { return g.statThreshold.speedBand[4]; }, 110},
-        {R"({"idleMinuteBand[3]": 45})",
-         [](const tagGdsParam_t& g) -> long long { return g.statThreshold.idleMinuteBand[3]; }, 45},
-        {R"({"reserved45[2]": 255})",
-         [](const tagGdsParam_t& g) -> long long { return g.statThreshold.reserved45[2]; }, 255},
+         FIELD(alarmThreshold.highSpeedStartEngine.warmUpTime), 30},
+        {R"({"reserved180[9]": 7})", FIELD(alarmThreshold.reserved180[9]), 7},
+        {R"({"engineSpeedBand[7]": 3000})", FIELD(statThreshold.engineSpeedBand[7]), 3000},
+        {R"({"speedBand": [0, 20, 40, 80, 110]})", FIELD(statThreshold.speedBand[4]), 110},
+        {R"({"idleMinuteBand[3]": 45})", FIELD(statThreshold.idleMinuteBand[3]), 45},
+        {R"({"reserved45[2]": 255})", FIELD(statThreshold.reserved45[2]), 255},
     };
+#undef FIELD
     for (const Case& c : cases) {
         SCOPED_TRACE(c.json);
         std::vector<obdsim::ThresholdEdit> edits;

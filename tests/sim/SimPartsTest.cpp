@@ -386,111 +386,92 @@ TEST(Trip, ChecksTellWhenThePlugInMisbehaved) {
             trip.OnBus(Msg(s * 1000 + 1, 6720, Words(w2)));
         }
     };
-    struct Case {
-        const char* what;
-        const Drive* drive;
-        bool up;  // the link reported up at 0.5 s
-        Events events;
-        long long endMs;
-        std::string problem;  // "" for none
-    };
-    const std::vector<Case> cases = {
-        {"a healthy trip", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 19, 10);
-             seconds(t, 20, 25, 10, 4);  // over-running at level 3 from 20 s
-             seconds(t, 26, 30, 10);
-         },
-         30000, ""},
-        {"a broadcast late", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 5, 10);
-             seconds(t, 8, 19, 10);
-         },
-         19000, "no OBD data broadcast (6702) from 0:00:05 to 0:00:08"},
-        {"broadcasts stop before the end", &drive, true, [&](TripLog& t) { seconds(t, 1, 10, 10); },
-         14000, "no OBD data broadcast (6702) from 0:00:10 to 0:00:14"},
-        {"the link reported lost", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 10, 10);
-             t.OnBus(Msg(10500, 6699, Status(false)));
-         },
-         10000, "the plug-in reported the OBD link lost at 0:00:10"},
-        {"the link never up", &drive, false, [&](TripLog& t) { seconds(t, 1, 16, 10); }, 16000,
-         "the plug-in never reported the OBD link up"},
-        {"data that does not follow the box", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 5, 10);
-             for (int s = 6; s <= 12; ++s) {
-                 DriveSample f;
-                 f.value[OBD_IDX_SPEED] = 50;
-                 f.present.set(OBD_IDX_SPEED);
-                 t.OnFrame(s * 1000 - 500, f);
-                 t.OnBus(Msg(s * 1000, 6702, Table(10)));
-                 t.OnBus(Msg(s * 1000, 6720, Words(0)));
-             }
-         },
-         12000, "the plug-in's OBD data stopped following the box from 0:00:08"},
-        {"an alarm missing", &drive, true, [&](TripLog& t) { seconds(t, 1, 30, 10); }, 30000,
-         "engine over-running expected at 0:00:20 did not come"},
-        {"an alarm twice", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 19, 10);
-             seconds(t, 20, 21, 10, 4);
-             seconds(t, 22, 25, 10);
-             seconds(t, 26, 30, 10, 4);
-         },
-         30000, "engine over-running came 2 times"},
-        {"an alarm dropping for a second is one", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 19, 10);
-             seconds(t, 20, 21, 10, 4);
-             seconds(t, 22, 22, 10);
-             seconds(t, 23, 30, 10, 4);
-         },
-         30000, ""},
-        {"an alarm late", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 25, 10);
-             seconds(t, 26, 30, 10, 4);
-         },
-         30000, "engine over-running came at 0:00:26, expected at 0:00:20"},
-        {"another alarm", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 19, 10);
-             seconds(t, 20, 30, 10, 4 | 1 << 10);
-         },
-         30000, "unexpected alarm: idling timeout at 0:00:20"},
-        {"an upgrade pauses the 1 s work", &drive, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 5, 10);
-             t.OnBus(Msg(5500, 6729, std::vector<unsigned char>(20, 0), true));
-             t.OnBus(Msg(15500, 6730, Bytes("00070a64" + std::string(32, '0'))));
-             seconds(t, 16, 19, 10);
-         },
-         19000, ""},
-        {"a real box, nothing expected", nullptr, true,
-         [&](TripLog& t) {
-             seconds(t, 1, 3, 10);
-             seconds(t, 9, 10, 10);
-         },
-         30000, ""},
-        {"no OBD plug-in, a short run", &drive, false, [&](TripLog&) {}, 5000, ""},
-    };
-    for (const Case& c : cases) {
-        TripLog trip(c.drive, 0);
-        if (c.up) trip.OnBus(Msg(500, 6699, Status(true)));
-        c.events(trip);
-        trip.Finish(c.endMs);
+    // The link reported up at 0.5 s when `up`; the first problem must start with `problem` ("" for
+    // none).
+    auto check = [](const char* what, const Drive* d, bool up, long long endMs,
+                    const std::string& problem, const Events& events) {
+        SCOPED_TRACE(what);
+        TripLog trip(d, 0);
+        if (up) trip.OnBus(Msg(500, 6699, Status(true)));
+        events(trip);
+        trip.Finish(endMs);
         const std::vector<std::string> problems = trip.Problems();
-        if (c.problem.empty()) {
-            EXPECT_TRUE(problems.empty()) << c.what << ": " << problems.front();
+        if (problem.empty()) {
+            EXPECT_TRUE(problems.empty()) << problems.front();
         } else {
-            ASSERT_FALSE(problems.empty()) << c.what;
-            EXPECT_EQ(problems.front().rfind(c.problem, 0), 0u)
-                << c.what << ": " << problems.front();
+            ASSERT_FALSE(problems.empty());
+            EXPECT_EQ(problems.front().rfind(problem, 0), 0u) << problems.front();
         }
-    }
+    };
+    check("a healthy trip", &drive, true, 30000, "", [&](TripLog& t) {
+        seconds(t, 1, 19, 10);
+        seconds(t, 20, 25, 10, 4);  // over-running at level 3 from 20 s
+        seconds(t, 26, 30, 10);
+    });
+    check("a broadcast late", &drive, true, 19000,
+          "no OBD data broadcast (6702) from 0:00:05 to 0:00:08", [&](TripLog& t) {
+              seconds(t, 1, 5, 10);
+              seconds(t, 8, 19, 10);
+          });
+    check("broadcasts stop before the end", &drive, true, 14000,
+          "no OBD data broadcast (6702) from 0:00:10 to 0:00:14",
+          [&](TripLog& t) { seconds(t, 1, 10, 10); });
+    check("the link reported lost", &drive, true, 10000,
+          "the plug-in reported the OBD link lost at 0:00:10", [&](TripLog& t) {
+              seconds(t, 1, 10, 10);
+              t.OnBus(Msg(10500, 6699, Status(false)));
+          });
+    check("the link never up", &drive, false, 16000, "the plug-in never reported the OBD link up",
+          [&](TripLog& t) { seconds(t, 1, 16, 10); });
+    check("data that does not follow the box", &drive, true, 12000,
+          "the plug-in's OBD data stopped following the box from 0:00:08", [&](TripLog& t) {
+              seconds(t, 1, 5, 10);
+              for (int s = 6; s <= 12; ++s) {
+                  DriveSample f;
+                  f.value[OBD_IDX_SPEED] = 50;
+                  f.present.set(OBD_IDX_SPEED);
+                  t.OnFrame(s * 1000 - 500, f);
+                  t.OnBus(Msg(s * 1000, 6702, Table(10)));
+                  t.OnBus(Msg(s * 1000, 6720, Words(0)));
+              }
+          });
+    check("an alarm missing", &drive, true, 30000,
+          "engine over-running expected at 0:00:20 did not come",
+          [&](TripLog& t) { seconds(t, 1, 30, 10); });
+    check("an alarm twice", &drive, true, 30000, "engine over-running came 2 times",
+          [&](TripLog& t) {
+              seconds(t, 1, 19, 10);
+              seconds(t, 20, 21, 10, 4);
+              seconds(t, 22, 25, 10);
+              seconds(t, 26, 30, 10, 4);
+          });
+    check("an alarm dropping for a second is one", &drive, true, 30000, "", [&](TripLog& t) {
+        seconds(t, 1, 19, 10);
+        seconds(t, 20, 21, 10, 4);
+        seconds(t, 22, 22, 10);
+        seconds(t, 23, 30, 10, 4);
+    });
+    check("an alarm late", &drive, true, 30000,
+          "engine over-running came at 0:00:26, expected at 0:00:20", [&](TripLog& t) {
+              seconds(t, 1, 25, 10);
+              seconds(t, 26, 30, 10, 4);
+          });
+    check("another alarm", &drive, true, 30000, "unexpected alarm: idling timeout at 0:00:20",
+          [&](TripLog& t) {
+              seconds(t, 1, 19, 10);
+              seconds(t, 20, 30, 10, 4 | 1 << 10);
+          });
+    check("an upgrade pauses the 1 s work", &drive, true, 19000, "", [&](TripLog& t) {
+        seconds(t, 1, 5, 10);
+        t.OnBus(Msg(5500, 6729, std::vector<unsigned char>(20, 0), true));
+        t.OnBus(Msg(15500, 6730, Bytes("00070a64" + std::string(32, '0'))));
+        seconds(t, 16, 19, 10);
+    });
+    check("a real box, nothing expected", nullptr, true, 30000, "", [&](TripLog& t) {
+        seconds(t, 1, 3, 10);
+        seconds(t, 9, 10, 10);
+    });
+    check("no OBD plug-in, a short run", &drive, false, 5000, "", [&](TripLog&) {});
 }
 
 // The plug-in's 1 s timer restarts from the cycle that ran it, so on a clock with late cycles its
