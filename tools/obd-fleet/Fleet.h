@@ -36,8 +36,9 @@ struct TripResult {
 };
 
 // The row of one trip (ordered JSON): trip, file, driver, date, status (ok, misbehaved, diverged
-// (a replayed capture whose plug-in did other than recorded), failed, not run), reason, vehicle_h, km, drive_h, idle_h, fuel_l, alarms {kind: {n, s, per100km, pct}}
-// for every kind, what_if {set: {kind: ...}} for each what-if set, link {...}, report.
+// (a replayed capture whose plug-in did other than recorded), failed, not run), reason, vehicle_h,
+// km, drive_h, idle_h, fuel_l, alarms {kind: {n, s, per100km, pct}} for every kind, what_if {set:
+// {kind: ...}} for each what-if set, link {...}, report.
 Json TripRow(const TripResult& trip);
 
 // All rows of a fleet run's folder, in trips.tsv's order; false with `error` when the folder has
